@@ -1,0 +1,9 @@
+#include "core/log.h"
+
+extern "C" {
+
+QUELTA_API LogCallback log_func = nullptr;
+
+QUELTA_API void RegisterLogCallback(LogCallback fn) { log_func = fn; }
+
+}  // extern "C"

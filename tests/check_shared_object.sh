@@ -1,0 +1,24 @@
+#!/bin/sh
+# The shared object exports exactly the interface names listed in the export
+# map (no C++ names, no internals) and needs nothing but libc and libm.
+set -eu
+so="$1"
+map="$2"
+expected=$(sed -n 's/^    \([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$map" | sort)
+actual=$(nm -D --defined-only "$so" | awk '{print $3}' | sed 's/@.*//' | sort)
+if [ "$expected" != "$actual" ]; then
+  echo "exported symbols differ from $map:"
+  echo "$expected" > /tmp/quelta_expected.$$
+  echo "$actual" > /tmp/quelta_actual.$$
+  diff /tmp/quelta_expected.$$ /tmp/quelta_actual.$$ || true
+  rm -f /tmp/quelta_expected.$$ /tmp/quelta_actual.$$
+  exit 1
+fi
+needed=$(readelf -d "$so" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p' | sort | tr '\n' ' ')
+for lib in $needed; do
+  case "$lib" in
+    libc.so.*|libm.so.*|ld-linux*) ;;
+    *) echo "unexpected run-time dependency: $lib"; exit 1 ;;
+  esac
+done
+echo "exports $(echo "$actual" | wc -l) symbols; needs: $needed"
