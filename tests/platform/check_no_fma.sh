@@ -15,7 +15,7 @@ for file in "$@"; do
       split($2, words, " ")
       if (words[1] ~ /^v?fn?m(add|sub|ad|sb|l[as])/) print symbol " " $2 " " $3
     }')
-  instructions=$(printf '%s\n' "$listing" | grep -c '^ *[0-9a-f]*:	' || true)
+  instructions=$(printf '%s\n' "$listing" | grep -cE '^ *[0-9a-f]+: *	' || true)
   if [ "$instructions" -eq 0 ]; then
     echo "$file: no instructions disassembled"
     status=1
