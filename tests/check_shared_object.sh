@@ -21,6 +21,7 @@ needed=$("$readelf" -d "$so" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p' | so
 for lib in $needed; do
   case "$lib" in
     libc.so.*|libm.so.*|ld-linux*) ;;
+    libc.so|libm.so|libdl.so) ;; # Android names (the NDK may add libdl)
     *) echo "unexpected run-time dependency: $lib"; exit 1 ;;
   esac
 done

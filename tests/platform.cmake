@@ -10,7 +10,6 @@ if(CMAKE_OBJDUMP)
   # The check itself must notice a contraction on this target: an object
   # built with contraction forced on has to fail it.
   add_library(quelta_fma_probe OBJECT platform/fma_probe.c)
-  set_target_properties(quelta_fma_probe PROPERTIES EXCLUDE_FROM_ALL OFF)
   target_compile_options(quelta_fma_probe PRIVATE -O2 -ffp-contract=fast)
   if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64)$")
     target_compile_options(quelta_fma_probe PRIVATE -mfma)

@@ -43,6 +43,7 @@ fi
 LD_LIBRARY_PATH="$libdir" $emulator "$work/cmake-host/host"
 
 echo "== pkg-config"
+command -v pkg-config >/dev/null || { echo "pkg-config is not installed"; exit 1; }
 flags=$(PKG_CONFIG_LIBDIR="$(dirname "$pc")" pkg-config --cflags --libs QueltaAlgo)
 echo "pkg-config --cflags --libs QueltaAlgo: $flags"
 set --
