@@ -27,7 +27,7 @@ void pushNewest(float (&history)[Slots][RotationVectorFusion::kSlotSize], const 
   copySlot(sample, history[0]);
 }
 
-// Mean of all slots, summed newest to oldest.
+// Mean of all slots, summed from zero, newest to oldest.
 template <int32_t Slots>
 void slotMean(const float (&history)[Slots][RotationVectorFusion::kSlotSize], float* out) {
   for (int32_t k = 0; k < RotationVectorFusion::kSlotSize; ++k) {

@@ -32,9 +32,9 @@ inline int captureLog(const char* fmt, ...) {
   return 0;
 }
 
-inline std::string formatted(const char* fmt, double a, double b, double c) {
+inline std::string formatted(const char* fmt, double a, double b, double c, double d) {
   char buffer[512];
-  std::snprintf(buffer, sizeof buffer, fmt, a, b, c);
+  std::snprintf(buffer, sizeof buffer, fmt, a, b, c, d);
   return buffer;
 }
 
