@@ -90,7 +90,9 @@ TEST(CalibrationPool, PartialFitsGradeOneAndTwoThenTheFullFitGradesThree) {
   EXPECT_EQ(cal.state.bNewCalPara, 0);
   feedPoints(cal, 6, 15);
   EXPECT_EQ(cal.state.iMagAccuracy, 1);
-  feedPoints(cal, 15, 32);
+  feedPoints(cal, 15, 16);
+  EXPECT_EQ(cal.state.iMagAccuracy, 2);
+  feedPoints(cal, 16, 32);
   EXPECT_EQ(cal.state.iMagAccuracy, 2);
   EXPECT_EQ(cal.state.iCalBufferCount, 32);
   EXPECT_EQ(countLines("QUELTA6a objSP.iMagCalisOK = 1"), 27);

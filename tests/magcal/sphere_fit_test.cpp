@@ -132,6 +132,12 @@ TEST(MatInv, InvertsWithRowAndColumnExchangesAndTies) {
   for (int i = 0; i < 4; ++i)
     for (int j = 0; j < 4; ++j) EXPECT_EQ(h[i][j], hInv[j][i] / 4.0) << i << j;
 
+  // Of the tied (0, 3) and (3, 0) the row-major first is taken: the column
+  // exchange shows in the partly transformed matrix left by the failure.
+  double tie[4][4] = {{0, 0, 0, 2}, {0, 0, 0, 0}, {0, 0, 0, 0}, {-2, 0, 0, 0}};
+  EXPECT_FALSE(MatInv(tie));
+  EXPECT_EQ(tie[0][0], 0.5);
+
   // Pivots off the diagonal force row and column exchanges to be undone.
   double p[4][4] = {{0, 0, 0, 4}, {0, 0, -2, 0}, {0, 8, 0, 0}, {0.5, 0, 0, 0}};
   ASSERT_TRUE(MatInv(p));
