@@ -2,7 +2,6 @@
 // known sphere and a sample feeder for a calibrator instance.
 #pragma once
 
-#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
@@ -14,9 +13,9 @@
 
 namespace magcal_test {
 
-inline std::vector<std::string>& capturedLines() {
-  static std::vector<std::string> lines;
-  return lines;
+inline std::vector<std::string>& lines() {
+  static std::vector<std::string> captured;
+  return captured;
 }
 
 inline int captureLog(const char* fmt, ...) {
@@ -25,24 +24,18 @@ inline int captureLog(const char* fmt, ...) {
   va_start(args, fmt);
   std::vsnprintf(buf, sizeof buf, fmt, args);
   va_end(args);
-  capturedLines().push_back(buf);
+  lines().push_back(buf);
   return 0;
 }
 
 inline void startCapture() {
-  capturedLines().clear();
+  lines().clear();
   RegisterLogCallback(captureLog);
-}
-
-inline int countLines(const std::string& text) {
-  int n = 0;
-  for (const std::string& line : capturedLines()) n += line == text ? 1 : 0;
-  return n;
 }
 
 inline int countPrefix(const std::string& prefix) {
   int n = 0;
-  for (const std::string& line : capturedLines()) n += line.rfind(prefix, 0) == 0 ? 1 : 0;
+  for (const std::string& line : lines()) n += line.rfind(prefix, 0) == 0 ? 1 : 0;
   return n;
 }
 
@@ -60,13 +53,13 @@ inline Point spherePoint(int i, int n, float radius, const float* centre) {
 
 constexpr float kUp[3] = {0.0f, 0.0f, 1.0f};
 
-inline void feed(quelta::Calibrator& cal, const float* mag, int restart = 0, int mode = 0) {
-  cal.process(kUp, mag, mag, restart, mode);
+inline void feed(quelta::Calibrator& cal, const float* mag, int mode = 0) {
+  cal.process(kUp, mag, mag, 0, mode);
 }
 
 inline void feed(quelta::Calibrator& cal, float x, float y, float z, int mode = 0) {
   const float mag[3] = {x, y, z};
-  feed(cal, mag, 0, mode);
+  feed(cal, mag, mode);
 }
 
 }  // namespace magcal_test
