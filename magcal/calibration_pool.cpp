@@ -135,7 +135,7 @@ Calibrator::PoolScan Calibrator::scanPool(int32_t count) const {
 
 // The configured full-pool count, capped at the pool's capacity so that no
 // configuration can make the pool grow past its last entry. Counts below 1
-// act like 1: a pool that holds a sample is then always full.
+// need no bound: the full fit then follows the early phase directly.
 int32_t Calibrator::fullPoolCount() const {
   const int32_t full = state.config.iFullCalCount;
   return full > kCalPoolCapacity ? kCalPoolCapacity : full;
