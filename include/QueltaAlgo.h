@@ -70,7 +70,12 @@ QUELTA_API void RegisterLogCallback(LogCallback fn);
  *                threshold (frozen axis), accelerometer still threshold.
  *   paraC[3]     sample period in ms (sample rate = 1000 / paraC[0], 0 for 0),
  *                azimuth median window length, azimuth mean window length.
- *   logCallback  registered as by RegisterLogCallback (null switches off). */
+ *   logCallback  registered as by RegisterLogCallback (null switches off).
+ * No value is rejected; the counts are stored as given. The pool holds 35
+ * samples, and whatever the counts say it never grows past them: a full-pool
+ * count above 35 acts as 35 when used (the full fit then runs on 35 samples),
+ * and the spacing-only early phase, however large the min count, also ends at
+ * 35 samples. Grading stays consistent only with min <= mid <= full. */
 QUELTA_API int32_t AlgoInitial(const float *paraAxis, const float *paraInit,
                                const float *paraPool, const float *paraThd,
                                const int32_t *paraC, LogCallback logCallback);
