@@ -2,6 +2,8 @@
 // frame, sampled at a fixed interval, with a calibrated (offset-free) field.
 #pragma once
 
+#include <cmath>
+
 #include "tools/sim/device_sim.h"
 
 namespace quelta::test {
