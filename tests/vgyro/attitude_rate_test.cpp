@@ -155,20 +155,4 @@ TEST(FieldRate, KeepsThePreviousAxisForAtMostFiveCalls) {
   EXPECT_NEAR(estimator.fWMagAxisPrev[0], 1.0, 1e-6);
 }
 
-TEST(FieldRate, ExportedFunctionKeepsOneProcessWideAxisMemory) {
-  float a[3], b[3], c[3], out[3];
-  fieldAboutZ(0.0f, a);
-  fieldAboutZ(0.1f, b);
-  fieldAboutZ(0.2f, c);
-  ThreeSamples aboutZ(a, b, c);
-  fieldAboutX(0.0f, a);
-  fieldAboutX(0.1f, b);
-  fieldAboutX(0.2f, c);
-  ThreeSamples aboutX(a, b, c);
-  getWMag(&aboutZ.rec, out, 0.01f);
-  getWMag(&aboutX.rec, out, 0.01f);  // held: the memory persisted between calls
-  EXPECT_EQ(out[0], 0.0f);
-  EXPECT_GT(out[2], 0.0f);
-}
-
 }  // namespace

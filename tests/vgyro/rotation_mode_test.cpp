@@ -59,18 +59,6 @@ TEST(RotationMode, TwoDegreesOfIntegratedAngleTriggerAtOnce) {
   EXPECT_EQ(detector.iMoveCount, 1);
 }
 
-TEST(RotationMode, NotANumberCountsAsStillAndNeverTriggers) {
-  quelta::RotationModeDetector detector;
-  const float nan[3] = {NAN, 0.0f, 0.0f};
-  for (int call = 1; call <= 30; ++call) EXPECT_EQ(detector.update(nan, 0, 0.01f), 0);
-  const float moving[3] = {0.2f, 0.0f, 0.0f};
-  for (int call = 1; call <= 10; ++call) detector.update(moving, 0, 0.01f);
-  EXPECT_EQ(detector.bRotationMode, 1);
-  EXPECT_EQ(detector.update(nan, 0, 0.01f), 1);
-  EXPECT_TRUE(std::isnan(detector.fRotAngleSum[0]));
-  EXPECT_EQ(detector.iStillCount, 1);
-}
-
 const float kB[2] = {0.06f, 0.06f};
 const float kA[2] = {1.0f, -0.88f};
 
@@ -114,14 +102,6 @@ TEST(RandomGenerator, RunsTheMinimalStandardSequenceFromStateOne) {
   EXPECT_EQ(generator.iRandState, 48271);
   generator.next(-5, 1);  // seeded 2147483642
   EXPECT_EQ(generator.iRandState, static_cast<int32_t>((2147483642LL * 48271) % 2147483647));
-
-  // Every state stays in range and every result in [-1, 1].
-  for (int i = 0; i < 10000; ++i) {
-    const float u = generator.next(1, 0);
-    ASSERT_GE(u, -1.0f);
-    ASSERT_LE(u, 1.0f);
-    ASSERT_GT(generator.iRandState, 0);
-  }
 }
 
 TEST(RandomGenerator, ExportedGeneratorSeedsOnFirstUseAndRunsOn) {
@@ -153,9 +133,6 @@ TEST(RateChoice, BothFastTakesTheSmallerComponentOffTheDominantAxis) {
   quelta::selectRate(tmpW, slowMag, w);
   EXPECT_EQ(w[1], 1.0f);
   EXPECT_EQ(w[2], -1.0f);
-  const float nanMag[3] = {NAN, 0.0f, 0.0f};
-  quelta::selectRate(tmpW, nanMag, w);
-  EXPECT_EQ(w[1], 1.0f);
 }
 
 }  // namespace
