@@ -28,10 +28,13 @@ void subtract(const float* a, const float* b, float* out) {
 }  // namespace
 
 void FieldRateEstimator::rate(const DataBuffer& buf, float* out, float dt) {
+  // Exactly the first three components of each sample, zeros when missing.
   float s0[3], s1[3], s2[3];
-  bufferGet(buf, s0, 0);
-  bufferGet(buf, s1, 1);
-  bufferGet(buf, s2, 2);
+  for (int32_t j = 0; j < 3; ++j) {
+    s0[j] = sampleComponent(buf, 0, j);
+    s1[j] = sampleComponent(buf, 1, j);
+    s2[j] = sampleComponent(buf, 2, j);
+  }
   float d1[3], d2[3];
   subtract(s0, s1, d1);
   subtract(s1, s2, d2);
