@@ -43,6 +43,13 @@ Vec3 fibonacciDirection(int i, int n) {
   return {r * std::cos(golden * i), r * std::sin(golden * i), z};
 }
 
+Quat handHeldMotion(double timeS) {
+  const double headingDeg = 0.9 * timeS / kDegToRad;
+  const double pitchDeg = 60.0 * std::sin(0.7 * timeS);
+  const double rollDeg = 40.0 * std::sin(1.1 * timeS + 0.5);
+  return attitudeFromHeadingPitchRoll(headingDeg, pitchDeg, rollDeg);
+}
+
 uint64_t Random::next() {
   uint64_t z = (state_ += 0x9E3779B97F4A7C15ull);
   z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;

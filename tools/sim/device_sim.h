@@ -28,6 +28,11 @@ Vec3 rotate(const Quat& q, const Vec3& v);  // q v q*
 Quat attitudeFromHeadingPitchRoll(double headingDeg, double pitchDeg, double rollDeg);
 // The i-th of n directions spread evenly over the unit sphere.
 Vec3 fibonacciDirection(int i, int n);
+// A device turned about all its axes in the hand, as while walking around
+// with it: the heading sweeps full turns at 0.9 rad/s while pitch swings by
+// +-60 and roll by +-40 degrees, so the field sweeps most of its sphere every
+// few seconds. Device-to-ENU attitude at time t (seconds).
+Quat handHeldMotion(double timeS);
 
 // Deterministic generator (splitmix64), the same sequence on every platform.
 class Random {
