@@ -9,7 +9,7 @@
 #include "vgyro/attitude.h"
 #include "vgyro/data_buffer.h"
 #include "vgyro/filter_compensation.h"
-#include "vgyro/smoothing_filters.h"
+#include "vgyro/pipeline_filters.h"
 
 namespace quelta {
 
@@ -147,22 +147,23 @@ void VirtualGyro::checkInputs(const float* mag, const float* acc, LogModes log) 
 
 // Median of 3, then the two-tap low-pass, then the mean of 3, for both inputs.
 void VirtualGyro::smoothInputs(const float* mag, const float* acc) {
+  using namespace pipeline;
   const GyroBuffers& b = parts_.buffers;
-  bufferPut(*b.magRaw.record, mag);
-  bufferPut(*b.accRaw.record, acc);
-  medianFilter(*b.magRaw.record, *b.magMed.record, 3);
-  medianFilter(*b.accRaw.record, *b.accMed.record, 3);
-  recursiveLowPass(*b.magMed.record, *b.magLPF.record, fMagAccLpfB, fMagAccLpfA, 2, 2);
-  recursiveLowPass(*b.accMed.record, *b.accLPF.record, fMagAccLpfB, fMagAccLpfA, 2, 2);
-  movingMeanFilter(*b.magLPF.record, *b.magMean.record, 3);
-  movingMeanFilter(*b.accLPF.record, *b.accMean.record, 3);
+  put<kRawLen>(*b.magRaw.record, mag);
+  put<kRawLen>(*b.accRaw.record, acc);
+  medianOf3<kRawLen, kMedianLen>(*b.magRaw.record, *b.magMed.record);
+  medianOf3<kRawLen, kMedianLen>(*b.accRaw.record, *b.accMed.record);
+  lowPass2<kMedianLen, kLowPassLen>(*b.magMed.record, *b.magLPF.record, fMagAccLpfB, fMagAccLpfA);
+  lowPass2<kMedianLen, kLowPassLen>(*b.accMed.record, *b.accLPF.record, fMagAccLpfB, fMagAccLpfA);
+  meanOf3<kLowPassLen, kMeanLen>(*b.magLPF.record, *b.magMean.record);
+  meanOf3<kLowPassLen, kMeanLen>(*b.accLPF.record, *b.accMean.record);
 }
 
 // Zero when the smoothed pair cannot give an attitude.
 void VirtualGyro::attitudeOfSmoothedSamples(float* q) const {
   float magM[3], accM[3];
-  bufferGet(*parts_.buffers.magMean.record, magM, 0);
-  bufferGet(*parts_.buffers.accMean.record, accM, 0);
+  pipeline::getNewest<kMeanLen>(*parts_.buffers.magMean.record, magM);
+  pipeline::getNewest<kMeanLen>(*parts_.buffers.accMean.record, accM);
   float Cn2b[9];
   cn2bFromMagAcc(magM, accM, Cn2b);
   q[0] = q[1] = q[2] = q[3] = 0.0f;
@@ -218,10 +219,11 @@ void VirtualGyro::applyStartupErrorPeriod(float* w, LogModes log) {
 }
 
 void VirtualGyro::smoothRate(float* w) {
+  using namespace pipeline;
   const GyroBuffers& b = parts_.buffers;
-  bufferPut(*b.wRaw.record, w);
-  recursiveLowPass(*b.wRaw.record, *b.wFilter.record, fRateLpfB, fRateLpfA, 2, 2);
-  bufferGet(*b.wFilter.record, w, 0);
+  put<kRateRawLen>(*b.wRaw.record, w);
+  lowPass2<kRateRawLen, kRateFilterLen>(*b.wRaw.record, *b.wFilter.record, fRateLpfB, fRateLpfA);
+  getNewest<kRateFilterLen>(*b.wFilter.record, w);
 }
 
 void VirtualGyro::publishRate(uint8_t mode, float* w, float ts, LogModes log) {
