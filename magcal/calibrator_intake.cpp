@@ -1,5 +1,6 @@
 #include <cmath>
 
+#include "core/float4.h"
 #include "magcal/calibration_trace.h"
 #include "magcal/calibrator.h"
 
@@ -7,18 +8,19 @@ namespace quelta {
 
 namespace {
 
-// Population variance per axis of all 30 entries, about their mean.
+// Population variance per axis of all 30 entries, about their mean, each
+// axis summed oldest to newest (the three side by side).
 void historyVariance(const History30& history, float* variance) {
-  float mean[3];
-  MeanOf30(history, mean);
-  for (int32_t axis = 0; axis < 3; ++axis) {
-    float sum = 0.0f;
-    for (int32_t k = 0; k < History30::kLength; ++k) {
-      const float d = history.at(k)[axis] - mean[axis];
-      sum = sum + d * d;
-    }
-    variance[axis] = sum / 30.0f;
-  }
+  const Float4 mean = load4(history.meanLanes());
+  Float4 sum = {0.0f, 0.0f, 0.0f, 0.0f};
+  history.forEachOldestFirst([mean, &sum](const float* e) {
+    const Float4 d = load4(e) - mean;
+    sum = sum + d * d;
+  });
+  const Float4 v = sum / 30.0f;
+  variance[0] = v[0];
+  variance[1] = v[1];
+  variance[2] = v[2];
 }
 
 constexpr int32_t kSaturationCount = 11;  // moving samples with a frozen probe axis

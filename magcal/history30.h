@@ -1,41 +1,79 @@
 // The last 30 three-axis samples, oldest first. Entry k is the (k+1)-th
 // sample while filling; once full, entry 0 is the oldest and entry 29 the
 // newest, and every new sample pushes the oldest out.
+//
+// Stored as a ring: a new sample overwrites the oldest in place instead of
+// moving the other 29, and the entries are read from the oldest on, so every
+// sum over the history still runs oldest to newest. Each entry has a fourth,
+// always-zero lane, so the three axes can be summed side by side. The mean
+// is kept until the history changes: the driver and the orientation both
+// need it for the same samples.
 #pragma once
 
 #include <cstdint>
+
+#include "core/float4.h"
 
 namespace quelta {
 
 struct History30 {
   static constexpr int32_t kLength = 30;
+  static constexpr int32_t kLanes = 4;  // x, y, z and a zero lane
 
-  float entry[kLength][3] = {};
+  alignas(16) float ring[kLength][kLanes] = {};
+  int32_t oldest = 0;  // ring slot of entry 0
+  alignas(16) mutable float cachedMean[kLanes] = {};
+  mutable bool meanValid = false;
 
-  const float* at(int32_t k) const { return entry[k]; }
-  float* at(int32_t k) { return entry[k]; }
+  const float* at(int32_t k) const { return ring[slot(k)]; }
 
   void store(int32_t k, const float* v) {
-    entry[k][0] = v[0];
-    entry[k][1] = v[1];
-    entry[k][2] = v[2];
+    float* e = ring[slot(k)];
+    e[0] = v[0];
+    e[1] = v[1];
+    e[2] = v[2];
+    meanValid = false;
   }
 
   // Drops entry 0 and appends v as entry 29.
   void shiftIn(const float* v) {
-    for (int32_t k = 0; k < kLength - 1; ++k) store(k, entry[k + 1]);
-    store(kLength - 1, v);
+    store(0, v);
+    oldest = oldest + 1 == kLength ? 0 : oldest + 1;
+  }
+
+  // Calls visit(entry) for entries 0 to 29 in order.
+  template <typename Visit>
+  void forEachOldestFirst(Visit visit) const {
+    for (int32_t s = oldest; s < kLength; ++s) visit(ring[s]);
+    for (int32_t s = 0; s < oldest; ++s) visit(ring[s]);
+  }
+
+  // Per-axis mean of all 30 entries (see MeanOf30) in lanes 0 to 2; lane 3
+  // is 0. Valid until the history changes.
+  const float* meanLanes() const {
+    if (!meanValid) {
+      Float4 sum = {0.0f, 0.0f, 0.0f, 0.0f};
+      forEachOldestFirst([&sum](const float* e) { sum = sum + load4(e); });
+      store4(cachedMean, sum / 30.0f);
+      meanValid = true;
+    }
+    return cachedMean;
+  }
+
+ private:
+  int32_t slot(int32_t k) const {
+    const int32_t s = oldest + k;
+    return s >= kLength ? s - kLength : s;
   }
 };
 
 // Per-axis mean of all 30 entries, summed oldest to newest in single
 // precision, whatever the fill count says.
 inline void MeanOf30(const History30& h, float* out) {
-  for (int32_t axis = 0; axis < 3; ++axis) {
-    float sum = 0.0f;
-    for (int32_t k = 0; k < History30::kLength; ++k) sum = sum + h.at(k)[axis];
-    out[axis] = sum / 30.0f;
-  }
+  const float* mean = h.meanLanes();
+  out[0] = mean[0];
+  out[1] = mean[1];
+  out[2] = mean[2];
 }
 
 }  // namespace quelta
