@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "core/float4.h"
 #include "core/log.h"
 #include "rotvec/cn2b_from_directions.h"
 
@@ -17,24 +18,6 @@ inline float atLeast(float v, float floor) { return v < floor ? floor : v; }
 
 void copySlot(const float* from, float* to) {
   for (int32_t k = 0; k < RotationVectorFusion::kSlotSize; ++k) to[k] = from[k];
-}
-
-// Moves every slot back by one (the last one drops out) and puts sample in
-// slot 0, so slot 0 is always the newest.
-template <int32_t Slots>
-void pushNewest(float (&history)[Slots][RotationVectorFusion::kSlotSize], const float* sample) {
-  for (int32_t s = Slots - 1; s > 0; --s) copySlot(history[s - 1], history[s]);
-  copySlot(sample, history[0]);
-}
-
-// Mean of all slots, summed from zero, newest to oldest.
-template <int32_t Slots>
-void slotMean(const float (&history)[Slots][RotationVectorFusion::kSlotSize], float* out) {
-  for (int32_t k = 0; k < RotationVectorFusion::kSlotSize; ++k) {
-    float sum = 0.0f;
-    for (int32_t s = 0; s < Slots; ++s) sum = sum + history[s][k];
-    out[k] = sum / static_cast<float>(Slots);
-  }
 }
 
 // v / max(|v|, 1e-7) for a 3-vector.
@@ -69,27 +52,50 @@ void quatFromCn2b(const float* C, float* q) {
 
 }  // namespace
 
+template <int32_t Slots>
+void RotationVectorFusion::NewestFirst<Slots>::push(const float* sample) {
+  newest = newest == 0 ? Slots - 1 : newest - 1;
+  copySlot(sample, entry[newest]);
+  if (count < Slots) ++count;
+}
+
+// Mean of all entries, summed from zero, newest to oldest.
+template <int32_t Slots>
+void RotationVectorFusion::NewestFirst<Slots>::mean(float* out) const {
+  Float4 low = {0.0f, 0.0f, 0.0f, 0.0f};
+  Float4 high = {0.0f, 0.0f, 0.0f, 0.0f};
+  auto add = [&](const float* e) {
+    low = low + load4(e);
+    high = high + load4(e + 4);
+  };
+  for (int32_t s = newest; s < Slots; ++s) add(entry[s]);
+  for (int32_t s = 0; s < newest; ++s) add(entry[s]);
+  float lanes[kLanes];
+  store4(lanes, low / static_cast<float>(Slots));
+  store4(lanes + 4, high / static_cast<float>(Slots));
+  copySlot(lanes, out);
+}
+
+// Each stage passes its input on until it held a full window before the call.
 bool RotationVectorFusion::firstStage(const float* sample, float* out) {
-  const bool full = sampleCount_ >= kSampleWindow;
-  pushNewest(sampleHistory_, sample);
+  const bool full = samples_.count >= kSampleWindow;
+  samples_.push(sample);
   if (!full) {
-    ++sampleCount_;
     copySlot(sample, out);
     return false;
   }
-  slotMean(sampleHistory_, out);
+  samples_.mean(out);
   return true;
 }
 
 bool RotationVectorFusion::secondStage(const float* firstMean, float* out) {
-  const bool full = meanCount_ >= kMeanWindow;
-  pushNewest(meanHistory_, firstMean);
+  const bool full = means_.count >= kMeanWindow;
+  means_.push(firstMean);
   if (!full) {
-    ++meanCount_;
     copySlot(firstMean, out);
     return false;
   }
-  slotMean(meanHistory_, out);
+  means_.mean(out);
   return true;
 }
 

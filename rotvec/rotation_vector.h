@@ -46,13 +46,25 @@ class RotationVectorFusion {
   void publish(const float* quat);
   bool holdsPrevious(const float* quat) const;
 
+  // The newest Slots entries of 6 floats, kept as a ring: a new entry
+  // overwrites the oldest instead of moving the others, and the mean sums
+  // newest to oldest, all six components side by side (two zero lanes pad
+  // an entry to eight).
+  template <int32_t Slots>
+  struct NewestFirst {
+    static constexpr int32_t kLanes = 8;
+    alignas(16) float entry[Slots][kLanes] = {};
+    int32_t newest = 0;  // ring slot of the newest entry; older ones follow it
+    int32_t count = 0;   // entries held, up to Slots
+
+    void push(const float* sample);
+    void mean(float* out) const;
+  };
+
   RotationVectorOutputs out_;
   int32_t logMode_ = 0;
-  // Newest sample in slot 0.
-  float sampleHistory_[kSampleWindow][kSlotSize] = {};
-  int32_t sampleCount_ = 0;
-  float meanHistory_[kMeanWindow][kSlotSize] = {};
-  int32_t meanCount_ = 0;
+  NewestFirst<kSampleWindow> samples_;
+  NewestFirst<kMeanWindow> means_;
   float quat_[4] = {};                   // this call's quaternion, w, x, y, z
   float quatPrev_[4] = {1.0f, 0.0f, 0.0f, 0.0f};  // last published, w, x, y, z
 };
