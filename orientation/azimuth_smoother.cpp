@@ -33,14 +33,16 @@ void unitPoint(float angleRad, float* p) {
   p[1] = static_cast<float>(std::cos(a));
 }
 
-// Projects the point of phi on the unit circle onto the chord of its sector
-// and mirrors it twice as far beyond the chord, which spreads the angles of
-// the sector away from its middle while both ends stay where they are.
-float correctWithinSector(float phi, float lo, float hi) {
-  float p[2], p0[2], p1[2];
+// Start of sector k (end of sector k - 1) in radians.
+float sectorAngle(int32_t k) { return (static_cast<float>(k) * kPiF) * 0.25f; }
+
+// Projects the point of phi on the unit circle onto the chord between the
+// sector's ends p0 and p1 and mirrors it twice as far beyond the chord, which
+// spreads the angles of the sector away from its middle while both ends stay
+// where they are.
+float correctWithinSector(float phi, const float* p0, const float* p1) {
+  float p[2];
   unitPoint(phi, p);
-  unitPoint(lo, p0);
-  unitPoint(hi, p1);
   const float dx = p1[0] - p0[0];
   const float dy = p1[1] - p0[1];
   float d = dx * dx + dy * dy;
@@ -63,7 +65,7 @@ float AzimuthSmoother::smooth(float east, float north, int32_t medianLength, int
   float filtered[2];
   lowPass(east, north, filtered);
   const float median = medianStage(rawAzimuth(filtered));
-  return hold(sectorCorrection(meanStage(median)));
+  return hold(sectorCorrection(meanStage(median), sectorEnds));
 }
 
 // Lengths are clamped to the windows' capacities (below 1 counts as 1). A
@@ -178,16 +180,29 @@ float AzimuthSmoother::meanStage(float median) {
 // Corrects the angle within its 45-degree sector. An angle of 0 (start-up)
 // gives 0; an angle exactly on a sector end is its own correction, so it is
 // passed through as it stands.
-float AzimuthSmoother::sectorCorrection(float mean) {
+float AzimuthSmoother::sectorCorrection(float mean, SectorEnds& ends) {
   const float wrapped = wrapDegrees(mean);
   const float phi = wrapped * kPiF / 180.0f;
   for (int32_t k = 0; k < 8; ++k) {
-    const float lo = (static_cast<float>(k) * kPiF) * 0.25f;
-    const float hi = (static_cast<float>(k + 1) * kPiF) * 0.25f;
-    if (lo < phi && phi < hi) return correctWithinSector(phi, lo, hi);
+    if (sectorAngle(k) < phi && phi < sectorAngle(k + 1)) {
+      return correctWithinSector(phi, ends.at(k), ends.at(k + 1));
+    }
   }
   if (!(phi > 0.0f)) return 0.0f;
   return wrapped;
+}
+
+float AzimuthSmoother::sectorCorrection(float mean) {
+  SectorEnds ends;
+  return sectorCorrection(mean, ends);
+}
+
+const float* AzimuthSmoother::SectorEnds::at(int32_t k) {
+  if ((known & (1u << k)) == 0) {
+    unitPoint(sectorAngle(k), point[k]);
+    known |= 1u << k;
+  }
+  return point[k];
 }
 
 // Changes below one degree are not reported; the difference is the plain

@@ -23,7 +23,16 @@ class AzimuthSmoother {
   static float rawAzimuth(const float* filtered);
   float medianStage(float azimuth);
   float meanStage(float median);
-  static float sectorCorrection(float mean);
+  // The ends of the eight 45-degree sectors as points (sin, cos) on the unit
+  // circle, k * pi / 4 for k = 0 to 8. They never change, so each is
+  // computed once, on first use.
+  struct SectorEnds {
+    float point[9][2] = {};
+    uint32_t known = 0;  // bit k: point[k] computed
+    const float* at(int32_t k);
+  };
+  static float sectorCorrection(float mean, SectorEnds& ends);
+  static float sectorCorrection(float mean);  // with the ends computed afresh
   float hold(float corrected);
 
   // Low-pass filter: previous input and output, east and north.
@@ -42,6 +51,7 @@ class AzimuthSmoother {
   int32_t iMeanLength = 0;
 
   float dAzimuthOut = 0.0f;  // azimuth reported last
+  SectorEnds sectorEnds;
 
  private:
   void resetMedianWindow();
