@@ -18,6 +18,10 @@ inline void logLine(const char* fmt, Args... args) {
   }
 }
 
+// For sites whose values take work to prepare: prepare them only when a
+// line can be emitted at all.
+inline bool logEnabled() { return log_func != nullptr; }
+
 // Log modes are compared as unsigned values, so a negative mode is "large"
 // and silences every line that depends on it.
 inline bool logModeAtMost(int32_t mode, uint32_t most) {

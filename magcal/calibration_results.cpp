@@ -14,8 +14,10 @@ int32_t Calibrator::calMag(float* out) {
             static_cast<double>(state.dCalMagdata[1]), static_cast<double>(state.dCalMagdata[2]));
   }
   for (int32_t k = 0; k < 3; ++k) out[k] = state.dCalMagdata[k];
-  logLine("TRVQX4e20180206 calimag %d %d %d\n", milliUnits(state.dCalMagdata[0]),
-          milliUnits(state.dCalMagdata[1]), milliUnits(state.dCalMagdata[2]));
+  if (logEnabled()) {
+    logLine("TRVQX4e20180206 calimag %d %d %d\n", milliUnits(state.dCalMagdata[0]),
+            milliUnits(state.dCalMagdata[1]), milliUnits(state.dCalMagdata[2]));
+  }
   return state.iCalBufferCount;
 }
 
@@ -31,8 +33,10 @@ int32_t Calibrator::offset(float* out) const {
 
 int32_t Calibrator::calPara(float* out) {
   for (int32_t k = 0; k < 3; ++k) out[k] = state.dSphereOffset[k];
-  logLine("TRVQX4e20180206 dSphereOffset %d %d %d\n", milliUnits(state.dSphereOffset[0]),
-          milliUnits(state.dSphereOffset[1]), milliUnits(state.dSphereOffset[2]));
+  if (logEnabled()) {
+    logLine("TRVQX4e20180206 dSphereOffset %d %d %d\n", milliUnits(state.dSphereOffset[0]),
+            milliUnits(state.dSphereOffset[1]), milliUnits(state.dSphereOffset[2]));
+  }
   out[3] = state.dSphereRadius;
   out[4] = state.dMagHorizontal;
   out[5] = state.dMagVertical;
