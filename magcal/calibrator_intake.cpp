@@ -88,6 +88,10 @@ bool Calibrator::intake(const float* acc, const float* mag, const float* satMag)
 }
 
 void Calibrator::updateVariances(float probeVariance[3]) {
+  if (state.dAccHistory.oldest == state.dSatMagHistory.oldest) {
+    variancesTogether(state.dAccHistory, state.dAccVariance, state.dSatMagHistory, probeVariance);
+    return;
+  }
   historyVariance(state.dAccHistory, state.dAccVariance);
   historyVariance(state.dSatMagHistory, probeVariance);
 }

@@ -67,6 +67,47 @@ struct History30 {
   }
 };
 
+// Population variances of two histories that move together (the same ring
+// position, as the driver's histories always are), each axis about its mean
+// and summed oldest to newest. The two histories are summed side by side so
+// that their chains of additions run at the same time. Both means are kept.
+inline void variancesTogether(const History30& a, float* varianceA, const History30& b,
+                              float* varianceB) {
+  const int32_t n = History30::kLength;
+  const int32_t first = a.oldest;
+  Float4 sumA = {0.0f, 0.0f, 0.0f, 0.0f};
+  Float4 sumB = {0.0f, 0.0f, 0.0f, 0.0f};
+  for (int32_t s = first; s < n; ++s) {
+    sumA = sumA + load4(a.ring[s]);
+    sumB = sumB + load4(b.ring[s]);
+  }
+  for (int32_t s = 0; s < first; ++s) {
+    sumA = sumA + load4(a.ring[s]);
+    sumB = sumB + load4(b.ring[s]);
+  }
+  const Float4 meanA = sumA / 30.0f;
+  const Float4 meanB = sumB / 30.0f;
+  store4(a.cachedMean, meanA);
+  store4(b.cachedMean, meanB);
+  a.meanValid = b.meanValid = true;
+
+  sumA = sumB = Float4{0.0f, 0.0f, 0.0f, 0.0f};
+  auto addSquares = [&](int32_t s) {
+    const Float4 dA = load4(a.ring[s]) - meanA;
+    const Float4 dB = load4(b.ring[s]) - meanB;
+    sumA = sumA + dA * dA;
+    sumB = sumB + dB * dB;
+  };
+  for (int32_t s = first; s < n; ++s) addSquares(s);
+  for (int32_t s = 0; s < first; ++s) addSquares(s);
+  const Float4 vA = sumA / 30.0f;
+  const Float4 vB = sumB / 30.0f;
+  for (int32_t axis = 0; axis < 3; ++axis) {
+    varianceA[axis] = vA[axis];
+    varianceB[axis] = vB[axis];
+  }
+}
+
 // Per-axis mean of all 30 entries, summed oldest to newest in single
 // precision, whatever the fill count says.
 inline void MeanOf30(const History30& h, float* out) {

@@ -43,7 +43,7 @@ uint32_t bits(float v) {
 
 TEST(HistoryRing, EntriesMeansAndVariancesMatchAShiftingHistory) {
   Calibrator cal;
-  ShiftingHistory acc, mag;
+  ShiftingHistory acc, mag, probe;
   const float up[3] = {0.0f, 0.0f, 1.0f};
   for (int k = 0; k < 30; ++k) acc.add(up);  // the gravity preset
   acc.count = 0;
@@ -59,6 +59,7 @@ TEST(HistoryRing, EntriesMeansAndVariancesMatchAShiftingHistory) {
     cal.process(a, m, m, 0, 2);
     acc.add(a);
     mag.add(cal.state.dMagdata);  // the sample through the axis matrix
+    probe.add(m);
     for (int k = 0; k < 30; ++k) {
       for (int j = 0; j < 3; ++j) {
         ASSERT_EQ(bits(cal.state.dAccHistory.at(k)[j]), bits(acc.entry[k][j])) << i << " " << k;
@@ -72,6 +73,13 @@ TEST(HistoryRing, EntriesMeansAndVariancesMatchAShiftingHistory) {
       EXPECT_EQ(bits(accMean[j]), bits(acc.mean(j))) << i;
       EXPECT_EQ(bits(magMean[j]), bits(mag.mean(j))) << i;
       if (i >= 30) EXPECT_EQ(bits(cal.state.dAccVariance[j]), bits(acc.variance(j))) << i;
+    }
+    // The two watched histories' variances, taken side by side.
+    float accVariance[3], probeVariance[3];
+    variancesTogether(cal.state.dAccHistory, accVariance, cal.state.dSatMagHistory, probeVariance);
+    for (int j = 0; j < 3; ++j) {
+      EXPECT_EQ(bits(accVariance[j]), bits(acc.variance(j))) << i;
+      EXPECT_EQ(bits(probeVariance[j]), bits(probe.variance(j))) << i;
     }
   }
 }
