@@ -2,6 +2,9 @@
 // archive: the sphere fit of a full pool.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "magcal/sphere_fit.h"
 #include "tools/sim/device_sim.h"
 
@@ -22,6 +25,9 @@ void fillPool(float (&pool)[kCalPoolCapacity][3], int n) {
   }
 }
 
+// With repetitions: the fastest repetition, next to the median.
+double fastest(const std::vector<double>& v) { return *std::min_element(v.begin(), v.end()); }
+
 void BM_SphereFit32(benchmark::State& state) {
   constexpr int kSamples = 32;
   float pool[kCalPoolCapacity][3] = {};
@@ -37,7 +43,7 @@ void BM_SphereFit32(benchmark::State& state) {
       benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
   state.counters["accepted"] = accepted;
 }
-BENCHMARK(BM_SphereFit32);
+BENCHMARK(BM_SphereFit32)->ComputeStatistics("min", fastest);
 
 }  // namespace
 }  // namespace quelta::bench

@@ -88,8 +88,11 @@ bool Calibrator::intake(const float* acc, const float* mag, const float* satMag)
 }
 
 void Calibrator::updateVariances(float probeVariance[3]) {
-  if (state.dAccHistory.oldest == state.dSatMagHistory.oldest) {
-    variancesTogether(state.dAccHistory, state.dAccVariance, state.dSatMagHistory, probeVariance);
+  const History30& acc = state.dAccHistory;
+  const History30& probe = state.dSatMagHistory;
+  const History30& field = state.dMagHistory;
+  if (acc.oldest == probe.oldest && acc.oldest == field.oldest) {
+    variancesTogether(acc, state.dAccVariance, probe, probeVariance, field);
     return;
   }
   historyVariance(state.dAccHistory, state.dAccVariance);

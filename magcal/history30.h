@@ -67,29 +67,32 @@ struct History30 {
   }
 };
 
-// Population variances of two histories that move together (the same ring
-// position, as the driver's histories always are), each axis about its mean
-// and summed oldest to newest. The two histories are summed side by side so
-// that their chains of additions run at the same time. Both means are kept.
+// Population variances of two histories, and the mean of a third, that move
+// together (the same ring position, as the driver's histories always do):
+// each axis about its mean, summed oldest to newest. The histories are summed
+// side by side so that their chains of additions run at the same time. All
+// three means are kept; the third is there for the orientation, which needs
+// it for the same samples.
 inline void variancesTogether(const History30& a, float* varianceA, const History30& b,
-                              float* varianceB) {
+                              float* varianceB, const History30& meanOnly) {
   const int32_t n = History30::kLength;
   const int32_t first = a.oldest;
   Float4 sumA = {0.0f, 0.0f, 0.0f, 0.0f};
   Float4 sumB = {0.0f, 0.0f, 0.0f, 0.0f};
-  for (int32_t s = first; s < n; ++s) {
+  Float4 sumC = {0.0f, 0.0f, 0.0f, 0.0f};
+  auto addEntries = [&](int32_t s) {
     sumA = sumA + load4(a.ring[s]);
     sumB = sumB + load4(b.ring[s]);
-  }
-  for (int32_t s = 0; s < first; ++s) {
-    sumA = sumA + load4(a.ring[s]);
-    sumB = sumB + load4(b.ring[s]);
-  }
+    sumC = sumC + load4(meanOnly.ring[s]);
+  };
+  for (int32_t s = first; s < n; ++s) addEntries(s);
+  for (int32_t s = 0; s < first; ++s) addEntries(s);
   const Float4 meanA = sumA / 30.0f;
   const Float4 meanB = sumB / 30.0f;
   store4(a.cachedMean, meanA);
   store4(b.cachedMean, meanB);
-  a.meanValid = b.meanValid = true;
+  store4(meanOnly.cachedMean, sumC / 30.0f);
+  a.meanValid = b.meanValid = meanOnly.meanValid = true;
 
   sumA = sumB = Float4{0.0f, 0.0f, 0.0f, 0.0f};
   auto addSquares = [&](int32_t s) {

@@ -74,12 +74,15 @@ TEST(HistoryRing, EntriesMeansAndVariancesMatchAShiftingHistory) {
       EXPECT_EQ(bits(magMean[j]), bits(mag.mean(j))) << i;
       if (i >= 30) EXPECT_EQ(bits(cal.state.dAccVariance[j]), bits(acc.variance(j))) << i;
     }
-    // The two watched histories' variances, taken side by side.
+    // The two watched histories' variances and the field's mean, side by side.
     float accVariance[3], probeVariance[3];
-    variancesTogether(cal.state.dAccHistory, accVariance, cal.state.dSatMagHistory, probeVariance);
+    variancesTogether(cal.state.dAccHistory, accVariance, cal.state.dSatMagHistory, probeVariance,
+                      cal.state.dMagHistory);
+    MeanOf30(cal.state.dMagHistory, magMean);
     for (int j = 0; j < 3; ++j) {
       EXPECT_EQ(bits(accVariance[j]), bits(acc.variance(j))) << i;
       EXPECT_EQ(bits(probeVariance[j]), bits(probe.variance(j))) << i;
+      EXPECT_EQ(bits(magMean[j]), bits(mag.mean(j))) << i;
     }
   }
 }
