@@ -183,8 +183,8 @@ int lastAccuracy = -1;
 // documented calling order. Long runs print only some samples (their log
 // lines too); a sample that changes the accuracy or raises a flag is always
 // reported.
-void calStep(const float* acc, const float* mag, const float* sat, int32_t restart, int32_t mode,
-             bool print = true) {
+int32_t calStep(const float* acc, const float* mag, const float* sat, int32_t restart, int32_t mode,
+                bool print = true) {
   float cal[3], raw[3], off[3], ori[3], para[7];
   if (print) {
     std::fprintf(out, "cal %d rs %d mode %d", calSample, restart, mode);
@@ -218,12 +218,23 @@ void calStep(const float* acc, const float* mag, const float* sat, int32_t resta
   }
   lastAccuracy = accuracy;
   ++calSample;
+  return n;
 }
 
-void calRead(Device& dev, int32_t restart, int32_t mode, bool print = true) {
+// Returns the pool count reported by GetCalMag.
+int32_t calRead(Device& dev, int32_t restart, int32_t mode, bool print = true) {
   float acc[3], mag[3];
   dev.read(acc, mag);
-  calStep(acc, mag, mag, restart, mode, print);
+  return calStep(acc, mag, mag, restart, mode, print);
+}
+
+// A sample thrown 3 gauss off along x: farther than the maximum distance
+// from every pooled sample.
+int32_t calReadFarOff(Device& dev) {
+  float acc[3], mag[3];
+  dev.read(acc, mag);
+  mag[0] = mag[0] + 3.0f;
+  return calStep(acc, mag, mag, 0, 0);
 }
 
 // Log modes cycle through trace+detail, trace, silent, and negative.
@@ -329,6 +340,36 @@ void calibrationScenario() {
     dev.turnWorld(tumble);
     calRead(dev, 0, 0);
   }
+  section("calibration: pool edge paths (far samples early and late, rejected full fit)");
+  initial(kAxis, kNoInit, kPool, kThd, kParaC, traceLog);
+  {
+    int32_t pool = calRead(dev, 1, 0);
+    for (int i = 0; i < 40 && pool < 3; ++i) {
+      dev.turnBody(spin);
+      dev.turnWorld(tumble);
+      pool = calRead(dev, 0, 0);
+    }
+    calReadFarOff(dev);  // early phase: restarts the pool with this sample
+    for (int i = 0; i < 200 && pool < 8; ++i) {
+      dev.turnBody(spin);
+      dev.turnWorld(tumble);
+      pool = calRead(dev, 0, 1);
+    }
+    calReadFarOff(dev);  // late phase: saved offset back, a fit on one sample
+    for (int i = 0; i < 400 && pool < 32; ++i) {
+      dev.turnBody(spin);
+      dev.turnWorld(tumble);
+      if (i % 3 == 0) dev.turnBody(wobble);
+      pool = calRead(dev, 0, 0);
+    }
+    // The pool is full; with a ratio band nobody meets, the full fit fails.
+    const float tight[8] = {6.0f, 16.0f, 32.0f, 0.1f, 0.1f, 0.9999f, 1.0001f, 1.4f};
+    initial(kAxis, kNoInit, tight, kThd, kParaC, traceLog);
+    dev.turnBody(spin);
+    calRead(dev, 0, 0);
+    initial(kAxis, kNoInit, kPool, kThd, kParaC, traceLog);
+  }
+
   section("calibration: logging switched off, zero stored offset");
   initial(kAxis, kNoInit, kPool, kThd, kParaC, nullptr);
   for (int i = 0; i < 20; ++i) {
