@@ -3,9 +3,11 @@
 # emulator). Regenerate with tools/golden/regenerate.sh, and only when a
 # change of behaviour is intended.
 if(TARGET golden_trace)
+  # The emulator is a command line (a list): keep it one argument here.
+  string(REPLACE ";" "$<SEMICOLON>" quelta_golden_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
   set(quelta_golden_compare
     "-DDRIVER=$<TARGET_FILE:golden_trace>"
-    "-DEMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR}"
+    "-DEMULATOR=${quelta_golden_emulator}"
     "-DEXPECTED=${CMAKE_CURRENT_SOURCE_DIR}/golden/expected_trace.txt")
   add_test(NAME golden.trace_matches_committed_trace
     COMMAND ${CMAKE_COMMAND} ${quelta_golden_compare}
