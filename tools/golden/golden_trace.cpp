@@ -370,6 +370,30 @@ void calibrationScenario() {
     initial(kAxis, kNoInit, kPool, kThd, kParaC, traceLog);
   }
 
+  section("calibration: small pools on a narrow cap (ill-conditioned fits)");
+  {
+    // Fits from the fourth pooled sample on, samples only 0.01 apart on a
+    // slowly widening spiral a few degrees across: the normal matrix is
+    // nearly singular, so the results amplify every rounding step of the fit.
+    const float capPool[8] = {4.0f, 5.0f, 32.0f, 0.01f, 0.01f, 0.85f, 1.15f, 1.4f};
+    initial(kAxis, kNoInit, capPool, kThd, kParaC, traceLog);
+    Device cap;
+    cap.magNoise = 0.0f;
+    const Quat base = step(0.1f, 0.6f, 0.8f, 0.0f);
+    const Quat around = step(0.02f, 0.0f, 0.0f, 1.0f);
+    const Quat widen = step(0.0005f, 1.0f, 0.0f, 0.0f);
+    Quat phase = kIdentity;
+    Quat lean = step(0.0087f, 1.0f, 0.0f, 0.0f);
+    for (int i = 0; i < 220; ++i) {
+      phase = renormalise(multiply(phase, around));
+      lean = renormalise(multiply(lean, widen));
+      const Quat back{phase.w, -phase.x, -phase.y, -phase.z};
+      cap.attitude = renormalise(multiply(base, multiply(multiply(phase, lean), back)));
+      calRead(cap, i == 0 ? 1 : 0, 0);
+    }
+    initial(kAxis, kNoInit, kPool, kThd, kParaC, traceLog);
+  }
+
   section("calibration: logging switched off, zero stored offset");
   initial(kAxis, kNoInit, kPool, kThd, kParaC, nullptr);
   for (int i = 0; i < 20; ++i) {
