@@ -203,10 +203,18 @@ QUELTA_API extern float fLinearAcc[3];
  * change it between calls. */
 QUELTA_API extern float movethd;
 
+/* One sample pair (only directions matter; acc in g for fLinearAcc to be the
+ * linear acceleration). Smoothing: raw samples for calls 1-30, then a 30-call
+ * mean, from call 37 the mean of the last six such means. iRovLogMode 1
+ * enables this pipeline's lines (accessors included), anything else silences
+ * them. */
 QUELTA_API void CalcQueltaRotVec(const float *mag, const float *acc,
                                  int32_t iRovLogMode);
-/* fMagAccDir: unit field (3), unit acceleration (3), sinA, cosA. */
+/* fMagAccDir: unit field (3), unit acceleration (3), sinA, cosA. Cn2b: 9
+ * floats row-major, columns east, north, up in device coordinates. */
 QUELTA_API void GetCn2bAcc(const float *fMagAccDir, float *Cn2b);
+/* Copies of fOutRov (4 floats), fGravityAcc and fLinearAcc (3 floats each);
+ * zeros before the first CalcQueltaRotVec call. */
 QUELTA_API void GetCalRov(float *out);
 QUELTA_API void GetQueltaGravityAcc(float *out);
 QUELTA_API void GetQueltaLinearAcc(float *out);

@@ -4,8 +4,11 @@
 set -eu
 so="$1"
 map="$2"
+# Target binutils in cross builds (the build passes them in).
+nm="${NM:-nm}"
+readelf="${READELF:-readelf}"
 expected=$(sed -n 's/^    \([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$map" | sort)
-actual=$(nm -D --defined-only "$so" | awk '{print $3}' | sed 's/@.*//' | sort)
+actual=$("$nm" -D --defined-only "$so" | awk '{print $3}' | sed 's/@.*//' | sort)
 if [ "$expected" != "$actual" ]; then
   echo "exported symbols differ from $map:"
   echo "$expected" > /tmp/quelta_expected.$$
@@ -14,10 +17,11 @@ if [ "$expected" != "$actual" ]; then
   rm -f /tmp/quelta_expected.$$ /tmp/quelta_actual.$$
   exit 1
 fi
-needed=$(readelf -d "$so" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p' | sort | tr '\n' ' ')
+needed=$("$readelf" -d "$so" | sed -n 's/.*Shared library: \[\(.*\)\]/\1/p' | sort | tr '\n' ' ')
 for lib in $needed; do
   case "$lib" in
     libc.so.*|libm.so.*|ld-linux*) ;;
+    libc.so|libm.so|libdl.so) ;; # Android names (the NDK may add libdl)
     *) echo "unexpected run-time dependency: $lib"; exit 1 ;;
   esac
 done

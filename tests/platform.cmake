@@ -1,0 +1,35 @@
+# Platform checks on the built shared object: no fused multiply-add anywhere
+# (results must not depend on the target), and the installed tree works for
+# a C host through CMake and through pkg-config.
+
+if(CMAKE_OBJDUMP)
+  add_test(NAME platform.no_fused_multiply_add
+    COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/platform/check_no_fma.sh
+            ${CMAKE_OBJDUMP} $<TARGET_FILE:QueltaAlgo>)
+
+  # The check itself must notice a contraction on this target: an object
+  # built with contraction forced on has to fail it.
+  add_library(quelta_fma_probe OBJECT platform/fma_probe.c)
+  target_compile_options(quelta_fma_probe PRIVATE -O2 -ffp-contract=fast)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|AMD64|amd64)$")
+    target_compile_options(quelta_fma_probe PRIVATE -mfma)
+  endif()
+  add_test(NAME platform.fused_multiply_add_check_detects_contraction
+    COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/platform/check_no_fma.sh
+            ${CMAKE_OBJDUMP} $<TARGET_OBJECTS:quelta_fma_probe>)
+  set_tests_properties(platform.fused_multiply_add_check_detects_contraction
+    PROPERTIES PASS_REGULAR_EXPRESSION "fused multiply-add instructions found")
+endif()
+
+if(QUELTA_INSTALL)
+  string(REPLACE ";" " " quelta_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
+  add_test(NAME platform.installed_tree_serves_c_hosts
+    COMMAND ${CMAKE_COMMAND} -E env
+            "EMULATOR=${quelta_emulator}"
+            "TOOLCHAIN_FILE=${CMAKE_TOOLCHAIN_FILE}"
+            "CROSS_COMPILER=${QUELTA_CROSS_COMPILER}"
+            "C_TARGET=${CMAKE_C_COMPILER_TARGET}"
+            sh ${CMAKE_CURRENT_SOURCE_DIR}/platform/check_install.sh
+            ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_SOURCE_DIR}/platform/install_host
+            ${CMAKE_C_COMPILER})
+endif()
