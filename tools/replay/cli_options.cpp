@@ -1,6 +1,8 @@
 #include "tools/replay/cli_options.h"
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 
 namespace quelta::replay {
 
@@ -47,6 +49,13 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
       out.recording = arg;
       continue;
     }
+    static const char* const kValueOptions[] = {"--out",  "--report", "--log",        "--log-mode", "--calibration",
+                                                "--acc-unit", "--mag-unit", "--axis", "--pool", "--thresholds",
+                                                "--windows"};
+    if (std::find(std::begin(kValueOptions), std::end(kValueOptions), arg) == std::end(kValueOptions)) {
+      problem = "unknown option " + arg;
+      return false;
+    }
     if (i + 1 >= args.size()) {
       problem = "option " + arg + " needs a value";
       return false;
@@ -88,9 +97,6 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
       std::array<int32_t, 2> v{};
       ok = parseList(value, v);
       if (ok) out.setup.windows = v;
-    } else {
-      problem = "unknown option " + arg;
-      return false;
     }
     if (!ok) {
       problem = "bad value '" + value + "' for " + arg;

@@ -168,7 +168,9 @@ std::string attitudeErrorSection(const std::vector<ReplayRow>& rows, const Refer
   Chart chart = timeChart("plot-attitude-error", "Attitude error against the reference (after heading alignment)",
                           "degrees");
   chart.series.push_back(line("rotation vector", kZ, t, reference.rotationVectorErrorDeg));
-  chart.series.push_back(line("azimuth", kX, t, reference.azimuthErrorDeg));
+  std::vector<double> x = t, azimuth = reference.azimuthErrorDeg;
+  breakAtWraps(x, azimuth);
+  chart.series.push_back(line("azimuth", kX, x, azimuth));
   return "<section id=\"attitude-error\">\n<h2>Attitude error</h2>\n" + renderSvg(chart) + "</section>\n";
 }
 
