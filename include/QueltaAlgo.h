@@ -70,7 +70,12 @@ QUELTA_API void RegisterLogCallback(LogCallback fn);
  *                threshold (frozen axis), accelerometer still threshold.
  *   paraC[3]     sample period in ms (sample rate = 1000 / paraC[0], 0 for 0),
  *                azimuth median window length, azimuth mean window length.
- *   logCallback  registered as by RegisterLogCallback (null switches off). */
+ *   logCallback  registered as by RegisterLogCallback (null switches off).
+ * No value is rejected; the counts are stored as given. The pool holds 35
+ * samples, and whatever the counts say it never grows past them: a full-pool
+ * count above 35 acts as 35 when used (the full fit then runs on 35 samples),
+ * and the spacing-only early phase, however large the min count, also ends at
+ * 35 samples. Grading stays consistent only with min <= mid <= full. */
 QUELTA_API int32_t AlgoInitial(const float *paraAxis, const float *paraInit,
                                const float *paraPool, const float *paraThd,
                                const int32_t *paraC, LogCallback logCallback);
@@ -103,7 +108,29 @@ QUELTA_API int32_t GetMagSaturation(void);
  * ------------------------------------------------------------------------ */
 
 /* Azimuth [0, 360), pitch (-180, 180], roll [-90, 90] in degrees (3 floats),
- * from the accelerometer and the field stored by GetCalMag. Returns 1. */
+ * from the accelerometer and the field stored by GetCalMag. Returns 1.
+ * Azimuth runs clockwise from North to the levelled device y axis (top edge).
+ * Pitch is positive when the top edge dips and continues past +-90 when the
+ * screen faces down; roll is positive when the right edge (device x) rises.
+ * Once 30 samples have been seen, the attitude follows the sample nine calls
+ * behind the newest. While the accuracy is 3 and the device still, the call
+ * also measures the field geometry that GetCalPara reports.
+ *
+ * The azimuth is smoothed by a median over paraC[1] azimuths and a mean over
+ * paraC[2] medians (defaults 11 and 8), so it reports 0 until paraC[2] calls
+ * have been made and then settles within about paraC[1] + paraC[2] calls.
+ * Within each 45-degree sector a fixed correction moves the azimuth by up to
+ * about 2.3 degrees away from the sector's middle, and changes below one
+ * degree are not reported.
+ *   - Window lengths are clamped to 1..31 (median) and 1..30 (mean). When a
+ *     length differs from the one used on the previous call, that window is
+ *     emptied and refills as at start-up (the mean window again reports 0
+ *     until it is full).
+ *   - A smoothed azimuth exactly on a sector end (45, 90, 135, 180, 270) is
+ *     reported as it stands; 0 stays 0.
+ *   - Values that rounding pushes just past +-1 are clamped before acos and
+ *     asin, so they cannot turn the outputs or the smoothing state into NaN;
+ *     values within +-1 are used unchanged. */
 QUELTA_API int32_t GetCalOri(float *out);
 
 /* ------------------------------------------------------------------------
@@ -133,7 +160,8 @@ QUELTA_API void bfNew(DataBuffer *buf, float *storage, int32_t dim, int32_t len)
 QUELTA_API void bfClear(DataBuffer *buf);
 QUELTA_API void bfPut(DataBuffer *buf, const float *sample);
 /* k-th newest sample (k = 0 newest) into out; 0 when copied, 1 (and dim
- * zeros) when there is no such sample. */
+ * zeros) when there is no such sample. A negative k is refused the same way
+ * (result 1, zeros). */
 QUELTA_API int32_t bfGet(const DataBuffer *buf, float *out, int32_t k);
 QUELTA_API void CreateDataBuffer(void);
 QUELTA_API void ClearDataBuffer(void);
@@ -141,9 +169,16 @@ QUELTA_API void ClearDataBuffer(void);
 /* ------------------------------------------------------------------------
  * Smoothing filters: read the newest samples of in, append one to out.
  * Result 0 when a sample was appended, 1 when refused (nothing changed).
+ * The filters use no heap: they work in fixed scratch.
  * ------------------------------------------------------------------------ */
 
+/* Per-axis median of the newest n samples (fewer while in is young).
+ * Refused (1): other dim, n > in->len, n > 64 (the fixed scratch), or an
+ * empty window (n < 1 or an empty source). */
 QUELTA_API int32_t medFilter(const DataBuffer *in, DataBuffer *out, int32_t n);
+/* Per-axis mean of the newest n samples (fewer while in is young).
+ * Refused (1): other dim or n > in->len. An empty window (n < 1 or an empty
+ * source) appends a sample of NaN values (result 0). */
 QUELTA_API int32_t meanFilter(const DataBuffer *in, DataBuffer *out, int32_t n);
 QUELTA_API int32_t LPF(const DataBuffer *in, DataBuffer *out, const float *b,
                        const float *a, int32_t nb, int32_t na);
@@ -161,20 +196,24 @@ QUELTA_API void getCn2bMagAcc(const float *mag, const float *acc, float *Cn2b);
  * result cannot be normalised. */
 QUELTA_API void dcm2Quat(const float *Cn2b, float *q);
 /* Angular rate (rad/s when dt is in seconds) from the newest three field
- * samples of buf. Keeps a process-wide axis memory. */
+ * samples of buf. Keeps a process-wide axis memory, shared with
+ * CalcQueltaGyro. */
 QUELTA_API void getWMag(const DataBuffer *buf, float *out, float dt);
 
 /* ------------------------------------------------------------------------
  * Rotation mode and compensation
  * ------------------------------------------------------------------------ */
 
-/* 0 still, 1 rotating; restart != 0 resets the detector first. */
+/* 0 still, 1 rotating; restart != 0 resets the detector first. The detector
+ * is process-wide and shared with CalcQueltaGyro. */
 QUELTA_API uint8_t deviceRotationMode(const float *w, int32_t restart, float dt);
 /* Per-axis reciprocal magnitude response of the filter b/a at |w|*dt/pi. */
 QUELTA_API void filterCompensation(float *gain, const float *w, const float *b,
                                    const float *a, int32_t nb, int32_t na,
                                    float dt);
-/* Uniform in [-1, 1); seeds on first use or when reseed != 0. */
+/* Uniform in [-1, 1); seeds on first use or when reseed != 0. One
+ * process-wide generator: CalcQueltaGyro's still-mode noise draws from the
+ * same sequence. */
 QUELTA_API float myRand(int32_t seed, int32_t reseed);
 
 /* ------------------------------------------------------------------------
@@ -182,7 +221,12 @@ QUELTA_API float myRand(int32_t seed, int32_t reseed);
  * ------------------------------------------------------------------------ */
 
 /* One sample set: field, acceleration (only directions matter), restart
- * request, log mode (1 all lines, 0 error lines, else none), interval in s. */
+ * request, log mode (1 all lines, 0 error lines, else none), interval in s.
+ * Pass a calibrated field (GetCalMag): a hard-iron offset turns with the
+ * device and spoils the rate. Log values given as %d are scaled in single
+ * precision (interval x 10000, components x 1000) and truncated toward zero;
+ * norms are truncated unscaled. The first call sets up the exported bf*
+ * buffers. */
 QUELTA_API void CalcQueltaGyro(const float *mag, const float *acc,
                                int32_t algoRestart, int32_t iGyroLogMode,
                                float ts);

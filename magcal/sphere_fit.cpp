@@ -1,0 +1,150 @@
+#include "magcal/sphere_fit.h"
+
+#include <cmath>
+
+#include "magcal/calibration_trace.h"
+
+namespace quelta {
+
+namespace {
+
+void swapRows(double a[4][4], int32_t r1, int32_t r2) {
+  for (int32_t j = 0; j < 4; ++j) {
+    const double t = a[r1][j];
+    a[r1][j] = a[r2][j];
+    a[r2][j] = t;
+  }
+}
+
+void swapColumns(double a[4][4], int32_t c1, int32_t c2) {
+  for (int32_t i = 0; i < 4; ++i) {
+    const double t = a[i][c1];
+    a[i][c1] = a[i][c2];
+    a[i][c2] = t;
+  }
+}
+
+}  // namespace
+
+bool MatInv(double a[4][4]) {
+  int32_t pivotRow[4] = {0, 0, 0, 0};
+  int32_t pivotCol[4] = {0, 0, 0, 0};
+  for (int32_t k = 0; k < 4; ++k) {
+    // Largest remaining magnitude; on ties the first in row-major order wins.
+    double d = 0.0;
+    for (int32_t i = k; i < 4; ++i) {
+      for (int32_t j = k; j < 4; ++j) {
+        if (std::fabs(a[i][j]) > d) {
+          d = std::fabs(a[i][j]);
+          pivotRow[k] = i;
+          pivotCol[k] = j;
+        }
+      }
+    }
+    if (d + 1.0 == 1.0) {
+      logLine("MatInv Err******");
+      return false;
+    }
+    if (pivotRow[k] != k) swapRows(a, k, pivotRow[k]);
+    if (pivotCol[k] != k) swapColumns(a, k, pivotCol[k]);
+
+    a[k][k] = 1.0 / a[k][k];
+    for (int32_t j = 0; j < 4; ++j) {
+      if (j != k) a[k][j] = a[k][j] * a[k][k];
+    }
+    for (int32_t i = 0; i < 4; ++i) {
+      if (i == k) continue;
+      for (int32_t j = 0; j < 4; ++j) {
+        if (j != k) a[i][j] = a[i][j] - a[i][k] * a[k][j];
+      }
+    }
+    for (int32_t i = 0; i < 4; ++i) {
+      if (i != k) a[i][k] = -a[i][k] * a[k][k];
+    }
+  }
+  // The exchanges come back out transposed: row swaps as column swaps and
+  // column swaps as row swaps, last step first.
+  for (int32_t k = 3; k >= 0; --k) {
+    if (pivotCol[k] != k) swapRows(a, k, pivotCol[k]);
+    if (pivotRow[k] != k) swapColumns(a, k, pivotRow[k]);
+  }
+  return true;
+}
+
+SpherePara SphereFit(const float (&pool)[kCalPoolCapacity][3], int32_t n, float ratioLow,
+                     float ratioHigh, int32_t iCalLogMode) {
+  SpherePara result;
+
+  // Design rows (x, y, z, 1) and right-hand side -(x^2 + y^2 + z^2); the
+  // squares are taken in single precision, as the samples are.
+  double design[kCalPoolCapacity][4];
+  double rhs[kCalPoolCapacity];
+  for (int32_t i = 0; i < n; ++i) {
+    const float x = pool[i][0], y = pool[i][1], z = pool[i][2];
+    rhs[i] = static_cast<double>(-((x * x + y * y) + z * z));
+    design[i][0] = static_cast<double>(x);
+    design[i][1] = static_cast<double>(y);
+    design[i][2] = static_cast<double>(z);
+    design[i][3] = 1.0;
+  }
+
+  // Normal equations, accumulated sample by sample.
+  double normal[4][4];
+  for (int32_t r = 0; r < 4; ++r) {
+    for (int32_t j = 0; j < 4; ++j) {
+      double sum = 0.0;
+      for (int32_t i = 0; i < n; ++i) sum = sum + design[i][r] * design[i][j];
+      normal[r][j] = sum;
+    }
+  }
+  if (!MatInv(normal)) return result;
+
+  double atb[4];
+  for (int32_t r = 0; r < 4; ++r) {
+    double sum = 0.0;
+    for (int32_t i = 0; i < n; ++i) sum = sum + design[i][r] * rhs[i];
+    atb[r] = sum;
+  }
+  double coef[4];  // D, E, F, G
+  for (int32_t r = 0; r < 4; ++r) {
+    double sum = 0.0;
+    for (int32_t j = 0; j < 4; ++j) sum = sum + normal[r][j] * atb[j];
+    coef[r] = sum;
+  }
+
+  const float cx = static_cast<float>(-0.5 * coef[0]);
+  const float cy = static_cast<float>(-0.5 * coef[1]);
+  const float cz = static_cast<float>(-0.5 * coef[2]);
+  const float centreSq = (cx * cx + cy * cy) + cz * cz;
+  const float radius = static_cast<float>(std::sqrt(static_cast<double>(centreSq) - coef[3]));
+  result.dSphereOffset[0] = cx;
+  result.dSphereOffset[1] = cy;
+  result.dSphereOffset[2] = cz;
+  result.dSphereRadius = radius;
+
+  // A NaN radius fails here too.
+  if (!(radius > 0.2f && radius < 0.8f)) {
+    result.iMagCalisOK = 0;
+    return result;
+  }
+
+  // Every sample must lie near the fitted sphere.
+  result.iMagCalisOK = 1;
+  for (int32_t i = 0; i < n; ++i) {
+    const float dx = pool[i][0] - cx;
+    const float dy = pool[i][1] - cy;
+    const float dz = pool[i][2] - cz;
+    const float distance = std::sqrt((dx * dx + dy * dy) + dz * dz);
+    const float ratio = distance / radius;
+    if (ratio > ratioHigh || ratio < ratioLow) {
+      result.iMagCalisOK = 0;
+      traceLine(iCalLogMode, "queltagbp MCP cali failed!!! i=%d dDistance=%f dRadius=%f dRatio=%f\n",
+                i, static_cast<double>(distance), static_cast<double>(radius),
+                static_cast<double>(ratio));
+      return result;
+    }
+  }
+  return result;
+}
+
+}  // namespace quelta

@@ -1,0 +1,61 @@
+#include "tests/support/allocation_counter.h"
+
+#include <atomic>
+#include <cstddef>
+#include <new>
+
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* ptr, std::size_t size);
+void __libc_free(void* ptr);
+}
+
+namespace {
+std::atomic<bool> gCounting{false};
+std::atomic<int64_t> gAllocations{0};
+
+void noteAllocation() {
+  if (gCounting.load(std::memory_order_relaxed)) gAllocations.fetch_add(1, std::memory_order_relaxed);
+}
+}  // namespace
+
+extern "C" {
+void* malloc(std::size_t size) {
+  noteAllocation();
+  return __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size) {
+  noteAllocation();
+  return __libc_calloc(count, size);
+}
+void* realloc(void* ptr, std::size_t size) {
+  noteAllocation();
+  return __libc_realloc(ptr, size);
+}
+void free(void* ptr) { __libc_free(ptr); }
+}  // extern "C"
+
+void* operator new(std::size_t size) {
+  void* p = malloc(size == 0 ? 1 : size);
+  if (p == nullptr) throw std::bad_alloc();
+  return p;
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void operator delete(void* p) noexcept { free(p); }
+void operator delete[](void* p) noexcept { free(p); }
+void operator delete(void* p, std::size_t) noexcept { free(p); }
+void operator delete[](void* p, std::size_t) noexcept { free(p); }
+
+namespace quelta::test {
+
+AllocationCounter::AllocationCounter() {
+  gAllocations.store(0);
+  gCounting.store(true);
+}
+
+AllocationCounter::~AllocationCounter() { gCounting.store(false); }
+
+int64_t AllocationCounter::count() const { return gAllocations.load(); }
+
+}  // namespace quelta::test

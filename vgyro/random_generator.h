@@ -1,0 +1,19 @@
+// Minimal-standard linear congruential generator, x' = 48271 x mod (2^31 - 1),
+// computed with Schrage's method so nothing overflows 32 bits. Seeded on
+// first use (or on request), then it runs on.
+#pragma once
+
+#include <cstdint>
+
+namespace quelta {
+
+struct RandomGenerator {
+  int32_t iRandState = 1;   // 1 .. 2147483646 once seeded
+  uint8_t bRandSeeded = 0;  // iRandState has been seeded
+
+  // Uniform in [-1, 1). A negative seed is taken modulo 2^31 - 1, zero as 1;
+  // the seed is used only when reseed != 0 or on the first draw.
+  float next(int32_t seed, int32_t reseed);
+};
+
+}  // namespace quelta

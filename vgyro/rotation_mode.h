@@ -1,0 +1,21 @@
+// Still / rotating decision with hysteresis. The device turns "rotating" after
+// 10 consecutive samples with some rate component above 0.1 rad/s, or at once
+// when the angle integrated about any axis reaches 2 degrees; it turns "still"
+// only after 20 consecutive samples with every component at most 0.1 rad/s.
+#pragma once
+
+#include <cstdint>
+
+namespace quelta {
+
+struct RotationModeDetector {
+  int32_t iMoveCount = 0;                      // consecutive moving samples
+  int32_t iStillCount = 0;                     // consecutive still samples
+  uint8_t bRotationMode = 0;                   // 0 still, 1 rotating
+  float fRotAngleSum[3] = {0.0f, 0.0f, 0.0f};  // rad since the last decision
+
+  // w: rate in rad/s; restart != 0 resets first; dt in s. Returns the mode.
+  uint8_t update(const float* w, int32_t restart, float dt);
+};
+
+}  // namespace quelta

@@ -1,0 +1,103 @@
+// The virtual gyroscope: an angular rate for devices without a gyroscope,
+// computed from successive field and acceleration samples. Each sample set is
+// smoothed (median of 3, two-tap low-pass, mean of 3), turned into an
+// attitude, and the rate is taken from the change of attitude since the
+// previous call (checked against the turning of the field alone). The result
+// is smoothed again; a still device publishes a tiny random rate instead.
+#pragma once
+
+#include <cstdint>
+
+#include "vgyro/field_rate.h"
+#include "vgyro/gyro_buffers.h"
+#include "vgyro/random_generator.h"
+#include "vgyro/rotation_mode.h"
+
+namespace quelta {
+
+// Everything a pipeline works on besides its own counters and outputs.
+struct GyroParts {
+  GyroBuffers buffers;
+  FieldRateEstimator* fieldRate;
+  RotationModeDetector* rotationMode;
+  RandomGenerator* random;
+};
+
+// Field and acceleration low-pass: y = 0.06 x[n] + 0.06 x[n-1] + 0.88 y[n-1].
+inline constexpr float fMagAccLpfB[2] = {0.06f, 0.06f};
+inline constexpr float fMagAccLpfA[2] = {1.0f, -0.88f};
+// Rate low-pass: y = 0.15 x[n] + 0.15 x[n-1] + 0.7 y[n-1].
+inline constexpr float fRateLpfB[2] = {0.15f, 0.15f};
+inline constexpr float fRateLpfA[2] = {1.0f, -0.7f};
+
+// Rate published while the start-up error period replaces the computed one.
+inline constexpr float kStartupErrorRate[3] = {1.5e-5f, 2.5e-5f, 8e-5f};
+
+// The rate from the attitude change, unless both it and the field-only rate
+// exceed pi/2 rad/s: then the dominant axis keeps the attitude rate and each
+// other axis takes the smaller-magnitude of the two (ties keep the attitude
+// rate). A norm that is not a number never exceeds.
+void selectRate(const float* tmpW, const float* wMag, float* w);
+
+class VirtualGyro {
+ public:
+  constexpr explicit VirtualGyro(const GyroParts& parts) : parts_(parts) {}
+
+  // One sample set: field and acceleration (only directions matter), restart
+  // request, log mode (1 all lines, 0 error lines only, else none), interval
+  // in seconds.
+  void process(const float* mag, const float* acc, int32_t algoRestart, int32_t iGyroLogMode,
+               float ts);
+
+  // Published rate x, y, z (rad/s) and attitude x, y, z, w of the last call.
+  void calGyr(float* out) const;
+  void rotVecInVG(float* out) const;
+
+  int32_t startErrCount() const { return StartErrCount; }
+  uint8_t errCountFlag() const { return ErrCountFlag; }
+
+ private:
+  struct LogModes {
+    bool verbose;  // every line
+    bool errors;   // error lines
+  };
+
+  bool decideRestart(int32_t& restart);
+  float checkInterval(float ts, int32_t restart, LogModes log) const;
+  void checkInputs(const float* mag, const float* acc, LogModes log);
+  void smoothInputs(const float* mag, const float* acc);
+  void attitudeOfSmoothedSamples(float* q) const;
+  void rotationSincePrevious(const float* q, float* r) const;
+  static void rateFromRotation(const float* r, float ts, bool restartThisCall, float* tmpW);
+  void fieldOnlyRate(float ts, float* wMag);
+  void applyStartupErrorPeriod(float* w, LogModes log);
+  void smoothRate(float* w);
+  void publishRate(uint8_t mode, float* w, float ts, LogModes log);
+
+  GyroParts parts_;
+  uint8_t bGyroInited = 0;      // buffers have been set up
+  uint8_t bGyroNanRestart = 0;  // a not-a-number rate was published: restart next call
+  int32_t StartErrCount = 0;    // calls since the first invalid input after a restart
+  uint8_t ErrCountFlag = 0;     // the start-up error period is open
+  float fQuatPrev[4] = {1.0f, 0.0f, 0.0f, 0.0f};  // w, x, y, z of the previous call
+  float fTsPrev = 0.01f;                          // interval of the previous call, s
+  float fRotVecInVG[4] = {0.0f, 0.0f, 0.0f, 0.0f};  // x, y, z, w
+  float gyrodataOut[3] = {0.0f, 0.0f, 0.0f};        // rad/s
+};
+
+// A pipeline with its own buffers, detector, axis memory and generator, for
+// hosts with several sensors and for tests. Not copyable: the pipeline points
+// into its own members.
+struct StandaloneVirtualGyro {
+  OwnedGyroBuffers buffers;
+  FieldRateEstimator fieldRate;
+  RotationModeDetector rotationMode;
+  RandomGenerator random;
+  VirtualGyro gyro{GyroParts{buffers.bindings(), &fieldRate, &rotationMode, &random}};
+
+  StandaloneVirtualGyro() = default;
+  StandaloneVirtualGyro(const StandaloneVirtualGyro&) = delete;
+  StandaloneVirtualGyro& operator=(const StandaloneVirtualGyro&) = delete;
+};
+
+}  // namespace quelta
