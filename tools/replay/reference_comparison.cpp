@@ -1,5 +1,6 @@
 #include "tools/replay/reference_comparison.h"
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -48,12 +49,15 @@ Quat fromLibraryOrder(const std::array<float, 4>& xyzw) {
   return {xyzw[3], xyzw[0], xyzw[1], xyzw[2]};
 }
 
-GyroComparison compareGyro(const Recording& recording, const std::vector<ReplayRow>& rows) {
+GyroComparison compareGyro(const Recording& recording, const std::vector<ReplayRow>& rows,
+                           const std::vector<bool>& selected) {
   GyroComparison result;
   std::array<double, 3> sumAxis{};
   double sum = 0.0;
   double sumReference = 0.0;
   for (size_t i = 0; i < rows.size(); ++i) {
+    if (!selected[i]) continue;
+    ++result.count;
     double error2 = 0.0;
     double reference2 = 0.0;
     for (int k = 0; k < 3; ++k) {
@@ -66,7 +70,7 @@ GyroComparison compareGyro(const Recording& recording, const std::vector<ReplayR
     sum += error2;
     sumReference += reference2;
   }
-  const double n = static_cast<double>(rows.size());
+  const double n = static_cast<double>(result.count);
   for (int k = 0; k < 3; ++k) result.rmsAxis[k] = std::sqrt(sumAxis[k] / n);
   result.rms = std::sqrt(sum / n);
   result.referenceRms = std::sqrt(sumReference / n);
@@ -74,14 +78,19 @@ GyroComparison compareGyro(const Recording& recording, const std::vector<ReplayR
 }
 
 void summarise(const std::vector<double>& errors, AngleComparison& out) {
+  std::vector<double> magnitudes;
   double sum = 0.0;
   for (double e : errors) {
     if (std::isnan(e)) continue;
     sum += e * e;
-    out.maxDeg = std::fmax(out.maxDeg, std::fabs(e));
-    ++out.count;
+    magnitudes.push_back(std::fabs(e));
   }
-  out.rmsDeg = out.count > 0 ? std::sqrt(sum / static_cast<double>(out.count)) : 0.0;
+  out.count = magnitudes.size();
+  if (magnitudes.empty()) return;
+  out.rmsDeg = std::sqrt(sum / static_cast<double>(out.count));
+  out.maxDeg = *std::max_element(magnitudes.begin(), magnitudes.end());
+  std::nth_element(magnitudes.begin(), magnitudes.begin() + magnitudes.size() / 2, magnitudes.end());
+  out.medianDeg = magnitudes[magnitudes.size() / 2];
 }
 
 }  // namespace
@@ -99,7 +108,7 @@ double bestHeadingAlignment(const std::vector<std::array<double, 4>>& reference,
     double sum = 0.0;
     for (const Quat& d : differences) {
       const double angle = rotationAngleDeg(multiply(undo, d));
-      sum += angle * angle;
+      sum += angle;
     }
     return sum;
   });
@@ -109,8 +118,7 @@ double bestAngleOffset(const std::vector<double>& reference, const std::vector<d
   return minimiseOverCircle([&](double offset) {
     double sum = 0.0;
     for (size_t i = 0; i < reference.size(); ++i) {
-      const double e = wrapDeg(reference[i] - estimate[i] - offset);
-      sum += e * e;
+      sum += std::fabs(wrapDeg(reference[i] - estimate[i] - offset));
     }
     return sum;
   });
@@ -119,7 +127,14 @@ double bestAngleOffset(const std::vector<double>& reference, const std::vector<d
 ReferenceComparison compareWithReference(const Recording& recording,
                                          const std::vector<ReplayRow>& rows) {
   ReferenceComparison result;
-  if (recording.hasGyro && !rows.empty()) result.gyro = compareGyro(recording, rows);
+  // Before the calibration is complete the field still carries the hard-iron
+  // offset, and every output built on it is off: compare the calibrated part.
+  std::vector<bool> selected(rows.size(), false);
+  for (size_t i = 0; i < rows.size(); ++i) selected[i] = rows[i].accuracy == 3;
+  result.calibratedOnly = std::find(selected.begin(), selected.end(), true) != selected.end();
+  if (!result.calibratedOnly) selected.assign(rows.size(), true);
+
+  if (recording.hasGyro && !rows.empty()) result.gyro = compareGyro(recording, rows, selected);
   if (!recording.hasAttitude || rows.empty()) return result;
 
   // Rotation vector.
@@ -127,7 +142,7 @@ ReferenceComparison compareWithReference(const Recording& recording,
   std::vector<Quat> estimates;
   std::vector<size_t> compared;
   for (size_t i = 0; i < rows.size(); ++i) {
-    if (!isUsable(rows[i].rotVec)) continue;
+    if (!selected[i] || !isUsable(rows[i].rotVec)) continue;
     references.push_back(recording.samples[i].attitude);
     estimates.push_back(fromLibraryOrder(rows[i].rotVec));
     compared.push_back(i);
@@ -153,7 +168,7 @@ ReferenceComparison compareWithReference(const Recording& recording,
   compared.clear();
   for (size_t i = 0; i < rows.size(); ++i) {
     angles.push_back(anglesOf(recording.samples[i].attitude));
-    if (angles.back().tiltDeg > kAzimuthMaxTiltDeg) continue;
+    if (!selected[i] || angles.back().tiltDeg > kAzimuthMaxTiltDeg) continue;
     referenceAzimuth.push_back(angles.back().azimuth);
     libraryAzimuth.push_back(rows[i].orientation[0]);
     compared.push_back(i);

@@ -70,20 +70,21 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
   appendf(text, "field geometry   horizontal %.4f gauss, vertical %.4f gauss, inclination %.2f deg\n",
           s.geometry[0], s.geometry[1], s.geometry[2]);
   if (s.saturations > 0) appendf(text, "saturations      %d\n", s.saturations);
+  const char* part = reference.calibratedOnly ? "calibrated" : "uncalibrated";
   if (reference.gyro) {
     const GyroComparison& g = *reference.gyro;
-    appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f); reference RMS %.4f rad/s\n",
-            g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2], g.referenceRms);
+    appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) over %zu %s samples; reference RMS %.4f rad/s\n",
+            g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2], g.count, part, g.referenceRms);
   }
   if (reference.rotationVector) {
     const AngleComparison& r = *reference.rotationVector;
-    appendf(text, "rotation vector  RMS error %.2f deg, max %.2f deg over %zu samples, heading alignment %.2f deg\n",
-            r.rmsDeg, r.maxDeg, r.count, r.alignmentDeg);
+    appendf(text, "rotation vector  RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples, heading alignment %.2f deg\n",
+            r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part, r.alignmentDeg);
   }
   if (reference.azimuth) {
     const AngleComparison& a = *reference.azimuth;
-    appendf(text, "azimuth          RMS error %.2f deg, max %.2f deg over %zu samples tilted <= %.0f deg, heading alignment %.2f deg\n",
-            a.rmsDeg, a.maxDeg, a.count, kAzimuthMaxTiltDeg, a.alignmentDeg);
+    appendf(text, "azimuth          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples tilted <= %.0f deg, heading alignment %.2f deg\n",
+            a.rmsDeg, a.medianDeg, a.maxDeg, a.count, part, kAzimuthMaxTiltDeg, a.alignmentDeg);
   }
   return text;
 }
