@@ -43,13 +43,13 @@ TEST(HandheldMotion, RateIntegratesToTheAttitudeAndIsContinuous) {
 }
 
 TEST(HandheldMotion, RecordingCarriesItsTruthInEitherUnits) {
-  RecordingSpec spec;
-  spec.durationSeconds = 2.0;
-  spec.declinationDeg = 10.0;
-  const std::string plain = simulateHandheldRecording(spec);
-  spec.accInMetresPerSecond2 = true;
-  spec.magInMicrotesla = true;
-  const std::string metric = simulateHandheldRecording(spec);
+  RecordingPlan plan;
+  plan.durationSeconds = 2.0;
+  plan.declinationDeg = 10.0;
+  const std::string plain = simulateHandheldRecording(plan);
+  plan.accInMetresPerSecond2 = true;
+  plan.magInMicrotesla = true;
+  const std::string metric = simulateHandheldRecording(plan);
   EXPECT_EQ(plain.rfind("# simulated hand-held device, seed 12345: hard-iron offset 0.1200 -0.2500 0.0800 gauss", 0),
             0u);
 

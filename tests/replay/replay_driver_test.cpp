@@ -26,13 +26,13 @@ int captureLog(const char* format, ...) {
 }
 
 Recording simulated(double seconds, sim::Vec3 offset) {
-  sim::RecordingSpec spec;
-  spec.durationSeconds = seconds;
-  spec.hardIron = offset;
-  spec.declinationDeg = 5.0;
+  sim::RecordingPlan plan;
+  plan.durationSeconds = seconds;
+  plan.hardIron = offset;
+  plan.declinationDeg = 5.0;
   Recording recording;
   InputError error;
-  EXPECT_TRUE(parseRecording(sim::simulateHandheldRecording(spec), "sim", {}, recording, error))
+  EXPECT_TRUE(parseRecording(sim::simulateHandheldRecording(plan), "sim", {}, recording, error))
       << error.describe();
   return recording;
 }

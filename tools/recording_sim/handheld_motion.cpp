@@ -103,42 +103,42 @@ Vec3 handheldLinearAcceleration(double t) {
           0.04 * envelope * std::sin(2.0 * kPi * u / 2.0)};
 }
 
-std::string simulateHandheldRecording(const RecordingSpec& spec) {
+std::string simulateHandheldRecording(const RecordingPlan& plan) {
   Device device;
-  device.field.strengthGauss = spec.fieldGauss;
-  device.field.inclinationDeg = spec.inclinationDeg;
-  device.hardIron = spec.hardIron;
-  device.magNoiseGauss = spec.magNoiseGauss;
-  device.accNoiseG = spec.accNoiseG;
-  device.random = Random(spec.seed);
+  device.field.strengthGauss = plan.fieldGauss;
+  device.field.inclinationDeg = plan.inclinationDeg;
+  device.hardIron = plan.hardIron;
+  device.magNoiseGauss = plan.magNoiseGauss;
+  device.accNoiseG = plan.accNoiseG;
+  device.random = Random(plan.seed);
 
-  const double accScale = spec.accInMetresPerSecond2 ? 9.80665 : 1.0;
-  const double magScale = spec.magInMicrotesla ? 100.0 : 1.0;
+  const double accScale = plan.accInMetresPerSecond2 ? 9.80665 : 1.0;
+  const double magScale = plan.magInMicrotesla ? 100.0 : 1.0;
   // The reference frame's north is the declination west of magnetic north.
-  const Quat toReference = quatFromAxisAngle({0.0, 0.0, -1.0}, spec.declinationDeg * kPi / 180.0);
+  const Quat toReference = quatFromAxisAngle({0.0, 0.0, -1.0}, plan.declinationDeg * kPi / 180.0);
 
   std::string text;
   char line[512];
   std::snprintf(line, sizeof line,
                 "# simulated hand-held device, seed %llu: hard-iron offset %.4f %.4f %.4f gauss, field %.4f gauss, "
                 "inclination %.2f deg, declination %.2f deg\n",
-                static_cast<unsigned long long>(spec.seed), spec.hardIron.x, spec.hardIron.y, spec.hardIron.z,
-                spec.fieldGauss, spec.inclinationDeg, spec.declinationDeg);
+                static_cast<unsigned long long>(plan.seed), plan.hardIron.x, plan.hardIron.y, plan.hardIron.z,
+                plan.fieldGauss, plan.inclinationDeg, plan.declinationDeg);
   text += line;
   std::snprintf(line, sizeof line, "# accelerometer in %s, magnetometer in %s\n",
-                spec.accInMetresPerSecond2 ? "m/s^2" : "g", spec.magInMicrotesla ? "microtesla" : "gauss");
+                plan.accInMetresPerSecond2 ? "m/s^2" : "g", plan.magInMicrotesla ? "microtesla" : "gauss");
   text += line;
-  text += spec.withReference ? "t,ax,ay,az,mx,my,mz,gx,gy,gz,qw,qx,qy,qz\n" : "t,ax,ay,az,mx,my,mz\n";
+  text += plan.withReference ? "t,ax,ay,az,mx,my,mz,gx,gy,gz,qw,qx,qy,qz\n" : "t,ax,ay,az,mx,my,mz\n";
 
-  const long count = std::lround(spec.durationSeconds * spec.rateHz);
+  const long count = std::lround(plan.durationSeconds * plan.rateHz);
   for (long i = 0; i < count; ++i) {
-    const double t = static_cast<double>(i) / spec.rateHz;
+    const double t = static_cast<double>(i) / plan.rateHz;
     const Quat attitude = handheldAttitude(t);
     const SensorSample s = device.read(attitude, handheldLinearAcceleration(t));
     int n = std::snprintf(line, sizeof line, "%.7g,%.7g,%.7g,%.7g,%.7g,%.7g,%.7g", t, s.acc[0] * accScale,
                           s.acc[1] * accScale, s.acc[2] * accScale, s.mag[0] * magScale, s.mag[1] * magScale,
                           s.mag[2] * magScale);
-    if (spec.withReference) {
+    if (plan.withReference) {
       const Vec3 w = handheldAngularRate(t);
       Quat q = quatMultiply(toReference, attitude);
       if (q.w < 0.0) q = {-q.w, -q.x, -q.y, -q.z};

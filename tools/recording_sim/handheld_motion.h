@@ -21,7 +21,7 @@ Vec3 handheldAngularRate(double t);
 // the hand.
 Vec3 handheldLinearAcceleration(double t);
 
-struct RecordingSpec {
+struct RecordingPlan {
   double durationSeconds = kHandheldScriptSeconds;
   double rateHz = 50.0;
   uint64_t seed = 12345;
@@ -39,6 +39,6 @@ struct RecordingSpec {
 };
 
 // The whole recording as CSV text, with '#' lines naming its truth first.
-std::string simulateHandheldRecording(const RecordingSpec& spec);
+std::string simulateHandheldRecording(const RecordingPlan& plan);
 
 }  // namespace quelta::sim

@@ -31,14 +31,14 @@ bool parseDouble(const char* text, double& value) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  quelta::sim::RecordingSpec spec;
+  quelta::sim::RecordingPlan plan;
   std::string out;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
     bool ok = true;
     if (arg == "--no-reference") {
-      spec.withReference = false;
+      plan.withReference = false;
       continue;
     }
     if (arg == "--help") {
@@ -54,23 +54,23 @@ int main(int argc, char** argv) {
     if (arg == "--out") {
       out = value;
     } else if (arg == "--duration") {
-      ok = parseDouble(value, spec.durationSeconds) && spec.durationSeconds > 0.0;
+      ok = parseDouble(value, plan.durationSeconds) && plan.durationSeconds > 0.0;
     } else if (arg == "--rate") {
-      ok = parseDouble(value, spec.rateHz) && spec.rateHz > 0.0;
+      ok = parseDouble(value, plan.rateHz) && plan.rateHz > 0.0;
     } else if (arg == "--seed") {
       ok = parseDouble(value, seed) && seed >= 0.0;
-      spec.seed = static_cast<uint64_t>(seed);
+      plan.seed = static_cast<uint64_t>(seed);
     } else if (arg == "--offset") {
       char tail = 0;
-      ok = std::sscanf(value, "%lf,%lf,%lf%c", &spec.hardIron.x, &spec.hardIron.y, &spec.hardIron.z, &tail) == 3;
+      ok = std::sscanf(value, "%lf,%lf,%lf%c", &plan.hardIron.x, &plan.hardIron.y, &plan.hardIron.z, &tail) == 3;
     } else if (arg == "--declination") {
-      ok = parseDouble(value, spec.declinationDeg);
+      ok = parseDouble(value, plan.declinationDeg);
     } else if (arg == "--acc-unit") {
       ok = (std::strcmp(value, "g") == 0 || std::strcmp(value, "m/s2") == 0);
-      spec.accInMetresPerSecond2 = std::strcmp(value, "m/s2") == 0;
+      plan.accInMetresPerSecond2 = std::strcmp(value, "m/s2") == 0;
     } else if (arg == "--mag-unit") {
       ok = std::strcmp(value, "gauss") == 0 || std::strcmp(value, "uT") == 0;
-      spec.magInMicrotesla = std::strcmp(value, "uT") == 0;
+      plan.magInMicrotesla = std::strcmp(value, "uT") == 0;
     } else {
       ok = false;
     }
@@ -80,7 +80,7 @@ int main(int argc, char** argv) {
     }
   }
 
-  const std::string csv = quelta::sim::simulateHandheldRecording(spec);
+  const std::string csv = quelta::sim::simulateHandheldRecording(plan);
   FILE* file = out.empty() ? stdout : std::fopen(out.c_str(), "w");
   if (file == nullptr) {
     std::fprintf(stderr, "quelta-make-recording: cannot write %s\n", out.c_str());
