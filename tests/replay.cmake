@@ -42,3 +42,10 @@ add_test(NAME replay.cli.usage_error COMMAND ${REPLAY_CHECK} usage $<TARGET_FILE
 
 # The unit tests of tests/replay/ also drive the library directly.
 target_link_libraries(test_replay PRIVATE quelta_replay_driver quelta_recording_sim)
+
+if(CMAKE_CROSSCOMPILING_EMULATOR)
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+  get_property(replay_tests DIRECTORY PROPERTY TESTS)
+  list(FILTER replay_tests INCLUDE REGEX "^replay\\.cli\\.")
+  set_tests_properties(${replay_tests} PROPERTIES ENVIRONMENT "QUELTA_EMULATOR=${emulator}")
+endif()

@@ -19,6 +19,7 @@ import csv
 import html.parser
 import os
 import re
+import shlex
 import subprocess
 import sys
 import xml.etree.ElementTree as ET
@@ -34,7 +35,9 @@ def fail(message):
 
 
 def replay(program, args, cwd):
-    result = subprocess.run([program] + args, cwd=cwd, capture_output=True, text=True, timeout=300)
+    # Cross builds run the program through their emulator (qemu-user).
+    emulator = shlex.split(os.environ.get("QUELTA_EMULATOR", ""))
+    result = subprocess.run(emulator + [program] + args, cwd=cwd, capture_output=True, text=True, timeout=300)
     return result.returncode, result.stdout, result.stderr
 
 
