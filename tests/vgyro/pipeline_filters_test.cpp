@@ -116,7 +116,7 @@ TEST(PipelineFilters, MatchTheGeneralFiltersBitForBit) {
 
 TEST(PipelineFilters, RecordsOfAnotherGeometryTakeTheGeneralPath) {
   // A host may rebind an exported record: a capacity of 4, or 2 components.
-  float generalIn[8] = {}, generalOut[8] = {}, fixedIn[8] = {}, fixedOut[8] = {};
+  float generalIn[12] = {}, generalOut[12] = {}, fixedIn[12] = {}, fixedOut[12] = {};
   DataBuffer gIn, gOut, fIn, fOut;
   for (int32_t dim : {3, 2}) {
     const int32_t len = dim == 3 ? 2 : 4;
