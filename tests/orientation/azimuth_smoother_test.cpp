@@ -74,6 +74,11 @@ TEST(AzimuthSmoother, MedianAcrossNorthAndTheDoubledNewest) {
   for (int call = 0; call < 20; ++call) t.medianStage(10.0f);
   for (int call = 1; call <= 4; ++call) EXPECT_EQ(t.medianStage(50.0f), 10.0f) << call;
   EXPECT_EQ(t.medianStage(50.0f), 50.0f);
+  // A span of exactly 300 degrees already counts as straddling North:
+  // {10, 10, 100, 310, 310} takes its median with 310 as -50.
+  AzimuthSmoother u = withWindows(5, 8);
+  for (float azimuth : {10.0f, 10.0f, 10.0f, 10.0f, 10.0f, 10.0f, 100.0f}) u.medianStage(azimuth);
+  EXPECT_EQ(u.medianStage(310.0f), 10.0f);
 }
 
 TEST(AzimuthSmoother, MeanMovesTheSmallerGroupAcrossNorth) {

@@ -93,10 +93,11 @@ TEST(SmoothingFilters, MedianAndMeanOverYoungAndWrappedSources) {
   in.put({2, 20, 5});
   ASSERT_EQ(meanFilter(&in.rec, &out.rec, 3), 0);
   EXPECT_EQ(out.get(), (V{1.5f, 15.0f, 0.5f}));  // divided by 2, not 3
-  in.put({6, 0, 2});
-  in.put({0.3f, 0.6f, 0.9f});
+  in.put({1, 0, 2});
+  in.put({16777216.0f, 0.6f, 0.9f});
   ASSERT_EQ(meanFilter(&in.rec, &out.rec, 3), 0);
-  EXPECT_EQ(out.get()[0], (((0.0f + 0.3f) + 6.0f) + 2.0f) / 3.0f);  // newest first from 0, in float
+  // Newest first from 0, in float: 2^24 + 1 rounds back to 2^24.
+  EXPECT_EQ(out.get()[0], (((0.0f + 16777216.0f) + 1.0f) + 2.0f) / 3.0f);
   // An empty window appends not-a-number.
   ASSERT_EQ(meanFilter(&empty.rec, &out.rec, 3), 0);
   EXPECT_TRUE(std::isnan(out.get()[1]));
