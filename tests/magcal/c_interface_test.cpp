@@ -19,25 +19,22 @@ const float kThd[3] = {0.1f, 2e-5f, 2e-4f};
 const int32_t kParaC[3] = {20, 11, 8};
 const quelta::CalibrationState& state = defaultCalibrator().state;
 
-void initWith(float x, float y, float z, float radius, LogCallback cb = captureLog) {
+void initWith(float x, float y, float z, float radius, LogCallback cb = quelta::test::captureLine) {
   const float stored[4] = {x, y, z, radius};
-  lines().clear();
+  capturedLines().clear();
   EXPECT_EQ(AlgoInitial(kIdentity, stored, kPool, kThd, kParaC, cb), 1);
 }
 
 }  // namespace
 
 TEST(CInterface, DefaultsBeforeAnySetUp) {
-  EXPECT_EQ(state.config.iFullCalCount, 32);
-  EXPECT_EQ(state.config.iSampleRate, 50);
-  EXPECT_EQ(log_func, nullptr);
+  EXPECT_TRUE(state.config.iFullCalCount == 32 && state.config.iSampleRate == 50 && log_func == nullptr);
   EXPECT_EQ(GetMagAccuracy(), 0);
   float out[7] = {9, 9, 9, 9, 9, 9, 9};
   GetRawMag(out);  // nothing calibrated yet: the offset itself
   EXPECT_EQ(out[0], 0.0f);
   EXPECT_EQ(GetCalPara(out), 0);
-  const float expected[7] = {0, 0, 0, 0.5f, 0, 0, 0};
-  for (int k = 0; k < 7; ++k) EXPECT_EQ(out[k], expected[k]);
+  EXPECT_EQ(std::vector<float>(out, out + 7), (std::vector<float>{0, 0, 0, 0.5f, 0, 0, 0}));
 }
 
 TEST(CInterface, AlgoInitialAdoptsAStoredCalibrationAndConvertsTheConfiguration) {
@@ -45,19 +42,13 @@ TEST(CInterface, AlgoInitialAdoptsAStoredCalibrationAndConvertsTheConfiguration)
   const float pool[8] = {6.9f, NAN, 31.99f, 0.05f, 0.07f, 0.8f, 1.2f, 1.3f};
   const float axes[9] = {0, 1, 0, -1, 0, 0, 0, 0, 1};
   const int32_t paraC[3] = {30, 9, 4};
-  EXPECT_EQ(AlgoInitial(axes, stored, pool, kThd, paraC, captureLog), 1);
+  EXPECT_EQ(AlgoInitial(axes, stored, pool, kThd, paraC, quelta::test::captureLine), 1);
   EXPECT_EQ(GetMagAccuracy(), 3);
-  EXPECT_EQ(state.dSavedOffset[1], -0.25f);
-  EXPECT_EQ(state.dSavedRadius, 0.48f);
-  EXPECT_EQ(state.config.dMagAxisMatrix[1][0], -1.0f);
-  EXPECT_EQ(state.config.iMinCalCount, 6);
-  EXPECT_EQ(state.config.iMidCalCount, 0);
-  EXPECT_EQ(state.config.iFullCalCount, 31);
-  EXPECT_EQ(state.config.dMaxDist, 1.3f);
-  EXPECT_EQ(state.config.iSampleRate, 33);
-  const std::vector<std::string> expected = {"TRVQX4e_2020103 iMagAccuracy in initial 3\n",
-                                             "TRVQX4e20171117 paraC[1]= 9 paraC[2]= 4 \n"};
-  EXPECT_EQ(lines(), expected);
+  EXPECT_TRUE(state.dSavedOffset[1] == -0.25f && state.dSavedRadius == 0.48f && state.config.dMagAxisMatrix[1][0] == -1.0f);
+  const quelta::CalibrationConfig& c = state.config;  // counts truncated, NaN as 0, rate 1000 / period
+  EXPECT_EQ((std::vector<double>{double(c.iMinCalCount), double(c.iMidCalCount), double(c.iFullCalCount), c.dMaxDist, double(c.iSampleRate)}),
+            (std::vector<double>{6, 0, 31, 1.3f, 33}));
+  EXPECT_EQ(capturedLines(), (Lines{"TRVQX4e_2020103 iMagAccuracy in initial 3\n", "TRVQX4e20171117 paraC[1]= 9 paraC[2]= 4 \n"}));
   float mag[3];
   EXPECT_EQ(GetCalMag(mag), 0);
   EXPECT_EQ(mag[1], 0.25f);  // no sample yet: the negated offset
@@ -65,14 +56,11 @@ TEST(CInterface, AlgoInitialAdoptsAStoredCalibrationAndConvertsTheConfiguration)
   // Counts saturate; periods divide toward zero; a null callback silences.
   const float extreme[8] = {1e10f, -1e10f, -0.9f, 0.1f, 0.1f, 0.85f, 1.15f, 1.4f};
   for (int32_t period : {0, -20, -1, 2000}) {
-    const int32_t c[3] = {period, 11, 8};
-    AlgoInitial(kIdentity, stored, extreme, kThd, c, nullptr);
+    const int32_t periods[3] = {period, 11, 8};
+    AlgoInitial(kIdentity, stored, extreme, kThd, periods, nullptr);
     EXPECT_EQ(state.config.iSampleRate, period == 0 ? 0 : 1000 / period);
   }
-  EXPECT_EQ(state.config.iMinCalCount, INT_MAX);
-  EXPECT_EQ(state.config.iMidCalCount, INT_MIN);
-  EXPECT_EQ(state.config.iFullCalCount, 0);
-  EXPECT_EQ(log_func, nullptr);
+  EXPECT_TRUE(c.iMinCalCount == INT_MAX && c.iMidCalCount == INT_MIN && c.iFullCalCount == 0 && log_func == nullptr);
   initWith(0.0f, 0.0f, 0.001f, 0.0f);  // any non-zero component; radius as given
   EXPECT_EQ(GetMagAccuracy(), 3);
   EXPECT_EQ(state.dSphereRadius, 0.0f);
@@ -90,7 +78,7 @@ TEST(CInterface, ZeroStoredOffsetDropsTheGradeButKeepsTheRun) {
   EXPECT_EQ(out[0], 0.12f);
   EXPECT_EQ(state.dSphereRadius, 0.48f);
   EXPECT_EQ(state.iCalBufferCount, 1);
-  EXPECT_EQ(lines()[0], "TRVQX4e_2020103 iMagAccuracy in initial 0\n");
+  EXPECT_EQ(capturedLines()[0], "TRVQX4e_2020103 iMagAccuracy in initial 0\n");
 }
 
 TEST(CInterface, AccessorsAndTheirLines) {
@@ -98,31 +86,30 @@ TEST(CInterface, AccessorsAndTheirLines) {
   const float mag[3] = {0.4544f, 0.25f, 0.125f};  // calibrated x: -0.0456
   float out[7];
   for (int mode : {0, 2, -1, 1}) {
-    lines().clear();
+    capturedLines().clear();
     MainAlgorithmProcess(kUp, mag, mag, 0, mode);
     EXPECT_EQ(GetCalMag(out), 1);
-    ASSERT_EQ(lines().size(), mode == 1 ? 3u : 1u) << mode;
-    EXPECT_EQ(lines().back(), "TRVQX4e20180206 calimag -45 500 0\n");
+    ASSERT_EQ(capturedLines().size(), mode == 1 ? 3u : 1u) << mode;
+    EXPECT_EQ(capturedLines().back(), "TRVQX4e20180206 calimag -45 500 0\n");
   }
-  EXPECT_EQ(lines()[0], "TRVQX4e20180725 dSphereOffset 0.500000 -0.250000 0.125000\n");
-  EXPECT_EQ(lines()[1], "TRVQX4e20180725 dCalMagdata -0.045600 0.500000 0.000000\n");
+  EXPECT_EQ(capturedLines(), (Lines{"TRVQX4e20180725 dSphereOffset 0.500000 -0.250000 0.125000\n",
+                                   "TRVQX4e20180725 dCalMagdata -0.045600 0.500000 0.000000\n",
+                                   "TRVQX4e20180206 calimag -45 500 0\n"}));
   EXPECT_EQ(out[0], 0.4544f - 0.5f);
 
   defaultCalibrator().state.dSphereOffset[1] = 0.0f;
   GetRawMag(out);  // the stored calibrated field plus the offset in force now
-  EXPECT_EQ(out[1], 0.5f);
-  EXPECT_EQ(out[0], (0.4544f - 0.5f) + 0.5f);
+  EXPECT_TRUE(out[1] == 0.5f && out[0] == (0.4544f - 0.5f) + 0.5f);
 
-  lines().clear();
+  capturedLines().clear();
   defaultCalibrator().state.bNewCalPara = 1;
   defaultCalibrator().state.dMagInclination = 60.0f;
   EXPECT_EQ(GetCalPara(out), 1);
   EXPECT_EQ(GetCalPara(out), 0);
   EXPECT_EQ(out[6], 60.0f);
-  EXPECT_EQ(lines()[0], "TRVQX4e20180206 dSphereOffset 500 0 125\n");
+  EXPECT_EQ(capturedLines()[0], "TRVQX4e20180206 dSphereOffset 500 0 125\n");
   defaultCalibrator().state.bMagSaturation = 1;
-  EXPECT_EQ(GetMagSaturation(), 1);
-  EXPECT_EQ(GetMagSaturation(), 0);
+  EXPECT_TRUE(GetMagSaturation() == 1 && GetMagSaturation() == 0);
 }
 
 TEST(CInterface, SimulatedDeviceReachesFullAccuracyAndRecoversTheHardIron) {
@@ -139,16 +126,13 @@ TEST(CInterface, SimulatedDeviceReachesFullAccuracyAndRecoversTheHardIron) {
     for (int k = 0; k < 3; ++k) ASSERT_EQ(cal[k], s.mag[k] - state.dSphereOffset[k]);
     if (GetCalPara(para) == 1) {
       ++newParameters;
-      EXPECT_NEAR(para[0], 0.12, 0.003);
-      EXPECT_NEAR(para[1], -0.25, 0.003);
-      EXPECT_NEAR(para[2], 0.08, 0.003);
-      EXPECT_NEAR(para[3], 0.5, 0.003);
+      const double truth[4] = {0.12, -0.25, 0.08, 0.5};
+      for (int k = 0; k < 4; ++k) EXPECT_NEAR(para[k], truth[k], 0.003) << k;
     }
     if (firstFull < 0 && GetMagAccuracy() == 3) firstFull = i;
   }
   EXPECT_EQ(GetMagAccuracy(), 3);
   EXPECT_GE(newParameters, 2);  // the full fit, then refits of fresh pools
-  EXPECT_GE(firstFull, 32);
-  EXPECT_LT(firstFull, 200);
+  EXPECT_TRUE(firstFull >= 32 && firstFull < 200) << firstFull;
   EXPECT_EQ(GetMagSaturation(), 0);
 }

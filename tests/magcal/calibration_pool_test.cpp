@@ -37,10 +37,14 @@ void startPartial(Calibrator& cal) {
 }
 
 void expectSavedInForce(const Calibrator& cal) {
-  EXPECT_EQ(cal.state.dSphereOffset[0], 0.01f);
-  EXPECT_EQ(cal.state.dSphereOffset[2], 0.03f);
-  EXPECT_EQ(cal.state.dSphereRadius, 0.45f);
+  EXPECT_TRUE(cal.state.dSphereOffset[0] == 0.01f && cal.state.dSphereOffset[2] == 0.03f && cal.state.dSphereRadius == 0.45f);
 }
+
+// Accuracy, pooled count and the new-parameter flag.
+std::vector<int> status(const Calibrator& cal) {
+  return {cal.state.iMagAccuracy, cal.state.iCalBufferCount, cal.state.bNewCalPara};
+}
+using S = std::vector<int>;
 
 }  // namespace
 
@@ -50,12 +54,12 @@ TEST(CalibrationPool, EarlyPhaseSpacingRules) {
   feed(cal, 0.25f, 0.0f, 0.0f);
   feed(cal, 0.25f, 0.0625f, 0.0f);  // too close
   feed(cal, 0.25f, 1.5f, 0.0f);     // too far from sample 0: opens a new pool
-  const std::vector<std::string> expected = {
+  const Lines expected = {
       "QUELTA6a2018 iCalBufferCount=0 \n", "queltagbp 000 i=0 0.250000 0.000000 0.000000\n",
       "QUELTA6a2018 iCalBufferCount=1 \n", "QUELTA6a20180725 dTempDistance small =0.062500 \n",
       "QUELTA6a2018 iCalBufferCount=1 \n", "QUELTA6a20180725 dTempDistance big =1.500000 \n",
       "queltagbp 111 i=0 0.250000 1.500000 0.000000\n"};
-  EXPECT_EQ(lines(), expected);
+  EXPECT_EQ(capturedLines(), expected);
   EXPECT_EQ(cal.state.iCalBufferCount, 1);
 
   // Too far from a later sample: the pool empties, the sample is dropped.
@@ -70,7 +74,7 @@ TEST(CalibrationPool, PartialFitsGradeOneAndTwoThenTheFullFitGradesThree) {
   startCapture();
   Calibrator cal;
   feedPoints(cal, 0, 5);
-  EXPECT_EQ(countPrefix("QUELTA6a objSP"), 0);
+  EXPECT_EQ(quelta::test::countLinesStartingWith("QUELTA6a objSP"), 0);
   const int grades[][2] = {{6, 1}, {15, 1}, {16, 2}, {32, 2}};  // pooled count, accuracy
   int fed = 5;
   for (const auto& g : grades) {
@@ -78,16 +82,15 @@ TEST(CalibrationPool, PartialFitsGradeOneAndTwoThenTheFullFitGradesThree) {
     fed = g[0];
     EXPECT_EQ(cal.state.iMagAccuracy, g[1]) << fed;
   }
-  EXPECT_EQ(countPrefix("queltagbp 222 i=5 "), 1);
-  EXPECT_EQ(countPrefix("QUELTA6a objSP.iMagCalisOK = 1"), 27);
-  EXPECT_EQ(countPrefix("QUELTA6a accu=2 calioffset =0.12"), 17);
+  EXPECT_EQ(quelta::test::countLinesStartingWith("queltagbp 222 i=5 "), 1);
+  EXPECT_EQ(quelta::test::countLinesStartingWith("QUELTA6a objSP.iMagCalisOK = 1"), 27);
+  EXPECT_EQ(quelta::test::countLinesStartingWith("QUELTA6a accu=2 calioffset =0.12"), 17);
   EXPECT_EQ(cal.state.dSavedOffset[1], 0.0f);  // partial fits leave the saved copy
   EXPECT_EQ(cal.state.bNewCalPara, 0);
 
-  lines().clear();
+  capturedLines().clear();
   feed(cal, 5.0f, 5.0f, 5.0f);  // whatever the sample, the full fit runs
-  EXPECT_EQ(cal.state.iMagAccuracy, 3);
-  EXPECT_EQ(cal.state.iCalBufferCount, 0);
+  EXPECT_TRUE(cal.state.iMagAccuracy == 3 && cal.state.iCalBufferCount == 0);
   for (int k = 0; k < 3; ++k) {
     EXPECT_NEAR(cal.state.dSphereOffset[k], kCentre[k], 1e-5);
     EXPECT_EQ(cal.state.dSavedOffset[k], cal.state.dSphereOffset[k]);
@@ -97,8 +100,8 @@ TEST(CalibrationPool, PartialFitsGradeOneAndTwoThenTheFullFitGradesThree) {
   std::snprintf(last, sizeof last, "queltagbp SphereOffset %lf %lf %lf Radius= %lf Accuracy= 3 iMagCalisOK= 1\n\n",
                 double{cal.state.dSphereOffset[0]}, double{cal.state.dSphereOffset[1]},
                 double{cal.state.dSphereOffset[2]}, double{cal.state.dSphereRadius});
-  const std::vector<std::string> expected = {"QUELTA6a2018 iCalBufferCount=32 \n", "TRVQX4e quality 4 3\n", last};
-  EXPECT_EQ(lines(), expected);
+  const Lines expected = {"QUELTA6a2018 iCalBufferCount=32 \n", "TRVQX4e quality 4 3\n", last};
+  EXPECT_EQ(capturedLines(), expected);
   float para[7], again[7];
   EXPECT_EQ(cal.calPara(para), 1);
   EXPECT_EQ(cal.calPara(again), 0);
@@ -109,7 +112,7 @@ TEST(CalibrationPool, PartialFitsGradeOneAndTwoThenTheFullFitGradesThree) {
   Calibrator quiet;
   feedPoints(quiet, 0, 32, 5);
   feed(quiet, 5.0f, 5.0f, 5.0f, 5);
-  EXPECT_TRUE(lines().empty());
+  EXPECT_TRUE(capturedLines().empty());
   EXPECT_EQ(quiet.state.dSphereOffset[2], cal.state.dSphereOffset[2]);
 }
 
@@ -119,10 +122,9 @@ TEST(CalibrationPool, FailuresFallBack) {
   // Late phase, too far from pooled sample 3: saved calibration, sample dropped.
   startPartial(laterFar);
   feed(laterFar, opposite(3, 0.95f).v);
-  EXPECT_EQ(laterFar.state.iMagAccuracy, 0);
-  EXPECT_EQ(laterFar.state.iCalBufferCount, 0);
+  EXPECT_TRUE(laterFar.state.iMagAccuracy == 0 && laterFar.state.iCalBufferCount == 0);
   expectSavedInForce(laterFar);
-  EXPECT_EQ(lines().back(), "TRVQX4e  quality down111 0");
+  EXPECT_EQ(capturedLines().back(), "TRVQX4e  quality down111 0");
 
   // Too far from pooled sample 0: the sample opens a pool of one whose fit
   // cannot be accepted, which empties it again.
@@ -132,14 +134,13 @@ TEST(CalibrationPool, FailuresFallBack) {
   expectSavedInForce(firstFar);
   EXPECT_EQ(firstFar.state.dCalBuffer[0][0], opposite(0, 0.95f).v[0]);
   EXPECT_EQ(firstFar.state.iCalBufferCount, 0);
-  EXPECT_EQ(lines().back(), "TRVQX4e quality 222 0\n");
+  EXPECT_EQ(capturedLines().back(), "TRVQX4e quality 222 0\n");
 
   // A rejected partial fit drops the grade but keeps the fitted offset.
   startPartial(offSphere);
   const float fitted = offSphere.state.dSphereOffset[0];
   feed(offSphere, opposite(3, 0.3f).v);
-  EXPECT_EQ(offSphere.state.iMagAccuracy, 0);
-  EXPECT_EQ(offSphere.state.iCalBufferCount, 0);
+  EXPECT_TRUE(offSphere.state.iMagAccuracy == 0 && offSphere.state.iCalBufferCount == 0);
   EXPECT_EQ(offSphere.state.dSphereOffset[0], fitted);
 
   // A rejected full fit restores the saved calibration.
@@ -147,14 +148,12 @@ TEST(CalibrationPool, FailuresFallBack) {
   feedPoints(full, 8, 32);
   full.state.config.dRatioHigh = 0.9f;
   feed(full, onSphere(0).v);
-  EXPECT_EQ(full.state.iMagAccuracy, 0);
-  EXPECT_EQ(full.state.iCalBufferCount, 0);
-  EXPECT_EQ(full.state.bNewCalPara, 0);
+  EXPECT_EQ(status(full), (S{0, 0, 0}));
   expectSavedInForce(full);
   char last[200];
   std::snprintf(last, sizeof last, "queltagbp SphereOffset %lf %lf %lf Radius= %lf Accuracy= 0 iMagCalisOK= 0\n\n",
                 double{0.01f}, double{0.02f}, double{0.03f}, double{0.45f});
-  EXPECT_EQ(lines().back(), last);
+  EXPECT_EQ(capturedLines().back(), last);
 }
 
 TEST(CalibrationRefinement, RefitsAFullCalibrationWithItsOwnPool) {
@@ -164,12 +163,10 @@ TEST(CalibrationRefinement, RefitsAFullCalibrationWithItsOwnPool) {
   cal.state.dSphereOffset[0] = kCentre[0] + 0.05f;
   feedPoints(cal, 0, 32);
   feed(cal, onSphere(0).v);  // refit accepted
-  EXPECT_EQ(cal.state.iMagAccuracy, 3);
-  EXPECT_EQ(cal.state.bNewCalPara, 1);
-  EXPECT_EQ(cal.state.iCalBufferCount, 0);
+  EXPECT_EQ(status(cal), (S{3, 0, 1}));
   EXPECT_NEAR(cal.state.dSphereOffset[0], kCentre[0], 1e-5);
   EXPECT_EQ(cal.state.dSavedOffset[0], cal.state.dSphereOffset[0]);
-  EXPECT_TRUE(lines().empty());  // the refinement is silent
+  EXPECT_TRUE(capturedLines().empty());  // the refinement is silent
 
   // A rejected refit keeps accuracy, offset and flag, and empties the pool.
   cal.state.bNewCalPara = 0;

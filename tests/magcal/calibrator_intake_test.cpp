@@ -96,15 +96,15 @@ TEST(CalibratorIntake, QualityWatchDowngradesAfterFiveSecondsOffTheSphere) {
   for (int i = 0; i < 249; ++i) feed(cal, 1.7f, 0.0f, 0.0f, 2);
   EXPECT_EQ(cal.state.iMagAccuracy, 2);
   EXPECT_GT(cal.state.iCalBufferCount, 0);
-  EXPECT_TRUE(lines().empty());
+  EXPECT_TRUE(capturedLines().empty());
 
   feed(cal, 1.7f, 0.0f, 0.0f, 1);  // the 250th
   EXPECT_EQ(cal.state.iMagAccuracy, 0);
   EXPECT_EQ(cal.state.iCalBufferCount, 0);  // emptied, this sample not pooled
   EXPECT_EQ(cal.state.dSphereOffset[0], 0.1f);
-  const std::vector<std::string> expected = {"TRVQX4e20171117 qualitydown 250\n",
+  const Lines expected = {"TRVQX4e20171117 qualitydown 250\n",
                                              "TRVQX4e needcali quality 444 0 califlag= 1\n"};
-  EXPECT_EQ(lines(), expected);
+  EXPECT_EQ(capturedLines(), expected);
   feed(cal, 1.7f, 0.0f, 0.0f, 2);  // at accuracy 0 the watch rests; no reset
   EXPECT_EQ(cal.state.iQualityDownCount, 250);
 }
@@ -118,10 +118,10 @@ TEST(CalibratorIntake, RestartEmptiesOnlyThePool) {
   EXPECT_EQ(cal.state.iCalBufferCount, 5);
   cal.process(kUp, next, next, 1, 2);  // restart, silent at log mode 2
   EXPECT_EQ(cal.state.iCalBufferCount, 1);
-  EXPECT_TRUE(lines().empty());
+  EXPECT_TRUE(capturedLines().empty());
   cal.state.iMagAccuracy = 3;
   cal.process(kUp, next, next, 1, 0);  // the same call reopens the pool
   EXPECT_EQ(cal.state.iCalBufferCount, 1);
   EXPECT_EQ(cal.state.iHistoryCount, 7);
-  EXPECT_EQ(lines(), std::vector<std::string>{"QUELTA6a20180530 ReStart=1 \n"});
+  EXPECT_EQ(capturedLines(), Lines{"QUELTA6a20180530 ReStart=1 \n"});
 }

@@ -55,14 +55,14 @@ TEST(SphereFit, RecoversAKnownSphereAndJudgesTheBands) {
   }
   EXPECT_EQ(axisFit(std::nextafter(0.2f, 1.0f), 1.0f, 1.0f).iMagCalisOK, 1);
   EXPECT_EQ(axisFit(std::nextafter(0.8f, 0.0f), 1.0f, 1.0f).iMagCalisOK, 1);
-  EXPECT_TRUE(lines().empty());
+  EXPECT_TRUE(capturedLines().empty());
   EXPECT_EQ(axisFit(0.5f, 1.0f, std::nextafter(1.0f, 0.0f), 5).iMagCalisOK, 0);
-  EXPECT_TRUE(lines().empty());  // log mode 5 is silent
+  EXPECT_TRUE(capturedLines().empty());  // log mode 5 is silent
   // Every sample offends; only the first is reported.
   EXPECT_EQ(axisFit(0.5f, std::nextafter(1.0f, 2.0f), 2.0f, 1).iMagCalisOK, 0);
-  const std::vector<std::string> expected = {
+  const Lines expected = {
       "queltagbp MCP cali failed!!! i=0 dDistance=0.500000 dRadius=0.500000 dRatio=1.000000\n"};
-  EXPECT_EQ(lines(), expected);
+  EXPECT_EQ(capturedLines(), expected);
 }
 
 TEST(SphereFit, SingularNormalMatrixGivesTheDefaultRecord) {
@@ -77,7 +77,7 @@ TEST(SphereFit, SingularNormalMatrixGivesTheDefaultRecord) {
     EXPECT_EQ(fit.dSphereRadius, 0.5f);
   }
   // Reported whatever the log mode, without a line end.
-  EXPECT_EQ(lines(), std::vector<std::string>(3, "MatInv Err******"));
+  EXPECT_EQ(capturedLines(), std::vector<std::string>(3, "MatInv Err******"));
 }
 
 TEST(MatInv, CompletePivotingWithExchangesAndTies) {

@@ -9,15 +9,10 @@
 namespace quelta {
 namespace {
 
-constexpr double kDegToRad = 3.14159265358979323846 / 180.0;
-
-// The library's angles: heading clockwise from North, pitch positive when
-// the top edge (device y) dips, roll positive when the right edge (x) rises.
+// The library's pitch is positive when the top edge (device y) dips, its roll
+// positive when the right edge (x) rises: the simulator's angles negated.
 sim::Quat attitude(double headingDeg, double pitchDeg, double rollDeg) {
-  const sim::Quat heading = sim::quatFromAxisAngle({0.0, 0.0, -1.0}, headingDeg * kDegToRad);
-  const sim::Quat pitch = sim::quatFromAxisAngle({1.0, 0.0, 0.0}, -pitchDeg * kDegToRad);
-  const sim::Quat roll = sim::quatFromAxisAngle({0.0, 1.0, 0.0}, -rollDeg * kDegToRad);
-  return sim::quatMultiply(sim::quatMultiply(heading, pitch), roll);
+  return sim::attitudeFromHeadingPitchRoll(headingDeg, -pitchDeg, -rollDeg);
 }
 
 TEST(OrientationEndToEnd, CalibratedDeviceHeldStillReportsItsAttitude) {
@@ -33,9 +28,7 @@ TEST(OrientationEndToEnd, CalibratedDeviceHeldStillReportsItsAttitude) {
 
   struct Tilt {
     double pitch, roll;
-  };
-  const Tilt tilts[] = {{0, 0},  {30, 0},  {60, 0},  {-30, 0}, {-60, 0},
-                        {0, 20}, {0, 45},  {0, -20}, {0, -45}};
+  } const tilts[] = {{0, 0}, {30, 0}, {60, 0}, {-30, 0}, {-60, 0}, {0, 20}, {0, 45}, {0, -20}, {0, -45}};
   for (double heading : {10.0, 100.0, 200.0, 300.0, 340.0}) {
     for (const Tilt& t : tilts) {
       float out[3] = {}, cal[3];

@@ -11,11 +11,7 @@
 namespace quelta {
 namespace {
 
-void set3(float* dst, float x, float y, float z) {
-  dst[0] = x;
-  dst[1] = y;
-  dst[2] = z;
-}
+void set3(float* dst, float x, float y, float z) { dst[0] = x, dst[1] = y, dst[2] = z; }
 
 // Still device: all history entries and the latest sample agree, the
 // accelerometer variances are small but present.
@@ -49,14 +45,14 @@ TEST(Orientation, FollowsTheDelayedSampleOnceTheHistoriesAreFull) {
   Orientation ori;
   float out[3], a[3], m[3];
   ori.compute(cal, out);
-  EXPECT_NEAR(out[1], 30.0f, 1e-4f);
   Orientation::currentVectors(cal, a, m);
+  EXPECT_NEAR(out[1], 30.0f, 1e-4f);
   EXPECT_EQ(m[1], 0.3f - -0.02f);  // history field minus the offset
   // One sample short of full: the latest sample.
   cal.iHistoryCount = 29;
   ori.compute(cal, out);
-  EXPECT_NEAR(out[1], -30.0f, 1e-4f);
   Orientation::currentVectors(cal, a, m);
+  EXPECT_NEAR(out[1], -30.0f, 1e-4f);
   EXPECT_EQ(m[0], 9.0f);
 }
 
@@ -67,8 +63,7 @@ TEST(Orientation, GravityIsUpUntilVariancesExist) {
   Orientation ori;
   float out[3];
   ori.compute(cal, out);
-  EXPECT_EQ(out[1], 0.0f);
-  EXPECT_EQ(out[2], 0.0f);
+  EXPECT_TRUE(out[1] == 0.0f && out[2] == 0.0f);
   cal.dAccVariance[2] = 1e-9f;  // one variance is enough
   ori.compute(cal, out);
   EXPECT_NEAR(out[2], std::asin(0.3) * 180.0 / 3.14159265358979323846, 1e-4);
@@ -83,8 +78,7 @@ TEST(Orientation, FieldAlongGravityKeepsThePreviousMatrix) {
   float before[3][3];
   std::memcpy(before, ori.dOriMatrix, sizeof before);
   const float pitchBefore = out[1];
-  const float down[3] = {0.0f, 0.0f, -0.5f};
-  const float skyward[3] = {0.0f, 0.0f, 0.5f};
+  const float down[3] = {0.0f, 0.0f, -0.5f}, skyward[3] = {0.0f, 0.0f, 0.5f};
   for (const float* f : {down, skyward}) {
     CalibrationState degenerate = stillState(kUp, f, kZero);
     EXPECT_EQ(Orientation::meanAngle(degenerate).sinA, 0.0f);
@@ -112,14 +106,10 @@ TEST(Orientation, PitchContinuesPastNinetyWhenTheScreenFacesDown) {
 TEST(Orientation, LevellingAndClampingBeforeArcFunctions) {
   Orientation ori;
   float east, north;
-  ori.levelledHeading(&east, &north);  // identity: y points North
-  EXPECT_EQ(east, 0.0f);
-  EXPECT_EQ(north, 1.0f);
   set3(ori.dOriMatrix[1], 0.6f, 0.8f, 0.3f);
   set3(ori.dOriMatrix[2], 2e-4f, 1e-4f, 1.0f);  // h^2 = 5e-8: flat, taken as it stands
   ori.levelledHeading(&east, &north);
-  EXPECT_EQ(east, 0.6f);
-  EXPECT_EQ(north, 0.8f);
+  EXPECT_TRUE(east == 0.6f && north == 0.8f);
   // Just past +-1: clamped, no NaN.
   set3(ori.dOriMatrix[0], 1.0f, 0.0f, -1.0000001f);
   set3(ori.dOriMatrix[1], 0.0f, 0.0f, 1.0000001f);
@@ -143,23 +133,16 @@ TEST(Orientation, FieldGeometryOnlyWhileCalibratedAndStill) {
   EXPECT_NEAR(cal.dMagVertical, 0.25f, 2e-6f);
   EXPECT_NEAR(cal.dMagInclination, 30.0f, 1e-4f);
 
-  auto updated = [](CalibrationState c) {
+  // Not updated below accuracy 3, nor with any variance at the still threshold.
+  for (int change = 0; change < 7; ++change) {
+    CalibrationState c = cal;
+    if (change < 3) c.iMagAccuracy = change;
+    if (change >= 3 && change < 6) c.dAccVariance[change - 3] = c.config.dAccStillThd;
+    if (change == 6) set3(c.dAccVariance, 0.0f, 0.0f, 0.0f);  // not yet measured counts as still
     c.dMagVertical = 7.0f;
     Orientation::updateFieldGeometry(c, {-0.5f, std::sqrt(0.75f)});
-    return c.dMagVertical == 0.25f;
-  };
-  for (int accuracy : {0, 1, 2}) {
-    CalibrationState c = cal;
-    c.iMagAccuracy = accuracy;
-    EXPECT_FALSE(updated(c)) << accuracy;
+    EXPECT_EQ(c.dMagVertical, change == 6 ? 0.25f : 7.0f) << change;
   }
-  for (int axis = 0; axis < 3; ++axis) {
-    CalibrationState c = cal;
-    c.dAccVariance[axis] = c.config.dAccStillThd;
-    EXPECT_FALSE(updated(c)) << axis;
-  }
-  set3(cal.dAccVariance, 0.0f, 0.0f, 0.0f);  // not yet measured counts as still
-  EXPECT_TRUE(updated(cal));
 }
 
 }  // namespace

@@ -19,10 +19,10 @@ inline int captureLine(const char* fmt, ...) {
   char text[512];
   va_list args;
   va_start(args, fmt);
-  std::vsnprintf(text, sizeof text, fmt, args);
+  const int n = std::vsnprintf(text, sizeof text, fmt, args);
   va_end(args);
   capturedLines().push_back(text);
-  return 0;
+  return n;
 }
 
 // Registers the capturing callback and forgets earlier lines.
@@ -33,9 +33,7 @@ inline void startCapture() {
 
 inline int countLinesStartingWith(const std::string& prefix) {
   int n = 0;
-  for (const std::string& line : capturedLines()) {
-    if (line.compare(0, prefix.size(), prefix) == 0) ++n;
-  }
+  for (const std::string& line : capturedLines()) n += line.compare(0, prefix.size(), prefix) == 0;
   return n;
 }
 

@@ -1,0 +1,219 @@
+// The rotation vector call by call: known attitudes, NaN, the hold threshold,
+// the two cascaded moving means, log lines and independent instances.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "QueltaAlgo.h"
+#include "rotvec/rotation_vector.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using quelta::test::capturedLines;
+
+// What a fresh instance publishes on its first call (no smoothing, no hold).
+struct FirstCall {
+  float rov[4], gravity[3], linear[3];
+};
+
+FirstCall firstCallOf(const float* mag, const float* acc) {
+  quelta::OwnedRotationVector fresh;
+  fresh.moveThreshold = 0.0f;
+  fresh.fusion.update(mag, acc, 0);
+  FirstCall r{};
+  std::copy(fresh.rov, fresh.rov + 4, r.rov);
+  std::copy(fresh.gravity, fresh.gravity + 3, r.gravity);
+  std::copy(fresh.linear, fresh.linear + 3, r.linear);
+  return r;
+}
+
+TEST(RotvecFirstCall, KnownAttitudesAndNaN) {
+  const float h = 0.70710678f;
+  const struct {
+    const char* name;
+    float mag[3], acc[3], rov[4], gravity[3], linear[3];
+  } cases[] = {
+      {"level, facing north", {0, 20, 0}, {0, 0, 1}, {0, 0, 0, 1}, {0, 0, 1}, {0, 0, 0}},
+      {"quarter turn, dipping field", {30, 0, -40}, {0, 0, 1}, {0, 0, h, h}, {0, 0, 1}, {0, 0, 0}},
+      {"acc in m/s^2", {30, 0, -40}, {0, 0, 9.8f}, {0, 0, h, h}, {0, 0, 1}, {0, 0, 8.8f}},
+      {"tilted 45 about x", {0, 10, -10}, {0, 0.7071f, 0.7071f}, {0.38268343f, 0, 0, 0.92387953f}, {0, h, h}, {0, 0.7071f - h, 0.7071f - h}},
+      {"all zero", {0, 0, 0}, {0, 0, 0}, {0, -h, h, 0}, {0, 0, 0}, {0, 0, 0}},
+  };
+  for (const auto& c : cases) {
+    const FirstCall r = firstCallOf(c.mag, c.acc);
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(r.rov[i], c.rov[i], 1e-5f) << c.name << " rov " << i;
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_NEAR(r.gravity[i], c.gravity[i], 1e-6f) << c.name << " gravity " << i;
+      EXPECT_NEAR(r.linear[i], c.linear[i], 1e-6f) << c.name << " linear " << i;
+    }
+  }
+  // Through the C interface: zeros before the first call, the identity exact.
+  float rov[4] = {9, 9, 9, 9}, gravity[3];
+  GetCalRov(rov);
+  EXPECT_TRUE(rov[0] == 0.0f && rov[1] == 0.0f && rov[2] == 0.0f && rov[3] == 0.0f);
+  CalcQueltaRotVec(cases[0].mag, cases[0].acc, 0);
+  GetCalRov(rov);
+  GetQueltaGravityAcc(gravity);
+  EXPECT_TRUE(rov[0] == 0.0f && rov[1] == 0.0f && rov[2] == 0.0f && rov[3] == 1.0f);
+  EXPECT_TRUE(gravity[0] == 0.0f && gravity[1] == 0.0f && gravity[2] == 1.0f);
+
+  // NaN reaches the outputs (no floor swallows it), is published (a NaN
+  // difference never holds) and is replaced by the next finite result.
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float badMag[3] = {nan, 20, 0}, badAcc[3] = {0, nan, 1};
+  CalcQueltaRotVec(badMag, cases[0].acc, 0);
+  for (float v : fOutRov) EXPECT_TRUE(std::isnan(v));
+  EXPECT_EQ(fGravityAcc[2], 1.0f);
+  CalcQueltaRotVec(cases[0].mag, badAcc, 0);
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(std::isnan(fGravityAcc[i]) && std::isnan(fLinearAcc[i]));
+  CalcQueltaRotVec(cases[0].mag, cases[0].acc, 0);
+  EXPECT_EQ(fOutRov[3], 1.0f);
+}
+
+// A level device turned by headingDeg in a dipping field, and what a fresh
+// instance publishes for it. All calls stay within the first 30, so each
+// call's attitude is its raw sample's.
+struct Heading {
+  float mag[3], acc[3] = {0.0f, 0.0f, 1.0f};
+  FirstCall q;
+  explicit Heading(double deg) {
+    const double h = deg * 3.14159265358979323846 / 180.0;
+    mag[0] = static_cast<float>(-0.25 * std::sin(h));
+    mag[1] = static_cast<float>(0.25 * std::cos(h));
+    mag[2] = -0.4f;
+    q = firstCallOf(mag, acc);
+  }
+  bool published() const {
+    CalcQueltaRotVec(mag, acc, 0);
+    for (int i = 0; i < 4; ++i) {
+      if (fOutRov[i] != q.rov[i]) return false;
+    }
+    return true;
+  }
+};
+
+TEST(RotvecHold, ChangesBelowTheThresholdRepublishThePreviousValue) {
+  EXPECT_EQ(movethd, 0.005f);
+  const Heading a(10.0), b(10.4), c(11.0), d(11.1);
+  ASSERT_LT(std::fabs(b.q.rov[2] - a.q.rov[2]), 0.005f);
+  ASSERT_GE(std::fabs(c.q.rov[2] - a.q.rov[2]), 0.005f);
+  EXPECT_TRUE(a.published());
+  EXPECT_FALSE(b.published());  // a republished, w included
+  EXPECT_TRUE(fOutRov[3] == a.q.rov[3] && fGravityAcc[2] == b.q.gravity[2]);  // gravity is never held
+  EXPECT_TRUE(c.published());  // measured against a, the last published, not b
+  EXPECT_FALSE(d.published());
+  movethd = 0.0f;  // honoured from the very next call
+  EXPECT_TRUE(d.published());
+  movethd = 0.5f;
+  EXPECT_FALSE(a.published());
+
+  // A difference equal to the threshold is not "less than": published.
+  const Heading e(-30.0), f(-30.5), g(-31.0);
+  const float def = std::fabs(f.q.rov[2] - e.q.rov[2]), dfg = std::fabs(g.q.rov[2] - f.q.rov[2]);
+  for (int i : {0, 1}) ASSERT_LT(std::fabs(f.q.rov[i] - e.q.rov[i]), def);  // z decides
+  movethd = 0.0f;
+  EXPECT_TRUE(e.published());
+  movethd = def;
+  EXPECT_TRUE(f.published());
+  movethd = std::nextafter(dfg, 1.0f);
+  EXPECT_FALSE(g.published());
+}
+
+// Raw samples for calls 1 to 30, the mean of the newest 30 samples for calls
+// 31 to 36, the mean of the newest six such means from call 37 on; each
+// checked bit for bit against means recomputed from the full input record.
+TEST(RotvecMovingMeans, StagesSwitchOnAtCalls31And37) {
+  using Slot = std::vector<float>;  // mag x, y, z, acc x, y, z
+  auto meanOfNewest = [](const std::vector<Slot>& record, int count) {
+    Slot out(6);
+    for (int k = 0; k < 6; ++k) {
+      float sum = 0.0f;  // newest first, from zero
+      for (int s = 0; s < count; ++s) sum = sum + record[record.size() - 1 - s][k];
+      out[k] = sum / static_cast<float>(count);
+    }
+    return out;
+  };
+  movethd = 0.0f;
+  std::vector<Slot> samples, firstMeans;
+  for (int call = 1; call <= 70; ++call) {
+    const double t = 0.09 * call;  // varied magnitudes too: no mean is a mere rescaling
+    const Slot x = {static_cast<float>(0.2 * std::sin(t) + 0.01 * call), static_cast<float>(0.3 * std::cos(t)),
+                    static_cast<float>(-0.4 + 0.002 * call), static_cast<float>(0.3 * std::sin(1.7 * t)),
+                    static_cast<float>(-0.2 + 0.1 * std::cos(t)), static_cast<float>(0.9 + 0.001 * call)};
+    samples.push_back(x);
+    CalcQueltaRotVec(&x[0], &x[3], 0);
+    Slot input = x;
+    if (call > 30) firstMeans.push_back(input = meanOfNewest(samples, 30));
+    if (call > 36) input = meanOfNewest(firstMeans, 6);
+    const FirstCall expected = firstCallOf(&input[0], &input[3]);
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(fOutRov[i], expected.rov[i]) << "call " << call;
+    for (int i = 0; i < 3; ++i) {
+      ASSERT_EQ(fGravityAcc[i], expected.gravity[i]) << "call " << call;
+      ASSERT_EQ(fLinearAcc[i], x[3 + i] - fGravityAcc[i]) << "call " << call;  // the call's own sample
+    }
+    // The switch-over calls really change the result for this input.
+    if (call == 31) EXPECT_NE(firstCallOf(&x[0], &x[3]).rov[2], fOutRov[2]);
+    if (call == 37) EXPECT_NE(firstCallOf(&firstMeans.back()[0], &firstMeans.back()[3]).rov[2], fOutRov[2]);
+  }
+}
+
+TEST(RotvecLog, OnlyModeOneLogsAndTheAccessorsFollowTheLatestCall) {
+  quelta::test::startCapture();
+  const float mag[3] = {0.0f, 0.5f, 0.0f}, level[3] = {0.0f, 0.0f, 1.5f}, acc[3] = {0.25f, -0.125f, 1.5f};
+  float rov[4], gravity[3], linear[3];
+  auto readAll = [&] {
+    GetCalRov(rov);
+    GetQueltaGravityAcc(gravity);
+    GetQueltaLinearAcc(linear);
+  };
+  CalcQueltaRotVec(mag, level, 1);
+  readAll();
+  const std::vector<std::string> expected = {
+      "TRVQX4e20180709 InputRotVec  0.000000 0.500000 0.000000 0.000000 0.000000 1.500000 \n",
+      "TRVQX4e InRotVec output 0.000000 0.000000 0.000000 1.000000 \n",
+      "In GetQueltaGravityAcc 0.000000 0.000000 1.000000 \n",
+      "In GetQueltaLinearAcc 0.000000 0.000000 0.500000 \n"};
+  EXPECT_EQ(capturedLines(), expected);
+  capturedLines().clear();
+  CalcQueltaRotVec(mag, acc, 1);
+  char output[200];
+  std::snprintf(output, sizeof output, "TRVQX4e InRotVec output %f %f %f %f \n", fOutRov[0], fOutRov[1],
+                fOutRov[2], fOutRov[3]);
+  EXPECT_EQ(capturedLines(), (std::vector<std::string>{
+      "TRVQX4e20180709 InputRotVec  0.000000 0.500000 0.000000 0.250000 -0.125000 1.500000 \n", output}));
+  for (int mode : {0, 2, -1}) {
+    capturedLines().clear();
+    CalcQueltaRotVec(mag, acc, mode);
+    readAll();
+    EXPECT_TRUE(capturedLines().empty()) << "mode " << mode;
+  }
+}
+
+TEST(RotvecInstances, OwnedInstanceIsIndependentOfTheExportedObjects) {
+  quelta::test::startCapture();
+  quelta::OwnedRotationVector own, twin;
+  movethd = 0.0f;  // must not reach the owned instances
+  for (int call = 0; call < 40; ++call) {
+    const float mag[3] = {0.3f - 0.002f * call, 0.2f, -0.4f}, acc[3] = {0.1f, 0.0f, 1.0f};
+    CalcQueltaRotVec(mag, acc, 0);
+    own.fusion.update(mag, acc, call == 39 ? 1 : 0);
+    twin.fusion.update(mag, acc, 0);
+  }
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(own.rov[i], twin.rov[i]);
+  // Same inputs, but the exported threshold 0 published later small moves;
+  // and the owned instances, called last, left the exported objects alone.
+  EXPECT_NE(own.rov[2], fOutRov[2]);
+  // The owned instance logged in mode 1; the exported accessor follows the
+  // process-wide instance's mode 0.
+  float gravity[3];
+  GetQueltaGravityAcc(gravity);
+  EXPECT_EQ(capturedLines().size(), 2u);
+  own.fusion.copyGravity(gravity);
+  EXPECT_EQ(capturedLines().size(), 3u);
+}
+
+}  // namespace
