@@ -108,7 +108,29 @@ QUELTA_API int32_t GetMagSaturation(void);
  * ------------------------------------------------------------------------ */
 
 /* Azimuth [0, 360), pitch (-180, 180], roll [-90, 90] in degrees (3 floats),
- * from the accelerometer and the field stored by GetCalMag. Returns 1. */
+ * from the accelerometer and the field stored by GetCalMag. Returns 1.
+ * Azimuth runs clockwise from North to the levelled device y axis (top edge).
+ * Pitch is positive when the top edge dips and continues past +-90 when the
+ * screen faces down; roll is positive when the right edge (device x) rises.
+ * Once 30 samples have been seen, the attitude follows the sample nine calls
+ * behind the newest. While the accuracy is 3 and the device still, the call
+ * also measures the field geometry that GetCalPara reports.
+ *
+ * The azimuth is smoothed by a median over paraC[1] azimuths and a mean over
+ * paraC[2] medians (defaults 11 and 8), so it reports 0 until paraC[2] calls
+ * have been made and then settles within about paraC[1] + paraC[2] calls.
+ * Within each 45-degree sector a fixed correction moves the azimuth by up to
+ * about 2.3 degrees away from the sector's middle, and changes below one
+ * degree are not reported.
+ *   - Window lengths are clamped to 1..31 (median) and 1..30 (mean). When a
+ *     length differs from the one used on the previous call, that window is
+ *     emptied and refills as at start-up (the mean window again reports 0
+ *     until it is full).
+ *   - A smoothed azimuth exactly on a sector end (45, 90, 135, 180, 270) is
+ *     reported as it stands; 0 stays 0.
+ *   - Values that rounding pushes just past +-1 are clamped before acos and
+ *     asin, so they cannot turn the outputs or the smoothing state into NaN;
+ *     values within +-1 are used unchanged. */
 QUELTA_API int32_t GetCalOri(float *out);
 
 /* ------------------------------------------------------------------------
