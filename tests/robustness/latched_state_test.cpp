@@ -92,6 +92,38 @@ TEST(LatchedState, VirtualGyroscopeKeepsANaNUntilRestarted) {
   EXPECT_TRUE(rotating);
 }
 
+TEST(LatchedState, RotatingVirtualGyroscopeRestartsItselfAfterASingleNaN) {
+  // Rotating: the NaN rate is published and the next call restarts. That
+  // clears a single bad sample; during a longer burst the restarted pipeline
+  // takes the NaN again in the still mode and keeps it.
+  for (int burst : {1, 4}) {
+    quelta::StandaloneVirtualGyro gyro;
+    quelta::sim::Device device;
+    float rate[3], attitude[4];
+    int i = 0;
+    for (; i < 100; ++i) {
+      const quelta::sim::SensorSample s = turning(device, i, 0.05);
+      gyro.gyro.process(s.mag, s.acc, 0, 5, 0.02f);
+    }
+    gyro.gyro.calGyr(rate);
+    ASSERT_GT(std::fabs(rate[2]), 1.0f);  // rotating
+    const float nanMag[3] = {kNaN, kNaN, kNaN};
+    for (int k = 0; k < burst; ++k, ++i) gyro.gyro.process(nanMag, nanMag, 0, 5, 0.02f);
+    int finiteCalls = 0;
+    for (int k = 0; k < 200; ++k, ++i) {
+      const quelta::sim::SensorSample s = turning(device, i, 0.05);
+      gyro.gyro.process(s.mag, s.acc, 0, 5, 0.02f);
+      gyro.gyro.rotVecInVG(attitude);
+      finiteCalls += finite(attitude, 4) ? 1 : 0;
+    }
+    if (burst == 1) {
+      EXPECT_GE(finiteCalls, 198);
+    } else {
+      EXPECT_EQ(finiteCalls, 0);
+    }
+  }
+}
+
 TEST(LatchedState, PoisonedStoredCalibrationIsReplacedByTheNextRefit) {
   const float axis[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   const float corrupt[4] = {kNaN, 0.1f, 0.1f, 0.5f};
