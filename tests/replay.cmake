@@ -1,0 +1,51 @@
+# Command-line tests of quelta-replay: summary figures against the
+# simulator's truth, outputs and report, stored calibration, bad input.
+find_package(Python3 REQUIRED COMPONENTS Interpreter)
+
+set(REPLAY_CHECK ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/replay/cli_check.py)
+set(REPLAY_WORK ${CMAKE_CURRENT_BINARY_DIR}/replay_cli)
+set(REPLAY_FIXTURES ${CMAKE_CURRENT_SOURCE_DIR}/replay/fixtures)
+
+# A 25 s recording in m/s^2 and microtesla with its own offset: still, the
+# figure-eight, still again.
+add_test(NAME replay.cli.make_fixture
+  COMMAND quelta-make-recording --duration 25 --seed 7 --offset -0.21,0.09,0.15 --declination 7
+          --acc-unit m/s2 --mag-unit uT --out ${REPLAY_WORK}/handheld_25s.csv)
+set_tests_properties(replay.cli.make_fixture PROPERTIES FIXTURES_SETUP replay_recording)
+file(MAKE_DIRECTORY ${REPLAY_WORK})
+
+add_test(NAME replay.cli.summary_outputs_and_stored_calibration
+  COMMAND ${REPLAY_CHECK} run $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/run
+          ${REPLAY_WORK}/handheld_25s.csv -0.21,0.09,0.15 --acc-unit m/s2 --mag-unit uT)
+set_tests_properties(replay.cli.summary_outputs_and_stored_calibration PROPERTIES FIXTURES_REQUIRED replay_recording)
+
+add_test(NAME replay.cli.bundled_recording_by_default
+  COMMAND ${REPLAY_CHECK} bundled $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/bundled)
+
+foreach(case
+    "missing_column|missing_column.csv:1: missing required column 'mz'"
+    "non_numeric|non_numeric.csv:3:16: column 'my': '0.1x' is not a finite number"
+    "non_increasing_time|non_increasing_time.csv:4:1: time 0.02 does not increase"
+    "short_row|short_row.csv:3:19: expected 7 values, found 6"
+    "empty|empty.csv: empty recording"
+    "header_only|header_only.csv: no samples after the header row"
+    "missing_file|missing_file.csv: cannot open the recording")
+  string(REPLACE "|" ";" parts "${case}")
+  list(GET parts 0 name)
+  list(GET parts 1 message)
+  add_test(NAME replay.cli.bad_input.${name}
+    COMMAND ${REPLAY_CHECK} bad-input $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/bad_${name}
+            ${REPLAY_FIXTURES}/${name}.csv "${message}")
+endforeach()
+
+add_test(NAME replay.cli.usage_error COMMAND ${REPLAY_CHECK} usage $<TARGET_FILE:quelta-replay>)
+
+# The unit tests of tests/replay/ also drive the library directly.
+target_link_libraries(test_replay PRIVATE quelta_replay_driver quelta_recording_sim)
+
+if(CMAKE_CROSSCOMPILING_EMULATOR)
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+  get_property(replay_tests DIRECTORY PROPERTY TESTS)
+  list(FILTER replay_tests INCLUDE REGEX "^replay\\.cli\\.")
+  set_tests_properties(${replay_tests} PROPERTIES ENVIRONMENT "QUELTA_EMULATOR=${emulator}")
+endif()
