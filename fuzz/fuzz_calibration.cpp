@@ -24,6 +24,11 @@ namespace {
 
 using quelta::fuzz::FuzzInput;
 
+// Sample sets per input: enough for a full fit and what follows it, few
+// enough to keep executions fast.
+constexpr int32_t kSampleSetBudget = 160;
+int32_t gSampleSetsLeft = 0;
+
 void freshLibrary() {
   quelta::defaultCalibrator() = quelta::Calibrator{};
   quelta::defaultOrientation() = quelta::Orientation{};
@@ -68,6 +73,8 @@ void readResults(FuzzInput& in) {
 // field and the orientation.
 void sampleSet(const float* acc, const float* mag, const float* sat, int32_t restart,
                int32_t mode) {
+  if (gSampleSetsLeft <= 0) return;
+  --gSampleSetsLeft;
   FUZZ_CHECK(MainAlgorithmProcess(acc, mag, sat, restart, mode) == 1);
   float out[3];
   const int32_t pooled = GetCalMag(out);
@@ -153,8 +160,9 @@ void steadyRun(FuzzInput& in) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   freshLibrary();
+  gSampleSetsLeft = kSampleSetBudget;
   FuzzInput in(data, size);
-  while (!in.exhausted()) {
+  while (!in.exhausted() && gSampleSetsLeft > 0) {
     switch (in.byte() % 7) {
       case 0: initial(in); break;
       case 1:

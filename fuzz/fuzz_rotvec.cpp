@@ -24,6 +24,9 @@ namespace {
 using quelta::fuzz::FuzzInput;
 
 constexpr int32_t kRecoveryCalls = 35;
+// Calls per input: past both moving means twice, few enough to keep
+// executions fast.
+constexpr int32_t kCallBudget = 200;
 
 // Back to the state at load: the process-wide fusion, its exported objects
 // and the callback.
@@ -40,8 +43,11 @@ void freshLibrary() {
 
 struct Run {
   int32_t tameCalls = 0;  // consecutive calls with tame inputs, this one included
+  int32_t callsLeft = kCallBudget;
 
   void call(const float* mag, const float* acc, int32_t logMode) {
+    if (callsLeft <= 0) return;
+    --callsLeft;
     CalcQueltaRotVec(mag, acc, logMode);
     const bool tame = quelta::fuzz::tame(mag, 3) && quelta::fuzz::tame(acc, 3);
     tameCalls = tame ? tameCalls + 1 : 0;
@@ -95,7 +101,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   freshLibrary();
   FuzzInput in(data, size);
   Run run;
-  while (!in.exhausted()) {
+  while (!in.exhausted() && run.callsLeft > 0) {
     switch (in.byte() % 6) {
       case 0: {
         float mag[3], acc[3];

@@ -22,6 +22,9 @@ namespace {
 using quelta::fuzz::FuzzInput;
 
 constexpr int32_t kMaxTaps = 16;
+// Sample sets per input: enough to enter and leave the rotating mode and
+// restart, few enough to keep executions fast.
+constexpr int32_t kSampleSetBudget = 160;
 
 int32_t restartFlag(FuzzInput& in) {
   const uint8_t b = in.byte();
@@ -42,8 +45,11 @@ float interval(FuzzInput& in) {
 
 struct Pipelines {
   quelta::StandaloneVirtualGyro own;
+  int32_t sampleSetsLeft = kSampleSetBudget;
 
   void process(const float* mag, const float* acc, int32_t restart, int32_t mode, float ts) {
+    if (sampleSetsLeft <= 0) return;
+    --sampleSetsLeft;
     own.gyro.process(mag, acc, restart, mode, ts);
     CalcQueltaGyro(mag, acc, restart, mode, ts);
     float rate[3], quat[4];
@@ -117,7 +123,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput in(data, size);
   RegisterLogCallback(quelta::fuzz::formatLine);
   std::unique_ptr<Pipelines> pipelines(new Pipelines);
-  while (!in.exhausted()) {
+  while (!in.exhausted() && pipelines->sampleSetsLeft > 0) {
     switch (in.byte() % 6) {
       case 0:
       case 1: {
