@@ -21,7 +21,7 @@ inline void checkConversions(const char* fmt) {
   }
 }
 
-inline volatile int gLogSink = 0;
+inline volatile unsigned gLogSink = 0;
 
 inline int formatLine(const char* fmt, ...) {
   checkConversions(fmt);
@@ -31,7 +31,7 @@ inline int formatLine(const char* fmt, ...) {
   const int n = std::vsnprintf(text, sizeof text, fmt, args);
   va_end(args);
   FUZZ_CHECK(n >= 0);
-  gLogSink = gLogSink + n + text[0];
+  gLogSink = gLogSink + static_cast<unsigned>(n) + static_cast<unsigned char>(text[0]);
   return n;
 }
 

@@ -24,8 +24,9 @@ void noteAllocation() {
 
 #if defined(QUELTA_TEST_UNDER_ASAN)
 // AddressSanitizer owns malloc and operator new; it reports every allocation
-// to a hook instead.
-#include <sanitizer/allocator_interface.h>
+// to a hook instead. (Declared here: GCC ships no allocator_interface.h.)
+extern "C" int __sanitizer_install_malloc_and_free_hooks(
+    void (*mallocHook)(const volatile void*, std::size_t), void (*freeHook)(const volatile void*));
 
 namespace {
 void mallocHook(const volatile void*, std::size_t) { noteAllocation(); }
