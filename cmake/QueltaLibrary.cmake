@@ -42,9 +42,12 @@ set_target_properties(QueltaAlgo PROPERTIES
   PREFIX "" OUTPUT_NAME QueltaAlgo SUFFIX ".so"
   LINKER_LANGUAGE C)
 # Export only the interface names; fail the link if anything would pull in
-# the C++ runtime (the library must need libc and libm only).
+# the C++ runtime (the library must need libc and libm only). An instrumented
+# build leaves the sanitizer runtime's symbols to the host executable.
 target_link_options(QueltaAlgo PRIVATE
-  -Wl,--version-script=${PROJECT_SOURCE_DIR}/core/QueltaAlgo.map
-  -Wl,--no-undefined -Wl,--as-needed)
+  -Wl,--version-script=${PROJECT_SOURCE_DIR}/core/QueltaAlgo.map -Wl,--as-needed)
+if(NOT QUELTA_INSTRUMENTED)
+  target_link_options(QueltaAlgo PRIVATE -Wl,--no-undefined)
+endif()
 set_property(TARGET QueltaAlgo APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/core/QueltaAlgo.map)
 target_link_libraries(QueltaAlgo PRIVATE m)

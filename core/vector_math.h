@@ -42,11 +42,13 @@ inline void vecNormalize(const float* v, float* out, int32_t n) {
   for (int32_t i = 0; i < n; ++i) out[i] = v[i] / norm;
 }
 
-// Bubble sort with one swap counter for the whole call: once any pass has
+// Bubble sort with one swap record for the whole call: once any pass has
 // swapped, every remaining pass runs. NaN never compares greater, so it stays.
+// (A flag rather than a count, and pass < n rather than pass <= n - 1: no
+// length can overflow either.)
 inline void bubbleSort(float* v, int32_t n) {
-  int32_t swaps = 0;
-  for (int32_t pass = 1; pass <= n - 1; ++pass) {
+  bool swapped = false;
+  for (int32_t pass = 1; pass < n; ++pass) {
     float carried = v[0];
     const int32_t walk = n - pass + 1;
     for (int32_t i = 1; i < walk; ++i) {
@@ -54,12 +56,12 @@ inline void bubbleSort(float* v, int32_t n) {
       if (carried > e) {
         v[i - 1] = e;
         v[i] = carried;
-        ++swaps;
+        swapped = true;
       } else {
         carried = e;
       }
     }
-    if (swaps == 0) return;
+    if (!swapped) return;
   }
 }
 

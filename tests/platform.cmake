@@ -23,12 +23,17 @@ endif()
 
 if(QUELTA_INSTALL)
   string(REPLACE ";" " " quelta_emulator "${CMAKE_CROSSCOMPILING_EMULATOR}")
+  # An instrumented shared object needs a host built with the same sanitizers.
+  string(REPLACE ";" " " quelta_host_flags "${QUELTA_HOST_SANITIZER_FLAGS}")
+  string(REPLACE ";" " " quelta_host_libs "${QUELTA_HOST_SANITIZER_LIBS}")
   add_test(NAME platform.installed_tree_serves_c_hosts
     COMMAND ${CMAKE_COMMAND} -E env
             "EMULATOR=${quelta_emulator}"
             "TOOLCHAIN_FILE=${CMAKE_TOOLCHAIN_FILE}"
             "CROSS_COMPILER=${QUELTA_CROSS_COMPILER}"
             "C_TARGET=${CMAKE_C_COMPILER_TARGET}"
+            "HOST_FLAGS=${quelta_host_flags}"
+            "HOST_LIBS=${quelta_host_libs}"
             sh ${CMAKE_CURRENT_SOURCE_DIR}/platform/check_install.sh
             ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_SOURCE_DIR}/platform/install_host
             ${CMAKE_C_COMPILER})

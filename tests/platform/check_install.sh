@@ -3,7 +3,8 @@
 # against it twice: through find_package(QueltaAlgo) and through pkg-config.
 #   check_install.sh BUILD_DIR HOST_SOURCE_DIR C_COMPILER
 # Cross builds also set EMULATOR (command line that runs target programs),
-# TOOLCHAIN_FILE, CROSS_COMPILER and C_TARGET.
+# TOOLCHAIN_FILE, CROSS_COMPILER and C_TARGET; sanitizer builds set HOST_FLAGS
+# (compile and link flags for the host) and HOST_LIBS (libraries it links).
 set -eu
 build="$1"
 host_src="$2"
@@ -27,7 +28,12 @@ fi
 libdir=$(dirname "$so")
 
 echo "== find_package"
+host_flags="${HOST_FLAGS:-}"
+host_libs="${HOST_LIBS:-}"
 set -- -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc"
+if [ -n "$host_flags" ]; then
+  set -- "$@" -DCMAKE_C_FLAGS="$host_flags" -DCMAKE_EXE_LINKER_FLAGS="$host_flags $host_libs"
+fi
 if [ -n "${TOOLCHAIN_FILE:-}" ]; then
   # The scratch prefix lies outside the cross sysroot.
   set -- "$@" -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN_FILE" \
@@ -49,6 +55,6 @@ echo "pkg-config --cflags --libs QueltaAlgo: $flags"
 set --
 if [ -n "${C_TARGET:-}" ]; then set -- "--target=$C_TARGET"; fi
 # shellcheck disable=SC2086
-"$cc" "$@" "$host_src/host.c" $flags -o "$work/pkgconfig-host"
+"$cc" "$@" $host_flags "$host_src/host.c" $flags $host_libs -o "$work/pkgconfig-host"
 # shellcheck disable=SC2086
 LD_LIBRARY_PATH="$libdir" $emulator "$work/pkgconfig-host"

@@ -4,13 +4,6 @@
 #include <cstddef>
 #include <new>
 
-extern "C" {
-void* __libc_malloc(std::size_t size);
-void* __libc_calloc(std::size_t count, std::size_t size);
-void* __libc_realloc(void* ptr, std::size_t size);
-void __libc_free(void* ptr);
-}
-
 namespace {
 std::atomic<bool> gCounting{false};
 std::atomic<int64_t> gAllocations{0};
@@ -19,6 +12,36 @@ void noteAllocation() {
   if (gCounting.load(std::memory_order_relaxed)) gAllocations.fetch_add(1, std::memory_order_relaxed);
 }
 }  // namespace
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define QUELTA_TEST_UNDER_ASAN 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define QUELTA_TEST_UNDER_ASAN 1
+#endif
+
+#if defined(QUELTA_TEST_UNDER_ASAN)
+// AddressSanitizer owns malloc and operator new; it reports every allocation
+// to a hook instead. (Declared here: GCC ships no allocator_interface.h.)
+extern "C" int __sanitizer_install_malloc_and_free_hooks(
+    void (*mallocHook)(const volatile void*, std::size_t), void (*freeHook)(const volatile void*));
+
+namespace {
+void mallocHook(const volatile void*, std::size_t) { noteAllocation(); }
+void freeHook(const volatile void*) {}
+[[maybe_unused]] const int gHooksInstalled = __sanitizer_install_malloc_and_free_hooks(mallocHook, freeHook);
+}  // namespace
+
+#else
+
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* ptr, std::size_t size);
+void __libc_free(void* ptr);
+}
 
 extern "C" {
 void* malloc(std::size_t size) {
@@ -46,6 +69,8 @@ void operator delete(void* p) noexcept { free(p); }
 void operator delete[](void* p) noexcept { free(p); }
 void operator delete(void* p, std::size_t) noexcept { free(p); }
 void operator delete[](void* p, std::size_t) noexcept { free(p); }
+
+#endif  // QUELTA_TEST_UNDER_ASAN
 
 namespace quelta::test {
 

@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Runs the libFuzzer targets one after another, each for a bounded time.
+#
+#   fuzz/run_fuzzers.sh [SECONDS_PER_TARGET] [TARGET...]
+#
+# SECONDS_PER_TARGET defaults to 60; TARGET is calibration, vgyro, rotvec,
+# buffers or math (default: all). Build the targets first:
+#   cmake --workflow --preset fuzz
+# Environment:
+#   FUZZ_BUILD_DIR  where the targets are (default build-fuzz)
+#   FUZZ_WORK_DIR   corpora grown by earlier runs and crash files; kept
+#                   between runs (default $FUZZ_BUILD_DIR/fuzz-work)
+#   FUZZ_ARGS       extra libFuzzer options, e.g. "-runs=10000000"
+# The committed seeds (fuzz/corpus/<target>/) are read, never written. Any
+# crash, sanitizer report or failed check stops the run with exit status 1
+# and names the file that reproduces it:
+#   build-fuzz/fuzz/fuzz_<target> <crash file>
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds="${1:-60}"
+shift || true
+targets=("$@")
+if [ ${#targets[@]} -eq 0 ]; then
+  targets=(calibration vgyro rotvec buffers math)
+fi
+build="${FUZZ_BUILD_DIR:-build-fuzz}"
+work="${FUZZ_WORK_DIR:-$build/fuzz-work}"
+# Fatal reports, no leak noise from the fuzzer's own bookkeeping.
+export ASAN_OPTIONS="${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}"
+
+status=0
+for target in "${targets[@]}"; do
+  binary="$build/fuzz/fuzz_$target"
+  if [ ! -x "$binary" ]; then
+    echo "missing $binary: build it with 'cmake --workflow --preset fuzz'" >&2
+    exit 2
+  fi
+  corpus="$work/corpus/$target"
+  artifacts="$work/artifacts/$target"
+  mkdir -p "$corpus" "$artifacts"
+  log="$work/$target.log"
+  echo "== fuzz_$target: $seconds s"
+  # shellcheck disable=SC2086
+  if "$binary" "$corpus" "fuzz/corpus/$target" -max_total_time="$seconds" -timeout=10 \
+      -rss_limit_mb=2048 -max_len=4096 -print_final_stats=1 \
+      -artifact_prefix="$artifacts/" ${FUZZ_ARGS:-} > "$log" 2>&1; then
+    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+    rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
+    echo "   ${runs:-?} executions (${rate:-?}/s), no finding; corpus $(ls "$corpus" | wc -l) inputs"
+  else
+    status=1
+    echo "   FINDING in fuzz_$target:"
+    grep -E 'ERROR|runtime error|check failed|SUMMARY|Test unit written' "$log" | head -20 || true
+    echo "   full log: $log"
+  fi
+done
+exit $status

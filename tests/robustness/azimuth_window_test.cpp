@@ -1,0 +1,99 @@
+// The azimuth median and mean windows hold 31 and 30 entries whatever
+// lengths the host configures: lengths beyond them act as the capacity,
+// lengths below 1 as 1, and a length changed in the middle of a run empties
+// its window so that no count is left beyond the new length.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include "QueltaAlgo.h"
+#include "orientation/azimuth_smoother.h"
+
+namespace {
+
+constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
+constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
+
+uint32_t bits(float f) {
+  uint32_t b;
+  std::memcpy(&b, &f, sizeof b);
+  return b;
+}
+
+// A heading that sweeps round North and back, so that both windows wrap.
+void heading(int i, float* east, float* north) {
+  const double deg = 330.0 + 60.0 * std::sin(i * 0.05);
+  *east = static_cast<float>(std::sin(deg * 3.14159265358979 / 180.0));
+  *north = static_cast<float>(std::cos(deg * 3.14159265358979 / 180.0));
+}
+
+TEST(AzimuthWindows, OutOfRangeLengthsActAsTheNearestValidOne) {
+  struct Case {
+    int32_t median, mean;        // configured
+    int32_t asMedian, asMean;  // what they must behave as
+  };
+  const Case cases[] = {{100, 100, 31, 30}, {kMax, kMax, 31, 30}, {0, -7, 1, 1},
+                        {kMin, kMin, 1, 1}, {32, 31, 31, 30},     {-1, 45, 1, 30}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.median << " " << c.mean);
+    quelta::AzimuthSmoother configured, reference;
+    for (int i = 0; i < 200; ++i) {
+      float east, north;
+      heading(i, &east, &north);
+      const float got = configured.smooth(east, north, c.median, c.mean);
+      const float want = reference.smooth(east, north, c.asMedian, c.asMean);
+      ASSERT_EQ(bits(got), bits(want)) << "call " << i;
+      ASSERT_TRUE(got >= 0.0f && got < 360.0f);
+    }
+  }
+}
+
+TEST(AzimuthWindows, ChangedLengthsEmptyTheirWindow) {
+  quelta::AzimuthSmoother smoother;
+  const int32_t lengths[][2] = {{31, 30}, {3, 2}, {11, 8}, {1, 1}, {31, 30}, {2, 29}};
+  int call = 0;
+  for (const auto& l : lengths) {
+    for (int i = 0; i < 60; ++i, ++call) {
+      float east, north;
+      heading(call, &east, &north);
+      const float azimuth = smoother.smooth(east, north, l[0], l[1]);
+      ASSERT_TRUE(azimuth >= 0.0f && azimuth < 360.0f);
+      if (i == 0) {
+        // The first call after the change holds one entry in each window
+        // (none for a length of 1, which never stores).
+        EXPECT_EQ(smoother.iAziMedCount, l[0] == 1 ? 0 : 1);
+        EXPECT_EQ(smoother.iAziMeanCount, l[1] == 1 ? 0 : 1);
+      }
+      ASSERT_LT(smoother.iAziMedCount, l[0]);
+      ASSERT_LT(smoother.iAziMeanCount, l[1]);
+    }
+  }
+}
+
+TEST(AzimuthWindows, HostConfiguredLengthsThroughTheInterface) {
+  const float axis[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  const float init[4] = {0.0f, 0.0f, 0.0f, 0.5f};
+  const float pool[8] = {6, 16, 32, 0.1f, 0.1f, 0.85f, 1.15f, 1.4f};
+  const float thd[3] = {0.1f, 2e-5f, 2e-4f};
+  const int32_t windows[][3] = {{20, 1000, -3}, {0, kMin, kMax}, {-20, 11, 8}, {20, 2, 40}};
+  int call = 0;
+  for (const auto& c : windows) {
+    AlgoInitial(axis, init, pool, thd, c, nullptr);
+    for (int i = 0; i < 80; ++i, ++call) {
+      float east, north;
+      heading(call, &east, &north);
+      const float acc[3] = {0.0f, 0.0f, 1.0f};
+      const float mag[3] = {0.3f * east, 0.3f * north, -0.4f};
+      MainAlgorithmProcess(acc, mag, mag, 0, 5);
+      float out[3];
+      GetCalMag(out);
+      GetCalOri(out);
+      ASSERT_TRUE(out[0] >= 0.0f && out[0] < 360.0f);
+    }
+  }
+}
+
+}  // namespace
