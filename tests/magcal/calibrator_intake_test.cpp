@@ -18,10 +18,8 @@ TEST(CalibratorIntake, MapsAxesFillsHistoriesThenShiftsAndComputesVariances) {
     cal.process(acc, mag, acc, 0, 0);
     if (i == 0) {
       // The sample as a row vector times the matrix; the gravity preset behind it.
-      EXPECT_EQ(cal.state.dMagdata[0], 0.25f);
-      EXPECT_EQ(cal.state.dMagdata[2], -0.5f);
-      EXPECT_EQ(cal.state.dAccHistory.at(29)[2], 1.0f);
-      EXPECT_EQ(cal.state.dAccHistory.at(29)[1], 0.0f);
+      EXPECT_TRUE(cal.state.dMagdata[0] == 0.25f && cal.state.dMagdata[2] == -0.5f);
+      EXPECT_TRUE(cal.state.dAccHistory.at(29)[2] == 1.0f && cal.state.dAccHistory.at(29)[1] == 0.0f);
     }
     if (i == 29) EXPECT_EQ(cal.state.dAccVariance[0], 0.0f);  // first computed on the 31st
   }
@@ -36,27 +34,27 @@ TEST(CalibratorIntake, MapsAxesFillsHistoriesThenShiftsAndComputesVariances) {
 TEST(CalibratorIntake, SaturationAfterElevenMovingSamplesWithAFrozenProbeAxis) {
   Calibrator cal;
   int calls = 0;
-  auto move = [&](float probeZ) {
-    const float acc[3] = {(calls % 2) ? 1.0f : 0.0f, 0.0f, 1.0f};  // x variance 0.25
-    const float sat[3] = {0.01f * (calls % 7), 0.02f * (calls % 5), probeZ};
-    cal.process(acc, sat, sat, 0, 0);
-    ++calls;
+  auto move = [&](float probeZ, int n = 1) {
+    for (int i = 0; i < n; ++i, ++calls) {
+      const float acc[3] = {(calls % 2) ? 1.0f : 0.0f, 0.0f, 1.0f};  // x variance 0.25
+      const float sat[3] = {0.01f * (calls % 7), 0.02f * (calls % 5), probeZ};
+      cal.process(acc, sat, sat, 0, 0);
+    }
   };
-  for (int i = 0; i < 40; ++i) move(0.4f);
+  move(0.4f, 40);
   EXPECT_EQ(cal.state.bMagSaturation, 0);
   move(0.4f);  // the 11th watched call
-  EXPECT_EQ(cal.state.bMagSaturation, 1);
-  EXPECT_EQ(cal.state.iSatCount, 0);
-  for (int i = 0; i < 11; ++i) move(0.4f);
+  EXPECT_TRUE(cal.state.bMagSaturation == 1 && cal.state.iSatCount == 0);
+  move(0.4f, 11);
   EXPECT_EQ(cal.saturation(), 1);  // two detections, reported once
   EXPECT_EQ(cal.saturation(), 0);
   // A still device, or every probe axis following the motion, resets the count.
-  for (int i = 0; i < 5; ++i) move(0.4f);
+  move(0.4f, 5);
   cal.state.config.dAccVarThd = 0.25f;  // "at most" the threshold is still
   move(0.4f);
   EXPECT_EQ(cal.state.iSatCount, 0);
   cal.state.config.dAccVarThd = 0.1f;
-  for (int i = 0; i < 5; ++i) move(0.4f);
+  move(0.4f, 5);
   move(5.0f);
   EXPECT_EQ(cal.state.iSatCount, 0);
 }
@@ -89,23 +87,20 @@ TEST(CalibratorIntake, QualityWatchDowngradesAfterFiveSecondsOffTheSphere) {
   cal.state.dSphereOffset[0] = 0.1f;
   // Ratio 3.2 from the 30th call on; one in-range sample restarts the count
   // once it reaches the middle of the history.
-  for (int i = 0; i < 100; ++i) feed(cal, 1.7f, 0.0f, 0.0f, 2);
+  auto offSphere = [&](int n, int mode = 2) {
+    for (int i = 0; i < n; ++i) feed(cal, 1.7f, 0.0f, 0.0f, mode);
+  };
+  offSphere(100);
   feed(cal, 0.6f, 0.0f, 0.0f, 2);
-  for (int i = 0; i < 14; ++i) feed(cal, 1.7f, 0.0f, 0.0f, 2);
+  offSphere(14);
   EXPECT_EQ(cal.state.iQualityDownCount, 0);
-  for (int i = 0; i < 249; ++i) feed(cal, 1.7f, 0.0f, 0.0f, 2);
-  EXPECT_EQ(cal.state.iMagAccuracy, 2);
-  EXPECT_GT(cal.state.iCalBufferCount, 0);
-  EXPECT_TRUE(capturedLines().empty());
-
-  feed(cal, 1.7f, 0.0f, 0.0f, 1);  // the 250th
-  EXPECT_EQ(cal.state.iMagAccuracy, 0);
-  EXPECT_EQ(cal.state.iCalBufferCount, 0);  // emptied, this sample not pooled
+  offSphere(249);
+  EXPECT_TRUE(cal.state.iMagAccuracy == 2 && cal.state.iCalBufferCount > 0 && capturedLines().empty());
+  offSphere(1, 1);  // the 250th
+  EXPECT_TRUE(cal.state.iMagAccuracy == 0 && cal.state.iCalBufferCount == 0);  // this sample not pooled
   EXPECT_EQ(cal.state.dSphereOffset[0], 0.1f);
-  const Lines expected = {"TRVQX4e20171117 qualitydown 250\n",
-                                             "TRVQX4e needcali quality 444 0 califlag= 1\n"};
-  EXPECT_EQ(capturedLines(), expected);
-  feed(cal, 1.7f, 0.0f, 0.0f, 2);  // at accuracy 0 the watch rests; no reset
+  EXPECT_EQ(capturedLines(), (Lines{"TRVQX4e20171117 qualitydown 250\n", "TRVQX4e needcali quality 444 0 califlag= 1\n"}));
+  offSphere(1);  // at accuracy 0 the watch rests; no reset
   EXPECT_EQ(cal.state.iQualityDownCount, 250);
 }
 
@@ -117,11 +112,9 @@ TEST(CalibratorIntake, RestartEmptiesOnlyThePool) {
   cal.process(kUp, next, next, 2, 2);  // not a restart
   EXPECT_EQ(cal.state.iCalBufferCount, 5);
   cal.process(kUp, next, next, 1, 2);  // restart, silent at log mode 2
-  EXPECT_EQ(cal.state.iCalBufferCount, 1);
-  EXPECT_TRUE(capturedLines().empty());
+  EXPECT_TRUE(cal.state.iCalBufferCount == 1 && capturedLines().empty());
   cal.state.iMagAccuracy = 3;
   cal.process(kUp, next, next, 1, 0);  // the same call reopens the pool
-  EXPECT_EQ(cal.state.iCalBufferCount, 1);
-  EXPECT_EQ(cal.state.iHistoryCount, 7);
+  EXPECT_TRUE(cal.state.iCalBufferCount == 1 && cal.state.iHistoryCount == 7);
   EXPECT_EQ(capturedLines(), Lines{"QUELTA6a20180530 ReStart=1 \n"});
 }

@@ -26,23 +26,21 @@ TEST(OrientationEndToEnd, CalibratedDeviceHeldStillReportsItsAttitude) {
   const int32_t paraC[3] = {20, 11, 8};
   ASSERT_EQ(AlgoInitial(axis, stored, pool, thd, paraC, nullptr), 1);
 
-  struct Tilt {
-    double pitch, roll;
-  } const tilts[] = {{0, 0}, {30, 0}, {60, 0}, {-30, 0}, {-60, 0}, {0, 20}, {0, 45}, {0, -20}, {0, -45}};
+  const double tilts[][2] = {{0, 0}, {30, 0}, {60, 0}, {-30, 0}, {-60, 0}, {0, 20}, {0, 45}, {0, -20}, {0, -45}};
   for (double heading : {10.0, 100.0, 200.0, 300.0, 340.0}) {
-    for (const Tilt& t : tilts) {
+    for (const auto& t : tilts) {
       float out[3] = {}, cal[3];
       for (int sample = 0; sample < 150; ++sample) {
-        sim::SensorSample s = device.read(attitude(heading, t.pitch, t.roll));
+        sim::SensorSample s = device.read(attitude(heading, t[0], t[1]));
         MainAlgorithmProcess(s.acc, s.mag, s.mag, 0, 2);
         GetCalMag(cal);
         ASSERT_EQ(GetCalOri(out), 1);
       }
       const float expected = AzimuthSmoother::sectorCorrection(static_cast<float>(heading));
-      SCOPED_TRACE(testing::Message() << heading << " " << t.pitch << " " << t.roll);
+      SCOPED_TRACE(testing::Message() << heading << " " << t[0] << " " << t[1]);
       EXPECT_NEAR(out[0], expected, 1.5f);
-      EXPECT_NEAR(out[1], t.pitch, 0.1);
-      EXPECT_NEAR(out[2], t.roll, 0.1);
+      EXPECT_NEAR(out[1], t[0], 0.1);
+      EXPECT_NEAR(out[2], t[1], 0.1);
     }
   }
   EXPECT_EQ(GetMagAccuracy(), 3);

@@ -20,31 +20,23 @@ std::array<float, 4> libraryOrder(const Quat& q) {
 }
 
 TEST(AttitudeMath, AnglesFollowTheOrientationConventions) {
-  // Flat, top edge 30 degrees east of north.
-  Angles a = anglesOf(attitude(30.0, 0.0, 0.0));
-  EXPECT_NEAR(a.azimuth, 30.0, 1e-9);
-  EXPECT_NEAR(a.pitch, 0.0, 1e-9);
-  EXPECT_NEAR(a.roll, 0.0, 1e-9);
-  EXPECT_NEAR(a.tiltDeg, 0.0, 1e-6);
-  // Top edge raised by 20 degrees: pitch -20; the azimuth is unchanged by levelling.
-  a = anglesOf(attitude(300.0, 20.0, 0.0));
-  EXPECT_NEAR(a.azimuth, 300.0, 1e-9);
-  EXPECT_NEAR(a.pitch, -20.0, 1e-9);
-  EXPECT_NEAR(a.tiltDeg, 20.0, 1e-9);
-  // Rolled about the top edge: the right edge goes down by 25 degrees.
-  a = anglesOf(attitude(90.0, 0.0, 25.0));
-  EXPECT_NEAR(a.roll, -25.0, 1e-9);
-  EXPECT_NEAR(a.azimuth, 90.0, 1e-9);
-  // Screen facing down: pitch folds beyond 90.
-  a = anglesOf(attitude(0.0, 150.0, 0.0));
-  EXPECT_NEAR(a.pitch, -150.0, 1e-9);
-  EXPECT_NEAR(a.tiltDeg, 150.0, 1e-9);
-
-  EXPECT_EQ(wrapDeg(190.0), -170.0);
-  EXPECT_EQ(wrapDeg(-180.0), -180.0);
-  EXPECT_EQ(wrapDeg(540.0), -180.0);
+  // Flat; top edge raised; rolled with the right edge down; screen facing down (pitch folds past 90).
+  const double cases[][7] = {{30, 0, 0, 30, 0, 0, 0},
+                             {300, 20, 0, 300, -20, 0, 20},
+                             {90, 0, 25, 90, 0, -25, 25},
+                             {0, 150, 0, 0, -150, 0, 150}};  // heading pitch roll in, then azimuth pitch roll tilt out
+  for (const auto& c : cases) {
+    const Angles a = anglesOf(attitude(c[0], c[1], c[2]));
+    EXPECT_NEAR(a.azimuth, c[3], 1e-9) << c[0];
+    EXPECT_NEAR(a.pitch, c[4], 1e-9) << c[0];
+    EXPECT_NEAR(a.roll, c[5], 1e-9) << c[0];
+    EXPECT_NEAR(a.tiltDeg, c[6], 1e-6) << c[0];
+  }
+  EXPECT_TRUE(wrapDeg(190.0) == -170.0 && wrapDeg(-180.0) == -180.0 && wrapDeg(540.0) == -180.0);
   EXPECT_NEAR(rotationAngleDeg(attitude(0.0, 0.0, -40.0)), 40.0, 1e-9);
   EXPECT_NEAR(rotationAngleDeg(headingRotation(-179.0)), 179.0, 1e-9);
+  EXPECT_NEAR(bestAngleOffset({359.0, 1.0, 3.0}, {2.0, 4.0, 6.0}), -3.0, 1e-3);
+  EXPECT_NEAR(bestAngleOffset({179.0, -179.0}, {0.0, 2.0}), 179.0, 1e-3);
 }
 
 TEST(ReferenceComparison, FindsTheHeadingAlignmentAndMeasuresWhatRemains) {
@@ -91,18 +83,12 @@ TEST(ReferenceComparison, FindsTheHeadingAlignmentAndMeasuresWhatRemains) {
   EXPECT_EQ(result.azimuth->count, 400u);
   // Reference angles are shifted onto the estimate's north.
   EXPECT_NEAR(result.referenceAngles[5][0], rows[5].orientation[0], 0.05);
-}
 
-TEST(ReferenceComparison, AngleOffsetHandlesWrapAround) {
-  EXPECT_NEAR(bestAngleOffset({359.0, 1.0, 3.0}, {2.0, 4.0, 6.0}), -3.0, 1e-3);
-  EXPECT_NEAR(bestAngleOffset({179.0, -179.0}, {0.0, 2.0}), 179.0, 1e-3);
-}
-
-TEST(ReferenceComparison, NoReferenceColumnsNoComparison) {
-  Recording recording;
-  recording.samples.resize(3);
-  const ReferenceComparison result = compareWithReference(recording, std::vector<ReplayRow>(3));
-  EXPECT_FALSE(result.gyro || result.rotationVector || result.azimuth);
+  // Without reference columns there is nothing to compare.
+  Recording bare;
+  bare.samples.resize(3);
+  const ReferenceComparison none = compareWithReference(bare, std::vector<ReplayRow>(3));
+  EXPECT_FALSE(none.gyro || none.rotationVector || none.azimuth);
 }
 
 }  // namespace

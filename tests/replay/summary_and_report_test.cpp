@@ -38,24 +38,16 @@ TEST(Summary, FiguresAndText) {
   std::vector<ReplayRow> rows;
   makeRun(recording, rows);
   const Summary s = summarise(recording, rows);
-  EXPECT_EQ(s.samples, 10u);
-  EXPECT_NEAR(s.duration, 0.9, 1e-12);
-  EXPECT_NEAR(s.rate, 10.0, 1e-9);
-  ASSERT_TRUE(s.accuracyReached[0] && s.accuracyReached[1] && s.accuracyReached[2]);
-  EXPECT_DOUBLE_EQ(*s.accuracyReached[0], 1.2);
-  EXPECT_DOUBLE_EQ(*s.accuracyReached[1], 1.4);
-  EXPECT_DOUBLE_EQ(*s.accuracyReached[2], 1.5);
-  EXPECT_EQ(s.acceptedFits, 2);
+  EXPECT_TRUE(s.acceptedFits == 2 && s.saturations == 1 && s.offset == rows.back().offset);
+  ASSERT_TRUE(s.lastAcceptedAt);
   EXPECT_DOUBLE_EQ(*s.lastAcceptedAt, 1.8);
-  EXPECT_EQ(s.offset, rows.back().offset);
-  EXPECT_EQ(s.saturations, 1);
 
   const std::string text = formatSummary(s, ReferenceComparison{});
-  EXPECT_NE(text.find("samples          10 over 0.90 s at 10.0 Hz\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("accuracy reached  1 at 1.20 s  2 at 1.40 s  3 at 1.50 s  (final 3)\n"), std::string::npos)
-      << text;
-  EXPECT_NE(text.find("offset           0.90000 -0.20000 0.05000 gauss\n"), std::string::npos) << text;
-  EXPECT_NE(text.find("accepted fits    2, last at 1.80 s\n"), std::string::npos) << text;
+  for (const char* line : {"samples          10 over 0.90 s at 10.0 Hz\n",
+                           "accuracy reached  1 at 1.20 s  2 at 1.40 s  3 at 1.50 s  (final 3)\n",
+                           "offset           0.90000 -0.20000 0.05000 gauss\n", "accepted fits    2, last at 1.80 s\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << text;
+  }
   EXPECT_EQ(text.find("virtual gyro"), std::string::npos);
 
   rows.resize(2);
@@ -77,15 +69,10 @@ TEST(SvgChart, TicksEscapingAndLines) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   chart.series.push_back({"s", "#000000", {0, 1, 2, 3, 4}, {0, 1, nan, 3, 4}, Series::Style::Line});
   const std::string svg = renderSvg(chart);
-  const std::smatch match = [&svg] {
-    std::smatch m;
-    std::regex_search(svg, m, std::regex("class=\"line\" d=\"([^\"]*)\""));
-    return m;
-  }();
-  ASSERT_FALSE(match.empty());
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(svg, match, std::regex("class=\"line\" d=\"([^\"]*)\"")));
   const std::string d = match[1];
-  EXPECT_EQ(std::count(d.begin(), d.end(), 'M'), 2) << d;
-  EXPECT_EQ(std::count(d.begin(), d.end(), 'L'), 2) << d;
+  EXPECT_TRUE(std::count(d.begin(), d.end(), 'M') == 2 && std::count(d.begin(), d.end(), 'L') == 2) << d;
 
   // A long series is thinned but keeps its extremes: a single spike still
   // reaches the top of the plot.

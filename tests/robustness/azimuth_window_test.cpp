@@ -17,35 +17,25 @@ namespace {
 constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
 constexpr int32_t kMax = std::numeric_limits<int32_t>::max();
 
-uint32_t bits(float f) {
-  uint32_t b;
-  std::memcpy(&b, &f, sizeof b);
-  return b;
-}
-
 // A heading that sweeps round North and back, so that both windows wrap.
 void heading(int i, float* east, float* north) {
-  const double deg = 330.0 + 60.0 * std::sin(i * 0.05);
-  *east = static_cast<float>(std::sin(deg * 3.14159265358979 / 180.0));
-  *north = static_cast<float>(std::cos(deg * 3.14159265358979 / 180.0));
+  const double rad = (330.0 + 60.0 * std::sin(i * 0.05)) * 3.14159265358979 / 180.0;
+  *east = static_cast<float>(std::sin(rad));
+  *north = static_cast<float>(std::cos(rad));
 }
 
 TEST(AzimuthWindows, OutOfRangeLengthsActAsTheNearestValidOne) {
-  struct Case {
-    int32_t median, mean;        // configured
-    int32_t asMedian, asMean;  // what they must behave as
-  };
-  const Case cases[] = {{100, 100, 31, 30}, {kMax, kMax, 31, 30}, {0, -7, 1, 1},
-                        {kMin, kMin, 1, 1}, {32, 31, 31, 30},     {-1, 45, 1, 30}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << c.median << " " << c.mean);
+  // Configured median and mean lengths, then what they must behave as.
+  const int32_t cases[][4] = {{100, 100, 31, 30}, {kMax, kMax, 31, 30}, {0, -7, 1, 1},
+                              {kMin, kMin, 1, 1}, {32, 31, 31, 30},     {-1, 45, 1, 30}};
+  for (const auto& c : cases) {
     quelta::AzimuthSmoother configured, reference;
     for (int i = 0; i < 200; ++i) {
       float east, north;
       heading(i, &east, &north);
-      const float got = configured.smooth(east, north, c.median, c.mean);
-      const float want = reference.smooth(east, north, c.asMedian, c.asMean);
-      ASSERT_EQ(bits(got), bits(want)) << "call " << i;
+      const float got = configured.smooth(east, north, c[0], c[1]);
+      const float want = reference.smooth(east, north, c[2], c[3]);
+      ASSERT_EQ(0, std::memcmp(&got, &want, sizeof got)) << c[0] << " " << c[1] << " call " << i;
       ASSERT_TRUE(got >= 0.0f && got < 360.0f);
     }
   }
@@ -61,14 +51,10 @@ TEST(AzimuthWindows, ChangedLengthsEmptyTheirWindow) {
       heading(call, &east, &north);
       const float azimuth = smoother.smooth(east, north, l[0], l[1]);
       ASSERT_TRUE(azimuth >= 0.0f && azimuth < 360.0f);
-      if (i == 0) {
-        // The first call after the change holds one entry in each window
-        // (none for a length of 1, which never stores).
-        EXPECT_EQ(smoother.iAziMedCount, l[0] == 1 ? 0 : 1);
-        EXPECT_EQ(smoother.iAziMeanCount, l[1] == 1 ? 0 : 1);
-      }
-      ASSERT_LT(smoother.iAziMedCount, l[0]);
-      ASSERT_LT(smoother.iAziMeanCount, l[1]);
+      // The first call after the change holds one entry in each window
+      // (none for a length of 1, which never stores).
+      if (i == 0) EXPECT_TRUE(smoother.iAziMedCount == (l[0] > 1) && smoother.iAziMeanCount == (l[1] > 1)) << call;
+      ASSERT_TRUE(smoother.iAziMedCount < l[0] && smoother.iAziMeanCount < l[1]) << call;
     }
   }
 }
@@ -83,12 +69,10 @@ TEST(AzimuthWindows, HostConfiguredLengthsThroughTheInterface) {
   for (const auto& c : windows) {
     AlgoInitial(axis, init, pool, thd, c, nullptr);
     for (int i = 0; i < 80; ++i, ++call) {
-      float east, north;
+      float east, north, out[3];
       heading(call, &east, &north);
-      const float acc[3] = {0.0f, 0.0f, 1.0f};
-      const float mag[3] = {0.3f * east, 0.3f * north, -0.4f};
+      const float acc[3] = {0.0f, 0.0f, 1.0f}, mag[3] = {0.3f * east, 0.3f * north, -0.4f};
       MainAlgorithmProcess(acc, mag, mag, 0, 5);
-      float out[3];
       GetCalMag(out);
       GetCalOri(out);
       ASSERT_TRUE(out[0] >= 0.0f && out[0] < 360.0f);

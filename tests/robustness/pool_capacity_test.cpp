@@ -14,16 +14,20 @@
 
 namespace {
 
-const float kAxis[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
 const float kNoStoredCalibration[4] = {0.0f, 0.0f, 0.0f, 0.5f};
 const float kStoredCalibration[4] = {0.12f, -0.25f, 0.08f, 0.5f};
-const float kThresholds[3] = {0.1f, 2e-5f, 2e-4f};
-const int32_t kWindows[3] = {20, 11, 8};
 const float kUp[3] = {0.0f, 0.0f, 1.0f};
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+const float kInf = std::numeric_limits<float>::infinity();
 
-void configure(float minCount, float midCount, float fullCount, const float* stored) {
+// Sets the pool counts and, with restart, empties the pool.
+void configure(float minCount, float midCount, float fullCount, const float* stored, bool restart = true) {
+  const float axis[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   const float pool[8] = {minCount, midCount, fullCount, 0.1f, 0.1f, 0.85f, 1.15f, 1.4f};
-  AlgoInitial(kAxis, stored, pool, kThresholds, kWindows, nullptr);
+  const float thresholds[3] = {0.1f, 2e-5f, 2e-4f};
+  const int32_t windows[3] = {20, 11, 8};
+  AlgoInitial(axis, stored, pool, thresholds, windows, nullptr);
+  if (restart) MainAlgorithmProcess(kUp, kUp, kUp, 1, 0);
 }
 
 // Feeds samples spread over the device's field sphere (radius 0.5 about the
@@ -41,61 +45,42 @@ int32_t largestPoolCount(int calls, int first = 0) {
   return largest;
 }
 
-TEST(PoolCapacity, CountsBeyondTheCapacityFillThePoolAndFitIt) {
-  const float huge = 1e9f;
-  const float counts[][3] = {{6.0f, 16.0f, 36.0f}, {6.0f, 16.0f, huge}, {huge, huge, huge},
-                             {6.0f, 16.0f, std::numeric_limits<float>::infinity()}};
-  for (const auto& c : counts) {
-    SCOPED_TRACE(c[2]);
+TEST(PoolCapacity, CountsOutsideOneToTheCapacity) {
+  // Beyond the capacity: the pool fills to 35 and the full fit runs on them.
+  const float above[][3] = {{6, 16, 36}, {6, 16, 1e9f}, {1e9f, 1e9f, 1e9f}, {6, 16, kInf}};
+  for (const auto& c : above) {
     configure(c[0], c[1], c[2], kNoStoredCalibration);
-    MainAlgorithmProcess(kUp, kUp, kUp, 1, 0);  // empty pool
-    EXPECT_EQ(largestPoolCount(120), 35);
-    // The full fit runs on the 35 samples the pool could hold.
-    EXPECT_EQ(GetMagAccuracy(), 3);
+    EXPECT_EQ(largestPoolCount(120), 35) << c[2];
+    EXPECT_EQ(GetMagAccuracy(), 3) << c[2];
   }
-}
-
-TEST(PoolCapacity, CountsBelowOneNeverGrowThePool) {
-  const float nan = std::numeric_limits<float>::quiet_NaN();
-  const float counts[][3] = {{0.0f, 0.0f, 0.0f}, {-5.0f, -5.0f, -5.0f}, {nan, nan, nan},
-                             {-3e9f, -3e9f, -3e9f}, {0.0f, 0.0f, 0.99f}};
-  for (const auto& c : counts) {
+  // Below 1: one sample opens the pool, the next one fits it (and fails: one sample).
+  const float below[][3] = {{0, 0, 0}, {-5, -5, -5}, {kNaN, kNaN, kNaN}, {-3e9f, -3e9f, -3e9f}, {0, 0, 0.99f}};
+  for (const auto& c : below) {
     configure(c[0], c[1], c[2], kNoStoredCalibration);
-    MainAlgorithmProcess(kUp, kUp, kUp, 1, 0);
-    // One sample opens the pool, the next one fits it (and fails: one sample).
-    EXPECT_LE(largestPoolCount(80), 1);
-    EXPECT_EQ(GetMagAccuracy(), 0);
+    EXPECT_LE(largestPoolCount(80), 1) << c[0];
+    EXPECT_EQ(GetMagAccuracy(), 0) << c[0];
   }
-}
-
-TEST(PoolCapacity, RefinementAtAccuracyThreeStopsAtTheCapacity) {
-  configure(6.0f, 16.0f, 1e9f, kStoredCalibration);
-  ASSERT_EQ(GetMagAccuracy(), 3);
-  EXPECT_EQ(largestPoolCount(120), 35);
-  EXPECT_EQ(GetMagAccuracy(), 3);
-  float para[7];
-  EXPECT_EQ(GetCalPara(para), 1);  // the refit on 35 samples was accepted
-  EXPECT_NEAR(para[3], 0.5f, 0.01f);
 }
 
 TEST(PoolCapacity, CountsChangedMidRunKeepThePoolInBounds) {
-  configure(6.0f, 16.0f, 32.0f, kNoStoredCalibration);
+  configure(6.0f, 16.0f, 32.0f, kNoStoredCalibration, false);
   EXPECT_EQ(largestPoolCount(20), 20);
   ASSERT_EQ(GetMagAccuracy(), 2);
-
   // Lowered below the current fill: the next call fits the 20 samples.
-  configure(6.0f, 16.0f, 10.0f, kNoStoredCalibration);
+  configure(6.0f, 16.0f, 10.0f, kNoStoredCalibration, false);
   EXPECT_LE(largestPoolCount(1, 20), 20);
   EXPECT_EQ(GetMagAccuracy(), 3);
-
   // Raised beyond the capacity halfway through a fill, at accuracy 0 and 3.
   for (const float* stored : {kNoStoredCalibration, kStoredCalibration}) {
     configure(6.0f, 16.0f, 32.0f, stored);
-    MainAlgorithmProcess(kUp, kUp, kUp, 1, 0);
     largestPoolCount(20, 30);
-    configure(6.0f, 16.0f, 1e9f, stored);
+    configure(6.0f, 16.0f, 1e9f, stored, false);
     EXPECT_EQ(largestPoolCount(100, 50), 35);
   }
+  // The refinement at accuracy 3 stops at the capacity too, and its refit on 35 samples is accepted.
+  float para[7];
+  EXPECT_TRUE(GetMagAccuracy() == 3 && GetCalPara(para) == 1);
+  EXPECT_NEAR(para[3], 0.5f, 0.01f);
 }
 
 }  // namespace

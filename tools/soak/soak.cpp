@@ -65,6 +65,13 @@ bool finite(const float* v, int n) {
   return true;
 }
 
+bool historyFinite(const quelta::History30& h) {
+  for (int32_t k = 0; k < quelta::History30::kLength; ++k) {
+    if (!finite(h.at(k), 3)) return false;
+  }
+  return true;
+}
+
 double norm3(const float* v) {
   return std::sqrt(static_cast<double>(v[0]) * v[0] + static_cast<double>(v[1]) * v[1] +
                    static_cast<double>(v[2]) * v[2]);
@@ -163,8 +170,7 @@ void observeLatches(Latch* latches, const Outputs& o, int64_t t) {
   latches[kOffset].observe(!finite(cal.dSphereOffset, 3) || !std::isfinite(cal.dSphereRadius), t);
   latches[kSaved].observe(!finite(cal.dSavedOffset, 3) || !std::isfinite(cal.dSavedRadius), t);
   latches[kGeometry].observe(!finite(o.para + 4, 3), t);
-  latches[kHistories].observe(
-      !finite(&cal.dMagHistory.entry[0][0], 90) || !finite(&cal.dAccHistory.entry[0][0], 90), t);
+  latches[kHistories].observe(!historyFinite(cal.dMagHistory) || !historyFinite(cal.dAccHistory), t);
   latches[kOri].observe(!finite(o.ori, 3), t);
   latches[kOriMatrix].observe(!finite(&orientation.dOriMatrix[0][0], 9), t);
   latches[kAziLpf].observe(!finite(smoother.dAziLpfIn, 2) || !finite(smoother.dAziLpfOut, 2), t);
