@@ -86,14 +86,16 @@ void BM_MainAlgorithmProcess_Accuracy0(benchmark::State& state) {
 }
 BENCHMARK(BM_MainAlgorithmProcess_Accuracy0)->ComputeStatistics("min", fastest);
 
-void BM_CalibrationSampleSet(benchmark::State& state) {
+// Sample sets of the recording from the calibrated state on, with the share
+// of sets at accuracy 3 and the refit rate as counters.
+template <typename SampleSet>
+void runCalibratedSets(benchmark::State& state, SampleSet sampleSet) {
   const auto& r = recording();
   size_t i = warmUpCalibrated();
   int64_t atAccuracy3 = 0;
   int64_t refits = 0;
   for (auto _ : state) {
-    float calibrated[3];
-    const CalibrationStatus status = calibrationSampleSet(sampleAt(r, i++), calibrated);
+    const CalibrationStatus status = sampleSet(sampleAt(r, i++));
     atAccuracy3 += status.accuracy == 3;
     refits += status.newParameters;
   }
@@ -102,6 +104,13 @@ void BM_CalibrationSampleSet(benchmark::State& state) {
       benchmark::Counter(static_cast<double>(atAccuracy3), benchmark::Counter::kAvgIterations);
   state.counters["refits/1000"] = benchmark::Counter(
       1000.0 * static_cast<double>(refits), benchmark::Counter::kAvgIterations);
+}
+
+void BM_CalibrationSampleSet(benchmark::State& state) {
+  runCalibratedSets(state, [](const sim::SensorSample& s) {
+    float calibrated[3];
+    return calibrationSampleSet(s, calibrated);
+  });
 }
 BENCHMARK(BM_CalibrationSampleSet)->ComputeStatistics("min", fastest);
 
@@ -128,20 +137,7 @@ void BM_CalcQueltaRotVec(benchmark::State& state) {
 BENCHMARK(BM_CalcQueltaRotVec)->ComputeStatistics("min", fastest);
 
 void BM_FullSampleSet(benchmark::State& state) {
-  const auto& r = recording();
-  size_t i = warmUpCalibrated();
-  int64_t atAccuracy3 = 0;
-  int64_t refits = 0;
-  for (auto _ : state) {
-    const CalibrationStatus status = fullSampleSet(sampleAt(r, i++));
-    atAccuracy3 += status.accuracy == 3;
-    refits += status.newParameters;
-  }
-  reportRate(state, "sets/s");
-  state.counters["accuracy3"] =
-      benchmark::Counter(static_cast<double>(atAccuracy3), benchmark::Counter::kAvgIterations);
-  state.counters["refits/1000"] = benchmark::Counter(
-      1000.0 * static_cast<double>(refits), benchmark::Counter::kAvgIterations);
+  runCalibratedSets(state, [](const sim::SensorSample& s) { return fullSampleSet(s); });
 }
 BENCHMARK(BM_FullSampleSet)->ComputeStatistics("min", fastest);
 
