@@ -83,16 +83,6 @@ void sampleSet(const float* acc, const float* mag, const float* sat, int32_t res
   FUZZ_CHECK(out[0] != out[0] || (out[0] >= 0.0f && out[0] < 360.0f));
 }
 
-int32_t restartFlag(FuzzInput& in) {
-  const uint8_t b = in.byte();
-  return b < 200 ? 0 : (b < 240 ? 1 : in.count());
-}
-
-int32_t logMode(FuzzInput& in) {
-  const uint8_t b = in.byte();
-  return b < 128 ? b % 3 : in.count();
-}
-
 // Pool counts as floats: the interesting integers, their neighbours, or any
 // float (NaN, huge, negative, fractional).
 float poolCount(FuzzInput& in) {
@@ -134,7 +124,7 @@ void sphereRun(FuzzInput& in) {
   const float radius = in.byte() & 1 ? in.value() : 0.5f;
   float acc[3] = {0.0f, 0.0f, 1.0f};
   if (in.byte() & 1) in.values(acc, 3);
-  const int32_t mode = logMode(in);
+  const int32_t mode = logModeUpTo2(in);
   for (int32_t i = 0; i < calls; ++i) {
     const quelta::sim::Vec3 d = quelta::sim::fibonacciDirection((first + i) % spread, spread);
     const float mag[3] = {centre[0] + radius * static_cast<float>(d.x),
@@ -151,7 +141,7 @@ void steadyRun(FuzzInput& in) {
   in.values(acc, 3);
   in.values(mag, 3);
   in.values(sat, 3);
-  const int32_t mode = logMode(in);
+  const int32_t mode = logModeUpTo2(in);
   const int32_t calls = in.byte() % 64 + 1;
   for (int32_t i = 0; i < calls; ++i) sampleSet(acc, mag, sat, 0, mode);
 }
@@ -172,7 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         in.values(mag, 3);
         in.values(sat, 3);
         const int32_t restart = restartFlag(in);
-        sampleSet(acc, mag, sat, restart, logMode(in));
+        sampleSet(acc, mag, sat, restart, logModeUpTo2(in));
         break;
       }
       case 3: sphereRun(in); break;

@@ -159,6 +159,18 @@ class FuzzInput {
   size_t pos_ = 0;
 };
 
+// Mostly no restart, sometimes 1, now and then any interesting integer.
+inline int32_t restartFlag(FuzzInput& in) {
+  const uint8_t b = in.byte();
+  return b < 200 ? 0 : (b < 240 ? 1 : in.count());
+}
+
+// Mostly the modes 0 to 2, now and then any interesting integer.
+inline int32_t logModeUpTo2(FuzzInput& in) {
+  const uint8_t b = in.byte();
+  return b < 128 ? b % 3 : in.count();
+}
+
 // True when every component is finite and small enough that sums of 30 and
 // squares stay finite in single precision.
 inline bool tame(const float* v, int32_t n) {

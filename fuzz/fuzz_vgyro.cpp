@@ -26,16 +26,6 @@ constexpr int32_t kMaxTaps = 16;
 // restart, few enough to keep executions fast.
 constexpr int32_t kSampleSetBudget = 160;
 
-int32_t restartFlag(FuzzInput& in) {
-  const uint8_t b = in.byte();
-  return b < 200 ? 0 : (b < 240 ? 1 : in.count());
-}
-
-int32_t logMode(FuzzInput& in) {
-  const uint8_t b = in.byte();
-  return b < 128 ? b % 3 : in.count();
-}
-
 float interval(FuzzInput& in) {
   const uint8_t b = in.byte();
   if (b < 160) return 0.01f;
@@ -67,7 +57,7 @@ void turningRun(FuzzInput& in, Pipelines& p) {
   const quelta::sim::Vec3 axis{in.value(), in.value(), in.value()};
   const double rate = static_cast<double>(in.byte()) / 16.0;
   const float ts = interval(in);
-  const int32_t mode = logMode(in);
+  const int32_t mode = logModeUpTo2(in);
   quelta::sim::Device device;
   device.magNoiseGauss = static_cast<double>(in.byte()) * 1e-4;
   quelta::sim::Quat attitude = quelta::sim::attitudeFromHeadingPitchRoll(
@@ -131,7 +121,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         in.values(mag, 3);
         in.values(acc, 3);
         const int32_t restart = restartFlag(in);
-        const int32_t mode = logMode(in);
+        const int32_t mode = logModeUpTo2(in);
         pipelines->process(mag, acc, restart, mode, interval(in));
         break;
       }
