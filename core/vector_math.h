@@ -21,6 +21,16 @@ inline float norm2(const float* v, int32_t n) {
 // |v| of a 3-vector as ((x^2 + y^2) + z^2), the norm used across the fusion code.
 inline float norm3(const float* v) { return std::sqrt((v[0] * v[0] + v[1] * v[1]) + v[2] * v[2]); }
 
+// v / max(|v|, 1e-7) for a 3-vector: the floor keeps an all-zero vector
+// finite, and a NaN norm stays NaN (so no fmaxf).
+inline void normalizeFloored3(const float* v, float* out) {
+  const float n = norm3(v);
+  const float d = n < 1e-7f ? 1e-7f : n;
+  out[0] = v[0] / d;
+  out[1] = v[1] / d;
+  out[2] = v[2] / d;
+}
+
 inline float dot(const float* a, const float* b, int32_t n) {
   float sum = 0.0f;
   for (int32_t i = 0; i < n; ++i) sum = sum + a[i] * b[i];

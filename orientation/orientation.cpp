@@ -9,21 +9,12 @@ namespace quelta {
 
 namespace {
 
-constexpr float kNormFloor = 1e-7f;
 constexpr float kMinSinA = 1e-7f;
 constexpr float kFlatHorizontalSquared = 1e-7f;
 // Entry of the histories the orientation follows: nine samples behind the
 // newest, so the mean vectors have seen both sides of a change.
 constexpr int32_t kDelayedEntry = 20;
 
-// v / max(|v|, 1e-7); a NaN norm stays NaN.
-void normalizeFloored(const float* v, float* out) {
-  const float n = norm3(v);
-  const float d = n < kNormFloor ? kNormFloor : n;
-  out[0] = v[0] / d;
-  out[1] = v[1] / d;
-  out[2] = v[2] / d;
-}
 
 void subtract(const float* a, const float* b, float* out) {
   out[0] = a[0] - b[0];
@@ -76,8 +67,8 @@ MeanAngle Orientation::meanAngle(const CalibrationState& cal) {
   MeanOf30(cal.dMagHistory, meanMag);
   subtract(meanMag, cal.dSphereOffset, meanMag);
   MeanOf30(cal.dAccHistory, meanAcc);
-  normalizeFloored(meanMag, magDir);
-  normalizeFloored(meanAcc, accDir);
+  normalizeFloored3(meanMag, magDir);
+  normalizeFloored3(meanAcc, accDir);
 
   const float cosA = (magDir[0] * accDir[0] + magDir[1] * accDir[1]) + magDir[2] * accDir[2];
   if (cosA > 1.0f) return {1.0f, 0.0f};
@@ -100,12 +91,12 @@ void Orientation::updateFieldGeometry(CalibrationState& cal, MeanAngle angle) {
 // of the mean ones, so it is stored as computed, not renormalised.
 void Orientation::rebuildMatrix(const float* mag, const float* g, MeanAngle angle) {
   float m1[3], g1[3], e[3], eHat[3];
-  normalizeFloored(mag, m1);
-  normalizeFloored(g, g1);
+  normalizeFloored3(mag, m1);
+  normalizeFloored3(g, g1);
   e[0] = m1[2] * g1[1] - m1[1] * g1[2];
   e[1] = m1[0] * g1[2] - m1[2] * g1[0];
   e[2] = m1[1] * g1[0] - m1[0] * g1[1];
-  normalizeFloored(e, eHat);
+  normalizeFloored3(e, eHat);
 
   const float p = 1.0f / angle.sinA;
   const float q = -angle.cosA / angle.sinA;

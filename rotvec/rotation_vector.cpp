@@ -4,13 +4,13 @@
 
 #include "core/float4.h"
 #include "core/log.h"
+#include "core/vector_math.h"
 #include "rotvec/cn2b_from_directions.h"
 
 namespace quelta {
 
 namespace {
 
-constexpr float kNormFloor = 1e-7f;  // keeps an all-zero input finite
 constexpr float kSinFloor = 0.0001f;  // keeps parallel field and gravity finite
 
 // Floors written so that NaN passes through unchanged.
@@ -20,13 +20,6 @@ void copySlot(const float* from, float* to) {
   for (int32_t k = 0; k < RotationVectorFusion::kSlotSize; ++k) to[k] = from[k];
 }
 
-// v / max(|v|, 1e-7) for a 3-vector.
-void unitOrZero(const float* v, float* out) {
-  const float norm = atLeast(std::sqrt((v[0] * v[0] + v[1] * v[1]) + v[2] * v[2]), kNormFloor);
-  out[0] = v[0] / norm;
-  out[1] = v[1] / norm;
-  out[2] = v[2] / norm;
-}
 
 // Quaternion (w, x, y, z) of the transpose of C, the rotation from device to
 // east-north-up: magnitudes from the diagonal, signs from the off-diagonal
@@ -134,8 +127,8 @@ void RotationVectorFusion::update(const float* mag, const float* acc, int32_t lo
   }
 
   float magAccDir[8];
-  unitOrZero(smoothed, magAccDir);
-  unitOrZero(smoothed + 3, magAccDir + 3);
+  normalizeFloored3(smoothed, magAccDir);
+  normalizeFloored3(smoothed + 3, magAccDir + 3);
   const float* h = magAccDir;
   const float* g = magAccDir + 3;
   float cosA = (h[0] * g[0] + h[1] * g[1]) + h[2] * g[2];
