@@ -11,6 +11,8 @@
 #   FUZZ_WORK_DIR   corpora grown by earlier runs and crash files; kept
 #                   between runs (default $FUZZ_BUILD_DIR/fuzz-work)
 #   FUZZ_ARGS       extra libFuzzer options, e.g. "-runs=10000000"
+#   FUZZ_WORKERS    fuzzing processes per target sharing one corpus
+#                   (default 1); executions are summed over them
 # The committed seeds (fuzz/corpus/<target>/) are read, never written. Any
 # crash, sanitizer report or failed check stops the run with exit status 1
 # and names the file that reproduces it:
@@ -30,6 +32,11 @@ work="${FUZZ_WORK_DIR:-$build/fuzz-work}"
 export ASAN_OPTIONS="${ASAN_OPTIONS:-halt_on_error=1:detect_leaks=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-halt_on_error=1:print_stacktrace=1}"
 
+# One log per target, or per worker when there are several.
+log_of() {
+  if [ "${FUZZ_WORKERS:-1}" -gt 1 ]; then echo "$work/$target.$1.log"; else echo "$work/$target.log"; fi
+}
+
 status=0
 for target in "${targets[@]}"; do
   binary="$build/fuzz/fuzz_$target"
@@ -40,20 +47,45 @@ for target in "${targets[@]}"; do
   corpus="$work/corpus/$target"
   artifacts="$work/artifacts/$target"
   mkdir -p "$corpus" "$artifacts"
-  log="$work/$target.log"
-  echo "== fuzz_$target: $seconds s"
-  # shellcheck disable=SC2086
-  if "$binary" "$corpus" "fuzz/corpus/$target" -max_total_time="$seconds" -timeout=10 \
-      -rss_limit_mb=2048 -max_len=4096 -print_final_stats=1 \
-      -artifact_prefix="$artifacts/" ${FUZZ_ARGS:-} > "$log" 2>&1; then
-    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
-    rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
-    echo "   ${runs:-?} executions (${rate:-?}/s), no finding; corpus $(ls "$corpus" | wc -l) inputs"
+  workers="${FUZZ_WORKERS:-1}"
+  echo "== fuzz_$target: $seconds s, $workers worker(s)"
+  # Workers pick up each other's new inputs from the shared corpus directory.
+  pids=()
+  for ((w = 1; w <= workers; ++w)); do
+    # shellcheck disable=SC2086
+    "$binary" "$corpus" "fuzz/corpus/$target" -max_total_time="$seconds" -timeout=10 \
+        -rss_limit_mb=2048 -max_len=4096 -print_final_stats=1 \
+        -artifact_prefix="$artifacts/" ${FUZZ_ARGS:-} > "$(log_of "$w")" 2>&1 &
+    pids+=($!)
+  done
+  failed=0
+  # The first worker to fail stops the others.
+  for _ in "${pids[@]}"; do
+    if ! wait -n; then
+      failed=1
+      kill "${pids[@]}" 2> /dev/null || true
+    fi
+  done
+  if [ $failed -eq 0 ]; then
+    runs=0
+    rates=()
+    for ((w = 1; w <= workers; ++w)); do
+      log="$(log_of "$w")"
+      n=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
+      runs=$((runs + ${n:-0}))
+      rates+=("$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")/s")
+    done
+    echo "   $runs executions (${rates[*]}), no finding; corpus $(ls "$corpus" | wc -l) inputs"
   else
     status=1
-    echo "   FINDING in fuzz_$target:"
-    grep -E 'ERROR|runtime error|check failed|SUMMARY|Test unit written' "$log" | head -20 || true
-    echo "   full log: $log"
+    for ((w = 1; w <= workers; ++w)); do
+      log="$(log_of "$w")"
+      if grep -qE 'ERROR|runtime error|check failed|Test unit written' "$log"; then
+        echo "   FINDING in fuzz_$target:"
+        grep -E 'ERROR|runtime error|check failed|SUMMARY|Test unit written' "$log" | head -20 || true
+        echo "   full log: $log"
+      fi
+    done
   fi
 done
 exit $status
