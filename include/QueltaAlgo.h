@@ -29,6 +29,13 @@
 
 #include <stdint.h>
 
+/* Version of this header and of the library built from it. The shared
+ * object's export list carries no version symbol; hosts compare these. */
+#define QUELTA_ALGO_VERSION_MAJOR 0
+#define QUELTA_ALGO_VERSION_MINOR 1
+#define QUELTA_ALGO_VERSION_PATCH 0
+#define QUELTA_ALGO_VERSION_STRING "0.1.0"
+
 #if defined(QUELTA_BUILDING_LIBRARY)
 #define QUELTA_API __attribute__((visibility("default")))
 #else

@@ -18,7 +18,7 @@ extern "C" {
 #endif
 
 /* The version of the library actually loaded, "MAJOR.MINOR.PATCH". */
-QUELTA_API const char* quelta_version(void);
+QUELTA_LAYER_API const char* quelta_version(void);
 
 #ifdef __cplusplus
 }

@@ -3,9 +3,9 @@
 #define QUELTA_EXPORT_H
 
 #if defined(QUELTA_LAYER_BUILDING)
-#define QUELTA_API __attribute__((visibility("default")))
+#define QUELTA_LAYER_API __attribute__((visibility("default")))
 #else
-#define QUELTA_API
+#define QUELTA_LAYER_API
 #endif
 
 #endif
