@@ -97,6 +97,31 @@ void SetupOverrides::applyTo(AlgoSetup& setup) const {
   if (windows) setup.windows = *windows;
 }
 
+std::string storedCalibrationProblem(const AlgoSetup& setup) {
+  const std::array<float, 4>& stored = setup.stored;
+  bool finite = true;
+  for (float value : stored) finite = finite && std::isfinite(value);
+  if (finite && stored[0] == 0.0f && stored[1] == 0.0f && stored[2] == 0.0f) return "";  // none
+  auto list = [&stored](size_t count) {
+    std::string text;
+    for (size_t i = 0; i < count; ++i) text += (i ? " " : "") + formatFloat(stored[i]);
+    return text;
+  };
+  if (!finite) return "stored calibration (offset " + list(3) + ", radius " + formatFloat(stored[3]) +
+                      ") is not finite";
+  if (!(stored[3] > kMinStoredRadius && stored[3] < kMaxStoredRadius)) {
+    return "stored radius " + formatFloat(stored[3]) + " gauss is outside the band the library accepts (" +
+           formatFloat(kMinStoredRadius) + " to " + formatFloat(kMaxStoredRadius) + " gauss)";
+  }
+  return "";
+}
+
+std::string dropImplausibleStoredCalibration(AlgoSetup& setup) {
+  std::string problem = storedCalibrationProblem(setup);
+  if (!problem.empty()) setup.stored = AlgoSetup{}.stored;
+  return problem;
+}
+
 bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::string& problem) {
   out = SetupOverrides{};
   std::istringstream lines(text);
