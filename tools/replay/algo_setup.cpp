@@ -57,6 +57,13 @@ std::string formatFloat(float value) {
   return text;
 }
 
+// For messages: six significant digits.
+std::string shortFloat(float value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", static_cast<double>(value));
+  return text;
+}
+
 template <typename T, size_t N>
 void appendLine(std::string& text, const char* key, const std::array<T, N>& values) {
   text += key;
@@ -104,14 +111,14 @@ std::string storedCalibrationProblem(const AlgoSetup& setup) {
   if (finite && stored[0] == 0.0f && stored[1] == 0.0f && stored[2] == 0.0f) return "";  // none
   auto list = [&stored](size_t count) {
     std::string text;
-    for (size_t i = 0; i < count; ++i) text += (i ? " " : "") + formatFloat(stored[i]);
+    for (size_t i = 0; i < count; ++i) text += (i ? " " : "") + shortFloat(stored[i]);
     return text;
   };
-  if (!finite) return "stored calibration (offset " + list(3) + ", radius " + formatFloat(stored[3]) +
+  if (!finite) return "stored calibration (offset " + list(3) + ", radius " + shortFloat(stored[3]) +
                       ") is not finite";
   if (!(stored[3] > kMinStoredRadius && stored[3] < kMaxStoredRadius)) {
-    return "stored radius " + formatFloat(stored[3]) + " gauss is outside the band the library accepts (" +
-           formatFloat(kMinStoredRadius) + " to " + formatFloat(kMaxStoredRadius) + " gauss)";
+    return "stored radius " + shortFloat(stored[3]) + " gauss is outside the band the library accepts (" +
+           shortFloat(kMinStoredRadius) + " to " + shortFloat(kMaxStoredRadius) + " gauss)";
   }
   return "";
 }
