@@ -244,6 +244,10 @@ TEST(RecordingReader, ReadsGzipByContentIncludingConcatenatedMembers) {
   const size_t half = text.find('\n', text.size() / 2) + 1;
   ASSERT_TRUE(parse(gzip(text.substr(0, half)) + gzip(text.substr(half)), packed, error)) << error.describe();
   EXPECT_EQ(packed.samples.size(), plain.samples.size());
+  std::string emptyMembers;
+  for (int i = 0; i < 100000; ++i) emptyMembers += gzip("");
+  ASSERT_TRUE(parse(emptyMembers + gzip(text) + emptyMembers, packed, error)) << error.describe();
+  EXPECT_EQ(packed.samples.size(), plain.samples.size());
 
   // A truncated or damaged file is an error, not a shorter recording.
   const std::string whole = gzip(text);

@@ -107,7 +107,13 @@ class TextStream {
       return true;
     }
 #if QUELTA_REPLAY_HAVE_ZLIB
-    return inflateMore(out, problem);
+    // Empty members decode to nothing: go on to the next one.
+    size_t before = out.size();
+    while (inflateMore(out, problem)) {
+      if (out.size() > before) return true;
+      before = out.size();
+    }
+    return false;
 #else
     return false;
 #endif
@@ -130,6 +136,8 @@ class TextStream {
   }
 
 #if QUELTA_REPLAY_HAVE_ZLIB
+  // Decodes what is there up to the end of the current member. False at
+  // the end (problem empty) or on an error.
   bool inflateMore(std::string& out, std::string& problem) {
     if (!pendingProblem_.empty()) {
       problem = pendingProblem_;
@@ -179,8 +187,7 @@ class TextStream {
       problem = stop;
       return false;
     }
-    if (produced > 0) return true;
-    return inflateMore(out, problem);  // an empty member: go on to the next one
+    return true;  // possibly nothing, after an empty member
   }
 
   std::string pendingProblem_;
