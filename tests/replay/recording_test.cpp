@@ -209,7 +209,9 @@ TEST(RecordingReader, StreamsPeeksAndCounts) {
                 sample.hasAttitude == want.hasAttitude && sample.attitude == want.attitude)
         << "sample " << i;
     ++i;
-    if (i == 500) EXPECT_EQ(reader.peek(3000).size(), 3000u);  // peek again midway
+    if (i == 500) {
+      EXPECT_EQ(reader.peek(3000).size(), 3000u);  // peek again midway
+    }
   }
   EXPECT_FALSE(reader.failed()) << reader.error().describe();
   EXPECT_EQ(i, 20000u);
@@ -257,6 +259,11 @@ TEST(RecordingReader, ReadsGzipByContentIncludingConcatenatedMembers) {
   EXPECT_EQ(errorOf(damaged), "rec.csv:30002: corrupt compressed data (incorrect data check)");
   EXPECT_EQ(errorOf(whole + "junk"), "rec.csv:30002: unexpected data after the end of the compressed recording");
 }
+#else
+TEST(RecordingReader, SaysWhenItCannotDecompress) {
+  EXPECT_EQ(errorOf(std::string("\x1f\x8b\x08\x00", 4)),
+            "rec.csv:1: a gzip-compressed recording, and this build has no zlib: decompress it first (gunzip)");
+}
 #endif
 
 // Every shared real recording reads as it is, compressed, nan gaps included.
@@ -281,7 +288,9 @@ TEST(RecordingReader, ReadsEverySharedRecording) {
     EXPECT_GT(reader.samplesRead(), 4000u) << entry.path();
     EXPECT_TRUE(reader.hasAttitudeColumns() && reader.hasGyroColumns());
     EXPECT_EQ(withAttitude + reader.missingAttitude(), reader.samplesRead());
-    if (entry.path().filename() == "n5_calib_figure8_d2.csv.gz") EXPECT_EQ(withAttitude, 0u);
+    if (entry.path().filename() == "n5_calib_figure8_d2.csv.gz") {
+      EXPECT_EQ(withAttitude, 0u);  // no truth at all
+    }
     if (entry.path().filename() == "broad_21_fast_combined.csv.gz") {
       EXPECT_GT(reader.missingAttitude(), 0u);  // starts with a gap
       EXPECT_GT(withAttitude, reader.samplesRead() / 2);
