@@ -134,6 +134,10 @@ TEST(Recording, BadInputIsLocatedByLineAndColumn) {
             "rec.csv:1:17: missing required column 'my' (the header has 6 columns: t, ax, ay, az, mx, mz)");
   EXPECT_EQ(errorOf("0,0,0,1,0.1,0.2,0.3\n"),
             "rec.csv:1:1: no header row: the first row must name the columns (t, ax, ay, az, mx, my, mz)");
+  EXPECT_EQ(errorOf("t;ax;ay;az;mx;my;mz\n0;0;0;1;0;0;0\n"),
+            "rec.csv:1:1: the columns are separated by ';': the recording needs commas");
+  EXPECT_EQ(errorOf(std::string("\xFF\xFEt\0,\0a\0x\0", 10)), "rec.csv:1:1: the recording is UTF-16 text: save it as UTF-8 or ASCII");
+  EXPECT_EQ(errorOf("time\n"), "rec.csv:1:5: missing required column 't' (the header has 1 column: time)");
   EXPECT_EQ(errorOf("t,ax,ay,az,mx,my,mz, AX\n"), "rec.csv:1:22: duplicate column 'AX'");
   EXPECT_EQ(errorOf("t,ax,ay,az,mx,my,mz,gx,gy\n"), "rec.csv:1:21: reference gyroscope needs all of gx, gy, gz");
   EXPECT_EQ(errorOf("t,ax,ay,az,mx,my,mz,x,qw\n"), "rec.csv:1:23: reference attitude needs all of qw, qx, qy, qz");

@@ -473,14 +473,22 @@ bool RecordingReader::start(const Units& units) {
     const std::string name = named.name;
     const bool required = name == "t" || name[0] == 'a' || name[0] == 'm';
     if (!required || *named.slot >= 0) continue;
+    // The likely causes first, then what the header does name.
+    const std::string_view first = p.line.substr(0, 2);
+    if (first == "\xFF\xFE" || first == "\xFE\xFF") {
+      return fail("the recording is UTF-16 text: save it as UTF-8 or ASCII", 1);
+    }
     double number = 0.0;
     if (parseDouble(p.fieldAt(0), number)) {
       return fail("no header row: the first row must name the columns (t, ax, ay, az, mx, my, mz)", 1);
     }
+    if (p.columnCount == 1 && p.line.find(';') != std::string_view::npos) {
+      return fail("the columns are separated by ';': the recording needs commas", 1);
+    }
     std::string found;
     for (size_t i = 0; i < p.columnCount; ++i) found += (i ? ", " : "") + std::string(p.fieldAt(i));
     return fail("missing required column '" + name + "' (the header has " + std::to_string(p.columnCount) +
-                    " columns: " + found + ")",
+                    (p.columnCount == 1 ? " column: " : " columns: ") + found + ")",
                 endColumn);
   }
   auto checkGroup = [&](const int* columns, int size, const char* message) {
