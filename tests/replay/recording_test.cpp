@@ -93,14 +93,14 @@ TEST(Recording, ReadsColumnsInAnyOrderConvertsUnitsAndSkipsNoise) {
 // names in capitals and in quotes, gaps in the motion capture.
 TEST(Recording, AcceptsRealWorldHeadersAndMissingReferenceValues) {
   const std::string text =
-      "\xEF\xBB\xBF\"T\",\"AX\",Ay,\"az\" ,MX,my,\"M\"\"z\",GX,gy,gz,QW,qx,qy,qz\n"
+      "\xEF\xBB\xBF\"T\",\"AX\",Ay,\" az\" ,MX,my,\"M\"\"z\",GX,gy,gz,QW,qx,qy,qz\n"
       "0,0,0,1,0.1,0.2,0.3,0.1,0.2,0.3,1,0,0,0\n"
       "0.02,0,0,1,0.1,0.2,0.3,,,,nan,NaN,-nan,NAN\n"
       "0.04,0,0,1,0.1,0.2,0.3,0.1,0.2,0.3,0.5,nan,0.5,0.5\n"
-      "0.06,0,0,1,0.1,0.2,0.3,0.1,,0.3,0,1,0,0\n";
+      "0.06,0,0,1,0.1,0.2,\"0.3\",0.1,,0.3,0,1,0,0\n";
   // "M""z" unquotes to M"z, which is no known column: mz is missing.
   EXPECT_EQ(errorOf(text),
-            "rec.csv:1:52: missing required column 'mz' (the header has 14 columns: T, AX, Ay, az, MX, my, M\"z, GX, "
+            "rec.csv:1:53: missing required column 'mz' (the header has 14 columns: T, AX, Ay,  az, MX, my, M\"z, GX, "
             "gy, gz, QW, qx, qy, qz)");
   std::string fixed = text;
   fixed.replace(fixed.find("\"M\"\"z\""), 6, "\"Mz\"");
@@ -121,6 +121,7 @@ TEST(Recording, AcceptsRealWorldHeadersAndMissingReferenceValues) {
   EXPECT_EQ(recording.samples[3].gyro, (std::array<double, 3>{0, 0, 0}));
   EXPECT_EQ(recording.samples[3].attitude[1], 1.0);
   EXPECT_EQ(recording.samples[0].mag[2], 0.3);
+  EXPECT_EQ(recording.samples[3].mag[2], 0.3);  // quoted values are numbers too
 
   // A reference value that is there must still be a finite number.
   EXPECT_EQ(errorOf("t,ax,ay,az,mx,my,mz,qw,qx,qy,qz\n0,0,0,1,0.1,0.2,0.3,inf,0,0,0\n"),
