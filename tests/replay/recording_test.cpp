@@ -252,7 +252,8 @@ TEST(RecordingReader, ReadsGzipByContentIncludingConcatenatedMembers) {
   ASSERT_TRUE(parse(gzip(text.substr(0, half)) + gzip(text.substr(half)), packed, error)) << error.describe();
   EXPECT_EQ(packed.samples.size(), plain.samples.size());
   std::string emptyMembers;
-  for (int i = 0; i < 100000; ++i) emptyMembers += gzip("");
+  const std::string emptyMember = gzip("");
+  for (int i = 0; i < 100000; ++i) emptyMembers += emptyMember;
   ASSERT_TRUE(parse(emptyMembers + gzip(text) + emptyMembers, packed, error)) << error.describe();
   EXPECT_EQ(packed.samples.size(), plain.samples.size());
 
