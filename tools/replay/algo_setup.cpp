@@ -24,16 +24,6 @@ bool parseFloat(const std::string& text, float& value) {
   return end == text.c_str() + text.size() && errno != ERANGE && std::isfinite(value);
 }
 
-// A stored offset or radius: any number, also nan, inf or one beyond the
-// range of a float (inf). Such a calibration is judged, and dropped, by
-// storedCalibrationProblem, so that a damaged file does not stop a run.
-bool parseStoredFloat(const std::string& text, float& value) {
-  if (text.empty()) return false;
-  char* end = nullptr;
-  value = std::strtof(text.c_str(), &end);
-  return end == text.c_str() + text.size();
-}
-
 bool parseInt(const std::string& text, int32_t& value) {
   if (text.empty()) return false;
   char* end = nullptr;
@@ -164,11 +154,11 @@ bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::str
     bool ok = false;
     if (key == "offset") {
       std::array<float, 3> v{};
-      ok = parseParts(values, v, parseStoredFloat);
+      ok = parseParts(values, v, parseFloat);
       if (ok) out.offset = v;
     } else if (key == "radius") {
       std::array<float, 1> v{};
-      ok = parseParts(values, v, parseStoredFloat);
+      ok = parseParts(values, v, parseFloat);
       if (ok) out.radius = v[0];
     } else if (key == "axis") {
       std::array<float, 9> v{};

@@ -59,9 +59,7 @@ std::string storedCalibrationProblem(const AlgoSetup& setup);
 std::string dropImplausibleStoredCalibration(AlgoSetup& setup);
 
 // Parses a calibration file's text. On failure returns false with a
-// "line:column: message" text in problem. Offset and radius may be any
-// number, nan and inf included (see storedCalibrationProblem); the other
-// items must be finite.
+// "line:column: message" text in problem.
 bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::string& problem);
 
 // Reads the calibration file at path. A file that does not exist is no
