@@ -53,6 +53,12 @@ TEST(CalibrationFile, ProblemsNameLineAndColumn) {
   EXPECT_FALSE(parseCalibrationFile("radius 0.5 0.6\n", read, problem));
   EXPECT_FALSE(parseCalibrationFile("windows 11 8.5\n", read, problem));
   EXPECT_FALSE(parseCalibrationFile("pool 6 16 32 0.1 0.1 0.85 1.15 x\n", read, problem));
+  // Non-finite values, also one beyond the range of a float, are refused
+  // where they stand: the file says which line to mend.
+  EXPECT_FALSE(parseCalibrationFile("offset 0.1 0.2 0.3\nradius 0.5\noffset 0.1 nan 0.3\n", read, problem));
+  EXPECT_EQ(problem, "3:1: bad or missing values for 'offset'");
+  EXPECT_FALSE(parseCalibrationFile("radius 1e39\n", read, problem));
+  EXPECT_FALSE(parseCalibrationFile("axis inf 0 0 0 1 0 0 0 1\n", read, problem));
   EXPECT_TRUE(parseCalibrationFile("\n# nothing\n", read, problem));
   EXPECT_FALSE(read.offset);
 }
