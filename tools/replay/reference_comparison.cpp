@@ -188,7 +188,7 @@ void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row
   const bool calibrated = row.accuracy == 3;
   anyCalibrated_ = anyCalibrated_ || calibrated;
   if (hasGyro_) {
-    if (!allFinite(sample.gyro.data(), 3)) {
+    if (!sample.hasGyro || !allFinite(sample.gyro.data(), 3)) {
       ++missingGyro_;
     } else {
       double error2 = 0.0, reference2 = 0.0;
@@ -216,7 +216,7 @@ void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row
   record.libraryAzimuth = row.orientation[0];
   record.difference[0] = static_cast<float>(kNaN);
   record.referenceAzimuth = record.pitch = record.roll = static_cast<float>(kNaN);
-  if (!allFinite(sample.attitude.data(), 4)) {
+  if (!sample.hasAttitude || !allFinite(sample.attitude.data(), 4)) {
     ++missingAttitude_;
   } else {
     const Angles angles = anglesOf(sample.attitude);

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "tools/replay/log_prefix.h"
+
 namespace quelta::replay {
 
 namespace {
@@ -32,11 +34,11 @@ size_t replayStream(const SampleSource& source, double period, size_t total, con
   double previousT = 0.0;
   while (source(sample)) {
     if (count == 0) previousT = sample.t - period;
-    if (options.beforeSample) options.beforeSample(count, sample.t);
     const std::array<float, 3> acc = toFloats(sample.acc);
     const std::array<float, 3> mag = toFloats(sample.mag);
     row = ReplayRow{};
     row.t = sample.t;
+    setLogSample(count, sample.t);  // the prefix of the library's log lines
 
     // Calibration and orientation: the field itself is the saturation probe.
     MainAlgorithmProcess(acc.data(), mag.data(), mag.data(), 0, mode);

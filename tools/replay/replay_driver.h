@@ -21,9 +21,6 @@ struct DriverOptions {
   // Called now and then with the number of samples done (total is 0 when
   // not known in advance), and once more at the end.
   std::function<void(size_t done, size_t total)> progress;
-  // Called before each sample is given to the library, with its index and
-  // time: lets a log callback say which sample a line belongs to.
-  std::function<void(size_t index, double t)> beforeSample;
 };
 
 // Supplies the next sample; false at the end of the recording.
