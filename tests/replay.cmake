@@ -94,3 +94,15 @@ if(CMAKE_CROSSCOMPILING_EMULATOR)
   set_tests_properties(${replay_tests} PROPERTIES ENVIRONMENT "QUELTA_EMULATOR=${emulator}")
 endif()
 set_tests_properties(replay.cli.safe_outputs replay.cli.interrupted_runs_leave_no_temporaries PROPERTIES TIMEOUT 600)
+
+# The report in a real browser: the bundled recording's and a one-million-row
+# one's, rendered by headless Chromium (skipped where it is missing). Label
+# "browser": .ci/run runs it once in a step of its own, not under the
+# sanitizers or the emulator, where a million rows take too long.
+if(NOT CMAKE_CROSSCOMPILING AND NOT QUELTA_SANITIZE)
+  add_test(NAME replay.browser.report_renders_in_chromium
+    COMMAND ${REPLAY_CHECK} browser $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/browser
+            ${PROJECT_SOURCE_DIR}/data/handheld.csv ${PROJECT_SOURCE_DIR}/tools/replay/render_report.sh)
+  set_tests_properties(replay.browser.report_renders_in_chromium PROPERTIES
+    LABELS browser SKIP_RETURN_CODE 77 TIMEOUT 900 RUN_SERIAL TRUE)
+endif()

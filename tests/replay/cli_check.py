@@ -18,6 +18,11 @@
       how outputs are written: modes kept, links followed, FIFOs, devices and
       standard output written in place, read-only targets, shared targets and
       the recording refused, every path checked before the replay.
+  cli_check.py browser REPLAY WORKDIR RECORDING RENDER_SCRIPT
+      the report of RECORDING and of a one-million-row recording made from
+      it: at most 2 MB, every named plot present in the DOM headless
+      Chromium builds, the rendered image not blank. Skips (77) without
+      Chromium.
   cli_check.py interrupted REPLAY WORKDIR RECORDING
       SIGINT, SIGTERM and a closed pipe leave no temporary file behind and
       the old outputs as they were.
@@ -528,6 +533,101 @@ def check_interrupted(program, workdir, recording):
     print("closed pipe: no temporary left")
 
 
+def png_pixels(path):
+    """Width, height and RGB rows of an 8-bit RGB or RGBA PNG."""
+    import struct
+    import zlib
+    data = open(path, "rb").read()
+    if data[:8] != b"\x89PNG\r\n\x1a\n":
+        fail("%s is not a PNG" % path)
+    pos, idat, width, height, colour = 8, b"", 0, 0, 0
+    while pos < len(data):
+        length, kind = struct.unpack(">I4s", data[pos:pos + 8])
+        chunk = data[pos + 8:pos + 8 + length]
+        if kind == b"IHDR":
+            width, height, depth, colour = struct.unpack(">IIBB", chunk[:10])
+            if depth != 8 or colour not in (2, 6):
+                fail("unexpected PNG format: depth %d colour type %d" % (depth, colour))
+        elif kind == b"IDAT":
+            idat += chunk
+        pos += 12 + length
+    raw = zlib.decompress(idat)
+    step = 3 if colour == 2 else 4
+    stride = width * step
+    rows, previous = [], bytearray(stride)
+    for y in range(height):
+        line = raw[y * (stride + 1):(y + 1) * (stride + 1)]
+        kind, row = line[0], bytearray(line[1:])
+        for i in range(stride):
+            a = row[i - step] if i >= step else 0
+            b = previous[i]
+            c = previous[i - step] if i >= step else 0
+            if kind == 1:
+                row[i] = (row[i] + a) & 255
+            elif kind == 2:
+                row[i] = (row[i] + b) & 255
+            elif kind == 3:
+                row[i] = (row[i] + (a + b) // 2) & 255
+            elif kind == 4:
+                p = a + b - c
+                pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
+                row[i] = (row[i] + (a if pa <= pb and pa <= pc else b if pb <= pc else c)) & 255
+        rows.append(bytes(row))
+        previous = row
+    return width, height, step, rows
+
+
+def check_browser(program, workdir, recording, render):
+    browser = shutil.which("chromium") or shutil.which("chromium-browser")
+    if not browser:
+        print("SKIP: chromium not found (Debian package chromium)")
+        sys.exit(77)
+    os.makedirs(workdir, exist_ok=True)
+    w = lambda name: os.path.join(workdir, name)
+    long_recording(recording, w("million.csv"), 1000000)
+    for name, source in (("bundled", recording), ("million", w("million.csv"))):
+        report = w(name + ".html")
+        started = time.time()
+        status, summary, errors = replay(program, [source, "--out", w(name + "_out.csv"), "--report", report], workdir)
+        if status != 0:
+            fail("%s: replay exited with %d: %s" % (name, status, errors))
+        print("%s: replayed in %.1f s" % (name, time.time() - started))
+        size = os.path.getsize(report)
+        if size > 2 * 1024 * 1024:
+            fail("%s: report is %d bytes, more than 2 MB" % (name, size))
+        check_report(report)
+
+        # The DOM as Chromium builds it holds every plot.
+        started = time.time()
+        result = subprocess.run([render, "--dump-dom", report], capture_output=True, text=True, timeout=300)
+        if result.returncode != 0:
+            fail("%s: render script failed: %s" % (name, result.stderr))
+        missing = [plot for plot in PLOTS + ["plot-attitude-error"] if 'id="%s"' % plot not in result.stdout]
+        if missing:
+            fail("%s: Chromium's DOM lacks %s" % (name, missing))
+        # The screenshot is not blank: plenty of pixels differ from the page's background.
+        image = w(name + ".png")
+        result = subprocess.run([render, report, image, "1400,3600"], capture_output=True, text=True, timeout=300,
+                                env=dict(os.environ, QUELTA_RENDER_SCALE="0.5"))
+        seconds = time.time() - started
+        if result.returncode != 0 or not os.path.exists(image):
+            fail("%s: screenshot failed: %s" % (name, result.stderr))
+        width, height, step, rows = png_pixels(image)
+        background = rows[0][:3]
+        inked = sum(1 for row in rows[::4] for x in range(0, width * step, 4 * step) if row[x:x + 3] != background)
+        colours = len({row[x:x + 3] for row in rows[::4] for x in range(0, width * step, 4 * step)})
+        sampled = len(rows[::4]) * len(range(0, width * step, 4 * step))
+        if inked < sampled * 0.05 or colours < 8:
+            fail("%s: rendered image looks blank (%d of %d sampled pixels inked, %d colours)" % (name, inked, sampled, colours))
+        print("%s: %d bytes, rendered twice in %.1f s, %d of %d sampled pixels inked, %d colours" %
+              (name, size, seconds, inked, sampled, colours))
+    leftovers = [n for n in os.listdir(workdir) if n.startswith("chromium-profile") or ".tmp-" in n]
+    if leftovers:
+        fail("left behind: %s" % leftovers)
+    for name in ("million.csv", "million_out.csv", "bundled_out.csv"):
+        os.remove(w(name))  # large; the reports and images stay to be looked at
+
+
 def main(args):
     if len(args) >= 5 and args[0] == "run":
         check_run(args[1], args[2], args[3], args[4], args[5:])
@@ -539,6 +639,8 @@ def main(args):
         check_usage(args[1])
     elif len(args) == 4 and args[0] == "outputs":
         check_outputs(*args[1:])
+    elif len(args) == 5 and args[0] == "browser":
+        check_browser(*args[1:])
     elif len(args) == 4 and args[0] == "interrupted":
         check_interrupted(*args[1:])
     elif len(args) == 2 and args[0] == "report":
