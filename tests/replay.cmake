@@ -39,6 +39,14 @@ foreach(case
             ${REPLAY_FIXTURES}/${name}.csv "${message}")
 endforeach()
 
+# How outputs are written, refused and cleaned up (tests/replay/cli_check.py).
+add_test(NAME replay.cli.safe_outputs
+  COMMAND ${REPLAY_CHECK} outputs $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/outputs
+          ${PROJECT_SOURCE_DIR}/data/handheld.csv)
+add_test(NAME replay.cli.interrupted_runs_leave_no_temporaries
+  COMMAND ${REPLAY_CHECK} interrupted $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/interrupted
+          ${PROJECT_SOURCE_DIR}/data/handheld.csv)
+
 add_test(NAME replay.cli.usage_error COMMAND ${REPLAY_CHECK} usage $<TARGET_FILE:quelta-replay>)
 
 # The real recordings beside the repository (../shared/recordings, or two
@@ -87,4 +95,17 @@ if(CMAKE_CROSSCOMPILING_EMULATOR)
   get_property(replay_tests DIRECTORY PROPERTY TESTS)
   list(FILTER replay_tests INCLUDE REGEX "^replay\\.cli\\.")
   set_tests_properties(${replay_tests} PROPERTIES ENVIRONMENT "QUELTA_EMULATOR=${emulator}")
+endif()
+set_tests_properties(replay.cli.safe_outputs replay.cli.interrupted_runs_leave_no_temporaries PROPERTIES TIMEOUT 600)
+
+# The report in a real browser: the bundled recording's and a one-million-row
+# one's, rendered by headless Chromium (skipped where it is missing). Label
+# "browser": .ci/run runs it once in a step of its own, not under the
+# sanitizers or the emulator, where a million rows take too long.
+if(NOT CMAKE_CROSSCOMPILING AND NOT QUELTA_SANITIZE)
+  add_test(NAME replay.browser.report_renders_in_chromium
+    COMMAND ${REPLAY_CHECK} browser $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/browser
+            ${PROJECT_SOURCE_DIR}/data/handheld.csv ${PROJECT_SOURCE_DIR}/tools/replay/render_report.sh)
+  set_tests_properties(replay.browser.report_renders_in_chromium PROPERTIES
+    LABELS browser SKIP_RETURN_CODE 77 TIMEOUT 900 RUN_SERIAL TRUE)
 endif()

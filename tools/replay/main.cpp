@@ -1,13 +1,17 @@
 // quelta-replay: replays a sensor recording through every service of the
 // library, prints a summary and optionally writes the per-sample outputs,
 // a visual report, the library's log and the calibration to keep.
+//
+// Everything streams: samples are read, replayed, written to the output
+// table and folded into the summary, the comparison and the report one at a
+// time, so memory does not grow with the recording.
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <memory>
-#include <sstream>
+#include <optional>
 
 #include "tools/replay/algo_setup.h"
 #include "tools/replay/bundled_recording.h"
@@ -34,22 +38,33 @@ int fail(const std::string& message) {
   return kExitBadInput;
 }
 
-void showProgress(size_t done, size_t total) {
-  if (done < total) {
-    std::fprintf(stderr, "\rreplaying %3zu%% (%zu of %zu samples)", done * 100 / total, done, total);
-  } else {
+// Progress on standard error, when it is a terminal: one line, rewritten.
+class Progress {
+ public:
+  explicit Progress(bool shown) : shown_(shown) {}
+  void show(const char* phase, size_t done, size_t total) {
+    if (!shown_) return;
+    if (total > 0) {
+      std::fprintf(stderr, "\r\033[K%s %3zu%% (%zu of %zu samples)", phase, done * 100 / total, done, total);
+    } else {
+      std::fprintf(stderr, "\r\033[K%s (%zu samples)", phase, done);
+    }
+    std::fflush(stderr);
+  }
+  void phase(const char* what) {
+    if (!shown_) return;
+    std::fprintf(stderr, "\r\033[K%s", what);
+    std::fflush(stderr);
+  }
+  void clear() {
+    if (!shown_) return;
     std::fputs("\r\033[K", stderr);
+    std::fflush(stderr);
   }
-  std::fflush(stderr);
-}
 
-// The offset and radius of the last fit accepted during the run, if any.
-const ReplayRow* lastAcceptedFit(const std::vector<ReplayRow>& rows) {
-  for (auto it = rows.rbegin(); it != rows.rend(); ++it) {
-    if (it->newCalibration) return &*it;
-  }
-  return nullptr;
-}
+ private:
+  bool shown_;
+};
 
 int run(const Options& options) {
   std::string recordingPath = options.recording;
@@ -58,12 +73,28 @@ int run(const Options& options) {
     if (recordingPath.empty()) return fail("the bundled recording (data/handheld.csv) was not found");
   }
 
+  // Every output is checked before anything is read or written.
+  removeTemporariesOnSignals();
+  std::unique_ptr<OutputFile> csv, report, log, calibration;
+  if (!options.outCsv.empty()) csv = std::make_unique<OutputFile>(options.outCsv, "--out");
+  if (!options.reportHtml.empty()) report = std::make_unique<OutputFile>(options.reportHtml, "--report");
+  if (!options.logFile.empty()) log = std::make_unique<OutputFile>(options.logFile, "--log");
+  if (!options.calibrationFile.empty()) calibration = std::make_unique<OutputFile>(options.calibrationFile, "--calibration");
+  std::string problem;
+  const std::vector<OutputFile*> outputs = {csv.get(), report.get(), log.get(), calibration.get()};
+  if (!checkOutputs(outputs, recordingPath, problem)) return fail(problem);
+  // When an output goes to standard output, the summary goes to standard error.
+  bool summaryToStderr = false;
+  for (const OutputFile* output : outputs) {
+    summaryToStderr = summaryToStderr || (output != nullptr && output->kind() == OutputFile::Kind::StandardOutput);
+  }
+  Progress progress(isatty(STDERR_FILENO) == 1);
+
   // Set-up: library defaults, then the calibration file, then the command line.
   AlgoSetup setup;
   SetupOverrides fromFile;
   if (!options.calibrationFile.empty()) {
     bool found = false;
-    std::string problem;
     if (!readCalibrationFile(options.calibrationFile, fromFile, found, problem)) return fail(problem);
     fromFile.applyTo(setup);
   }
@@ -74,71 +105,95 @@ int run(const Options& options) {
     std::fprintf(stderr, "quelta-replay: warning: %s; not used, calibrating from scratch\n", storedProblem.c_str());
   }
 
-  Recording recording;
-  InputError error;
-  if (!readRecording(recordingPath, options.units, recording, error)) return fail(error.describe());
-  {
-    const size_t count = std::min(recording.samples.size(), kUnitsCheckSamples);
-    const std::vector<RecordedSample> first(recording.samples.begin(),
-                                            recording.samples.begin() + static_cast<std::ptrdiff_t>(count));
-    for (const std::string& warning : checkUnits(first, options.units)) {
-      std::fprintf(stderr, "quelta-replay: warning: %s\n", warning.c_str());
-    }
+  // The recording streams; its first samples are read ahead for the
+  // sample interval the library is initialised with and the units check.
+  RecordingReader reader;
+  if (!reader.open(recordingPath, options.units)) return fail(reader.error().describe());
+  const std::vector<RecordedSample>& first = reader.peek(kUnitsCheckSamples);
+  if (reader.failed()) return fail(reader.error().describe());
+  for (const std::string& warning : checkUnits(first, options.units)) {
+    std::fprintf(stderr, "quelta-replay: warning: %s\n", warning.c_str());
   }
+  const double period = nominalPeriod(first);
+  const size_t total = 0;  // not known before the end
+  const std::string name = reader.name();
+  const bool hasGyro = reader.hasGyroColumns(), hasAttitude = reader.hasAttitudeColumns();
+  const SampleSource source = [&reader](RecordedSample& sample) { return reader.next(sample); };
 
-  std::string problem;
-  std::unique_ptr<OutputFile> log;
+  // Outputs that stream are opened now; the rest when their content is ready.
   DriverOptions driver;
   driver.setup = setup;
   driver.logMode = options.logMode;
-  if (!options.logFile.empty()) {
-    log = std::make_unique<OutputFile>(options.logFile);
+  if (log) {
     if (!log->open(problem)) return fail(problem);
     setLogStream(log->stream());
     driver.log = prefixedLog;
   }
-  if (isatty(STDERR_FILENO) && recording.samples.size() >= 1000) driver.progress = showProgress;
+  if (csv) {
+    if (!csv->open(problem)) return fail(problem);
+    writeOutputCsvHeader(csv->stream());
+  }
+  driver.progress = [&progress](size_t done, size_t all) { progress.show("replaying", done, all); };
 
-  const std::vector<ReplayRow> rows = replayRecording(recording, driver);
+  SummaryBuilder summaryBuilder(name, period);
+  ReferenceComparator comparator(hasGyro, hasAttitude);
+  std::unique_ptr<ReportBuilder> reportBuilder;
+  if (report) reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);
+  FILE* const csvStream = csv ? csv->stream() : nullptr;
+  std::optional<ReplayRow> lastFit;
+  replayStream(source, period, total, driver, [&](const RecordedSample& sample, const ReplayRow& row) {
+    if (csvStream != nullptr) writeOutputCsvRow(csvStream, row);
+    summaryBuilder.add(row);
+    comparator.add(sample, row);
+    if (reportBuilder) reportBuilder->add(sample, row);
+    if (row.newCalibration) lastFit = row;
+  });
   RegisterLogCallback(nullptr);
   setLogStream(nullptr);
+  // A problem further down the recording: nothing is kept (the outputs'
+  // temporaries go with their OutputFile).
+  if (reader.failed()) {
+    progress.clear();
+    return fail(reader.error().describe());
+  }
 
-  const ReferenceComparison reference = compareWithReference(recording, rows);
-  std::string summary = formatSummary(summarise(recording, rows), reference);
+  const size_t replayed = reader.samplesRead();
+  size_t compared = 0;
+  progress.show("comparing with the reference", 0, replayed);
+  const ReferenceComparison reference = comparator.finish([&](const SampleErrors& errors) {
+    if (reportBuilder) reportBuilder->addErrors(errors);
+    if (++compared % 65536 == 0) progress.show("comparing with the reference", compared, replayed);
+  });
+  std::string summary = formatSummary(summaryBuilder.finish(), reference);
 
   if (!storedProblem.empty()) summary += "stored calibration not used: " + storedProblem + "\n";
   std::string calibrationText;
-  if (!options.calibrationFile.empty()) {
-    if (const ReplayRow* fit = lastAcceptedFit(rows)) {
-      calibrationText = formatCalibrationFile(fit->offset, fit->radius, fromFile);
+  if (calibration) {
+    if (lastFit) {
+      calibrationText = formatCalibrationFile(lastFit->offset, lastFit->radius, fromFile);
       summary += "calibration      written to " + options.calibrationFile + "\n";
     } else {
       summary += "calibration      no fit accepted; " + options.calibrationFile + " left as it was\n";
     }
   }
 
-  // Everything is prepared under temporary names and renamed at the end.
-  OutputFile csv(options.outCsv);
-  if (!options.outCsv.empty()) {
-    if (!csv.open(problem)) return fail(problem);
-    writeOutputCsv(csv.stream(), rows);
+  if (reportBuilder) {
+    progress.phase("writing the report");
+    if (!report->open(problem)) return fail(problem);
+    const std::string html = reportBuilder->render(summary);
+    std::fwrite(html.data(), 1, html.size(), report->stream());
   }
-  OutputFile report(options.reportHtml);
-  if (!options.reportHtml.empty()) {
-    if (!report.open(problem)) return fail(problem);
-    std::fputs(renderReport(recording, rows, summary, reference).c_str(), report.stream());
-  }
-  OutputFile calibration(options.calibrationFile);
   if (!calibrationText.empty()) {
-    if (!calibration.open(problem)) return fail(problem);
-    std::fputs(calibrationText.c_str(), calibration.stream());
+    if (!calibration->open(problem)) return fail(problem);
+    std::fputs(calibrationText.c_str(), calibration->stream());
   }
-  if (log && !log->commit(problem)) return fail(problem);
-  if (!options.outCsv.empty() && !csv.commit(problem)) return fail(problem);
-  if (!options.reportHtml.empty() && !report.commit(problem)) return fail(problem);
-  if (!calibrationText.empty() && !calibration.commit(problem)) return fail(problem);
+  progress.clear();
+  for (OutputFile* output : {log.get(), csv.get(), report.get()}) {
+    if (output != nullptr && !output->commit(problem)) return fail(problem);
+  }
+  if (!calibrationText.empty() && !calibration->commit(problem)) return fail(problem);
 
-  std::fputs(summary.c_str(), stdout);
+  std::fputs(summary.c_str(), summaryToStderr ? stderr : stdout);
   return 0;
 }
 
