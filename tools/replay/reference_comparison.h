@@ -12,6 +12,7 @@
 #include <optional>
 #include <vector>
 
+#include "tools/replay/attitude_math.h"
 #include "tools/replay/recording.h"
 #include "tools/replay/replay_row.h"
 
@@ -62,5 +63,34 @@ double bestHeadingAlignment(const std::vector<std::array<double, 4>>& reference,
 
 // Constant offset (degrees) minimising the mean of |wrapDeg(reference - estimate - offset)|.
 double bestAngleOffset(const std::vector<double>& reference, const std::vector<double>& estimate);
+
+
+// Per-sample measures of an attitude estimate against a reference attitude,
+// both device to east-north-up, quaternions (w, x, y, z). They hold at any
+// tilt: the heading error is the turn about the vertical between the two
+// (the twist of reference * estimate^-1 about up), not a difference of
+// azimuths, which lose their meaning towards the vertical.
+
+// The reference's frame turned so that its north is the horizontal
+// direction of worldField (the recording's magnetic north): the rotation
+// to apply on the left of every reference attitude.
+Quat northFromField(const Vec3& worldField);
+
+// Turn about the vertical from estimate to reference, degrees [-180, 180),
+// counter-clockwise positive.
+double headingErrorDeg(const Quat& reference, const Quat& estimate);
+
+// Angle between the reference's and the estimate's up, seen in the device
+// frame, degrees.
+double tiltErrorDeg(const Quat& reference, const Quat& estimate);
+
+// Whole attitude error after turning the estimate by a constant heading
+// (degrees, clockwise, as bestHeadingAlignment returns it).
+double attitudeErrorDeg(const Quat& reference, const Quat& estimate, double alignmentDeg);
+
+// Angular rate in the device frame derived from the reference attitudes by
+// central differences (rad/s); NaN where a neighbour is missing (non-finite)
+// or the interval is not positive.
+std::vector<Vec3> referenceRates(const std::vector<double>& t, const std::vector<Quat>& reference);
 
 }  // namespace quelta::replay

@@ -1,0 +1,361 @@
+#include "quelta/compass/compass_filter.h"
+
+namespace quelta::compass {
+
+namespace {
+
+constexpr Vec3 kUp{0.0, 0.0, 1.0};
+
+bool finite(const Vec3& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
+Quat fromRows(const Vec3& e, const Vec3& n, const Vec3& u) {
+  // Matrix rows e, n, u map device coordinates to east, north, up.
+  const double m00 = e.x, m01 = e.y, m02 = e.z;
+  const double m10 = n.x, m11 = n.y, m12 = n.z;
+  const double m20 = u.x, m21 = u.y, m22 = u.z;
+  const double trace = m00 + m11 + m22;
+  Quat q;
+  if (trace > 0.0) {
+    const double s = 2.0 * std::sqrt(trace + 1.0);
+    q = {0.25 * s, (m21 - m12) / s, (m02 - m20) / s, (m10 - m01) / s};
+  } else if (m00 > m11 && m00 > m22) {
+    const double s = 2.0 * std::sqrt(1.0 + m00 - m11 - m22);
+    q = {(m21 - m12) / s, 0.25 * s, (m01 + m10) / s, (m02 + m20) / s};
+  } else if (m11 > m22) {
+    const double s = 2.0 * std::sqrt(1.0 + m11 - m00 - m22);
+    q = {(m02 - m20) / s, (m01 + m10) / s, 0.25 * s, (m12 + m21) / s};
+  } else {
+    const double s = 2.0 * std::sqrt(1.0 + m22 - m00 - m11);
+    q = {(m10 - m01) / s, (m02 + m20) / s, (m12 + m21) / s, 0.25 * s};
+  }
+  return normalised(q);
+}
+
+// Smallest rotation taking the unit vector a onto the unit vector b, as a
+// rotation vector.
+Vec3 rotationBetween(const Vec3& a, const Vec3& b) {
+  const Vec3 axis = cross(a, b);
+  const double s = norm(axis);
+  const double c = dot(a, b);
+  if (s < 1e-12) return Vec3{};
+  return (std::atan2(s, c) / s) * axis;
+}
+
+// The level attitude (heading zero) whose up is the accelerometer's.
+Quat levelFrom(const Vec3& acc) {
+  const double n = norm(acc);
+  const Vec3 up = (1.0 / n) * acc;
+  return fromRotationVector(rotationBetween(up, kUp));
+}
+
+double smoothStep(double x) { return x <= 0.0 ? 0.0 : (x >= 1.0 ? 1.0 : x * x * (3.0 - 2.0 * x)); }
+
+}  // namespace
+
+bool attitudeFromVectors(const Vec3& acc, const Vec3& field, Quat& out) {
+  const double na = norm(acc);
+  if (!finite(acc) || !finite(field) || !(na > 1e-9)) return false;
+  const Vec3 up = (1.0 / na) * acc;
+  Vec3 east = cross(field, up);
+  const double ne = norm(east);
+  if (!(ne > 1e-9 * (norm(field) + 1e-30))) return false;
+  east = (1.0 / ne) * east;
+  const Vec3 north = cross(up, east);
+  out = fromRows(east, north, up);
+  return true;
+}
+
+void anglesOf(const Quat& q, double& azimuthDeg, double& pitchDeg, double& rollDeg) {
+  const Vec3 x = rotate(q, {1.0, 0.0, 0.0});
+  const Vec3 y = rotate(q, {0.0, 1.0, 0.0});
+  const Vec3 z = rotate(q, {0.0, 0.0, 1.0});
+  // Level the device (turn its screen normal onto up about a horizontal
+  // axis), then read where its top edge points.
+  Vec3 top = y;
+  const double h = std::hypot(z.x, z.y);
+  if (h > 1e-12) {
+    const Vec3 u{z.y / h, -z.x / h, 0.0};
+    const double c = clampTo(z.z, -1.0, 1.0);
+    const double s = std::sqrt(std::fmax(0.0, 1.0 - c * c));
+    const double ud = u.x * y.x + u.y * y.y;
+    const Vec3 uxy{u.y * y.z, -u.x * y.z, u.x * y.y - u.y * y.x};
+    top = c * y + s * uxy + (ud * (1.0 - c)) * u;
+  }
+  double azimuth = std::atan2(top.x, top.y) / kDeg;
+  if (azimuth < 0.0) azimuth += 360.0;
+  if (azimuth >= 360.0) azimuth -= 360.0;
+  azimuthDeg = azimuth;
+  const double pitch = -std::asin(clampTo(y.z, -1.0, 1.0)) / kDeg;
+  if (z.z < 0.0 && pitch > 0.0) {
+    pitchDeg = 180.0 - pitch;
+  } else if (z.z < 0.0 && pitch < 0.0) {
+    pitchDeg = -180.0 - pitch;
+  } else {
+    pitchDeg = pitch == 0.0 ? 0.0 : pitch;
+  }
+  if (pitchDeg == -180.0) pitchDeg = 180.0;
+  rollDeg = std::asin(clampTo(x.z, -1.0, 1.0)) / kDeg;
+}
+
+CompassFilter::CompassFilter(const FilterSettings& settings) : settings_(settings) {}
+
+void CompassFilter::reset() {
+  const FilterSettings kept = settings_;
+  *this = CompassFilter(kept);
+}
+
+void CompassFilter::initialise(double t, const Vec3& acc, const Vec3* field) {
+  started_ = true;
+  tStart_ = t;
+  tLast_ = t;
+  q_ = levelFrom(acc);
+  if (field != nullptr) {
+    Quat q;
+    if (attitudeFromVectors(acc, *field, q)) {
+      q_ = aboutUp(-settings_.declinationDeg * kDeg) * q;
+      headingKnown_ = true;
+    }
+  }
+  gyroLp_ = Vec3{};
+  accLp_ = acc;
+}
+
+void CompassFilter::restBias(const Vec3& gyro, const Vec3& acc, double dt) {
+  const double kLp = dt / (dt + 0.3);
+  gyroLp_ = gyroLp_ + kLp * (gyro - gyroLp_);
+  accLp_ = accLp_ + kLp * (acc - accLp_);
+  const bool still = norm(gyro - gyroLp_) < 0.03 && norm(acc - accLp_) < 0.03 && norm(gyroLp_ - bias_) < 0.1;
+  stillTime_ = still ? stillTime_ + dt : 0.0;
+  if (stillTime_ >= settings_.restTime) {
+    const double k = dt / (dt + settings_.restBiasTau);
+    bias_ = bias_ + k * (gyroLp_ - bias_);
+  }
+}
+
+// Pulls the attitude towards gravity; returns the weight used (0..1) and the
+// applied correction (world frame rotation vector) in applied. Also sets the
+// tilt error vector used for learning the bias.
+double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, Vec3& applied) {
+  applied = Vec3{};
+  const double na = norm(acc);
+  if (!(na > 0.2) || !finite(acc)) {
+    accelerating_ = true;
+    return 0.0;
+  }
+  const Vec3 upWorld = rotate(q_, (1.0 / na) * acc);
+  const Vec3 err = rotationBetween(upWorld, kUp);  // world frame, horizontal
+  const double angle = norm(err);
+  const double dev = (na - 1.0) / settings_.accNormTolerance;
+  double weight = 1.0 / (1.0 + dev * dev);
+  const double elapsed = tLast_ - tStart_;
+  const bool warm = elapsed >= settings_.warmUp;
+
+  double tau;
+  if (withGyro) {
+    tau = warm ? settings_.tiltTau : std::fmin(settings_.tiltTau, 0.2 + elapsed);
+    if (warm && angle > settings_.accRejectAngleDeg * kDeg) {
+      rejectTime_ += dt;
+      if (rejectTime_ < settings_.accRejectMaxTime) {
+        weight = 0.0;
+      } else {
+        tau = 0.5;  // sustained: the integrated tilt is what is wrong
+      }
+    } else {
+      rejectTime_ = std::fmax(0.0, rejectTime_ - 0.5 * dt);
+    }
+  } else {
+    const double m = norm(rateWorld_) / settings_.trackTurnRate;
+    const double blend = 1.0 / (1.0 + m * m);
+    tau = settings_.trackTiltTauFast + (settings_.trackTiltTauStill - settings_.trackTiltTauFast) * blend;
+    if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
+  }
+  accelerating_ = weight < 0.5;
+  const double k = weight * dt / (dt + tau);
+  applied = k * err;
+  q_ = normalised(fromRotationVector(applied) * q_);
+  if (!withGyro) {
+    const double kRate = 2.0 * weight * dt / (tau * tau) * (tau / (tau + dt));
+    rateWorld_ = rateWorld_ + (0.25 * kRate) * err;
+  }
+  return weight;
+}
+
+bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt) {
+  const double strength = norm(field);
+  const Vec3 upDevice = rotateBack(q_, kUp);
+  const double dip = std::asin(clampTo(-dot(field, upDevice) / strength, -1.0, 1.0));
+  if (referenceAge_ <= 0.0) {
+    strengthRef_ = strength;
+    dipRef_ = dip;
+  }
+  const double score = std::fmax(std::fabs(strength / strengthRef_ - 1.0) / settings_.fieldStrengthTolerance,
+                                 std::fabs(dip - dipRef_) / (settings_.fieldDipToleranceDeg * kDeg));
+  const bool own = disturbed_ ? score > 0.7 : score > 1.0;
+  const bool disturbed = own || quality.disturbed;
+  disturbedTime_ = disturbed ? disturbedTime_ + dt : 0.0;
+  // References: quick at first, slow afterwards, and they follow a change
+  // that lasts.
+  const double elapsed = tLast_ - tStart_;
+  double tau = settings_.fieldReferenceTau;
+  if (elapsed < 5.0) tau = std::fmin(tau, 0.5 + elapsed);
+  if (!disturbed || disturbedTime_ > settings_.fieldRelearnTime || elapsed < 5.0) {
+    const double k = dt / (dt + tau);
+    strengthRef_ += k * (strength - strengthRef_);
+    dipRef_ += k * (dip - dipRef_);
+  }
+  referenceAge_ += dt > 0.0 ? dt : 1e-3;
+  out_.headingAccuracyDeg = out_.headingAccuracyDeg;  // unchanged here
+  disturbed_ = own;
+  return disturbed && elapsed >= 3.0;
+}
+
+double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro,
+                                        double& applied) {
+  applied = 0.0;
+  const double strength = norm(field);
+  if (!(strength > 0.0) || !finite(field)) return 0.0;
+  const bool disturbed = fieldDisturbed(field, quality, dt);
+  const Vec3 w = rotate(q_, field);
+  const double horizontal = std::hypot(w.x, w.y);
+  if (horizontal < 0.05 * strength) return 0.0;
+  const double psi = wrapPi(std::atan2(w.x, w.y) - settings_.declinationDeg * kDeg);
+  if (!headingKnown_) {
+    q_ = normalised(aboutUp(psi) * q_);
+    headingKnown_ = true;
+    return 1.0;
+  }
+  const double elapsed = tLast_ - tStart_;
+  const bool warm = elapsed >= settings_.warmUp;
+  double weight = disturbed ? 0.0 : 1.0;
+  double tau;
+  if (withGyro) {
+    tau = warm ? settings_.headingTau : std::fmin(settings_.headingTau, 0.2 + elapsed);
+    // After a long gap in the field (disturbance), come back a little faster.
+    if (sinceField_ > 5.0) tau = std::fmin(tau, 2.0);
+  } else {
+    const double m = norm(rateWorld_) / settings_.trackTurnRate;
+    const double blend = 1.0 / (1.0 + m * m);
+    tau = settings_.trackHeadingTauFast + (settings_.trackHeadingTauStill - settings_.trackHeadingTauFast) * blend;
+    if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
+    // Without a gyroscope only the field tells a turn: a disturbed field is
+    // followed slowly rather than not at all.
+    if (disturbed) weight = 0.05;
+  }
+  if (weight > 0.0) {
+    const double kInn = dt / (dt + 3.0);
+    innovationSq_ += kInn * (psi * psi - innovationSq_);
+  }
+  const double k = weight * dt / (dt + tau);
+  applied = k * psi;
+  q_ = normalised(aboutUp(applied) * q_);
+  if (!withGyro) {
+    const double kRate = 2.0 * weight * dt / (tau * tau) * (tau / (tau + dt));
+    rateWorld_.z += 0.25 * kRate * psi;
+  }
+  return weight;
+}
+
+void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const FieldQuality& quality,
+                           const Vec3* gyro) {
+  if (!std::isfinite(t)) return;
+  const bool accOk = finite(acc) && norm(acc) > 0.2;
+  const Vec3* usableField = (field != nullptr && finite(*field) && norm(*field) > 1e-6) ? field : nullptr;
+  const Vec3* usableGyro = (gyro != nullptr && finite(*gyro)) ? gyro : nullptr;
+  if (!started_) {
+    if (!accOk) return;
+    initialise(t, acc, usableField);
+    finish(t, acc, quality, usableGyro != nullptr, usableField != nullptr);
+    return;
+  }
+  double dt = t - tLast_;
+  if (!(dt > 0.0)) dt = 0.0;    // repeated or backwards time: no prediction
+  if (dt > 0.5) dt = 0.5;       // a gap: predict no further than this
+  if (t > tLast_) tLast_ = t;
+  const bool withGyro = usableGyro != nullptr;
+
+  if (withGyro) {
+    const Vec3 w = *usableGyro - bias_;
+    q_ = normalised(q_ * fromRotationVector(dt * w));
+    if (accOk) restBias(*usableGyro, acc, dt);
+    lastRate_ = *usableGyro - bias_;
+    driftVar_ += dt * settings_.headingDriftRate * settings_.headingDriftRate +
+                 std::pow(settings_.headingScaleError * norm(w) * dt, 2.0);
+  } else {
+    const double decay = dt / (dt + 2.0);
+    rateWorld_ = (1.0 - decay) * rateWorld_;
+    q_ = normalised(fromRotationVector(dt * rateWorld_) * q_);
+    driftVar_ += dt * 4.0 * settings_.headingDriftRate * settings_.headingDriftRate +
+                 std::pow(0.05 * norm(rateWorld_) * dt, 2.0);
+  }
+
+  Vec3 tiltApplied;
+  double tiltWeight = 0.0;
+  if (accOk) tiltWeight = tiltCorrection(acc, dt, withGyro, tiltApplied);
+  double headingApplied = 0.0;
+  double headingWeight = 0.0;
+  if (usableField != nullptr && accOk) {
+    headingWeight = headingCorrection(*usableField, quality, dt, withGyro, headingApplied);
+  }
+  if (headingWeight > 0.5) {
+    // The field pulls the heading: the drift shrinks as a filter would.
+    const double k = dt / (dt + (withGyro ? settings_.headingTau : 1.0));
+    driftVar_ *= (1.0 - k) * (1.0 - k);
+    sinceField_ = 0.0;
+  } else {
+    sinceField_ += dt;
+  }
+
+  if (withGyro && dt > 0.0 && tLast_ - tStart_ >= settings_.warmUp) {
+    // The pulls that remain on average are the gyroscope's bias.
+    const double elapsedScale = 1.0;
+    Vec3 pull = (tiltWeight > 0.0 ? (1.0 / (settings_.biasTiltTau * settings_.biasTiltTau)) : 0.0) *
+                ((1.0 / std::fmax(tiltWeight * dt / (dt + settings_.tiltTau), 1e-12)) * tiltApplied);
+    if (tiltWeight <= 0.0) pull = Vec3{};
+    if (headingWeight > 0.5) {
+      const double k = dt / (dt + settings_.headingTau);
+      pull.z += headingApplied / k / (settings_.biasHeadingTau * settings_.biasHeadingTau);
+    }
+    const Vec3 device = rotateBack(q_, elapsedScale * pull);
+    bias_ = bias_ - dt * device;
+    const double maxBias = 0.3;
+    bias_ = {clampTo(bias_.x, -maxBias, maxBias), clampTo(bias_.y, -maxBias, maxBias),
+             clampTo(bias_.z, -maxBias, maxBias)};
+  }
+  if (!withGyro) lastRate_ = rotateBack(q_, rateWorld_);
+  finish(t, acc, quality, withGyro, usableField != nullptr);
+}
+
+void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro, bool haveField) {
+  (void)haveField;
+  CompassOutput& o = out_;
+  o.t = t;
+  o.attitude = q_;
+  anglesOf(q_, o.azimuthDeg, o.pitchDeg, o.rollDeg);
+  o.gravity = rotateBack(q_, kUp);
+  o.linearAcc = finite(acc) ? acc - o.gravity : Vec3{};
+  o.rate = lastRate_;
+  o.gyroBias = bias_;
+  uint32_t flags = 0;
+  if (quality.calibrationAccuracy < 3) flags |= kFlagCalibrating;
+  if (disturbed_ || quality.disturbed) flags |= kFlagMagneticDisturbance;
+  if (accelerating_) flags |= kFlagAccelerating;
+  if (!headingKnown_) flags |= kFlagNoHeading;
+  if (withGyro) flags |= kFlagGyroscope;
+  if (withGyro && stillTime_ >= settings_.restTime) flags |= kFlagResting;
+  o.flags = flags;
+
+  if (!headingKnown_) {
+    o.headingAccuracyDeg = 180.0;
+  } else {
+    const double cal = quality.calibrationHeadingErrorDeg * kDeg;
+    const double floor = settings_.headingNoiseFloorDeg * kDeg;
+    const double var = driftVar_ + settings_.innovationWeight * innovationSq_ + cal * cal + floor * floor;
+    o.headingAccuracyDeg = std::fmin(180.0, std::sqrt(var) / kDeg);
+  }
+  int level = o.headingAccuracyDeg <= 10.0 ? 3 : (o.headingAccuracyDeg <= 20.0 ? 2 : (o.headingAccuracyDeg <= 45.0 ? 1 : 0));
+  if (quality.calibrationAccuracy < level) level = quality.calibrationAccuracy < 0 ? 0 : quality.calibrationAccuracy;
+  o.accuracy = level;
+  (void)smoothStep;
+}
+
+}  // namespace quelta::compass

@@ -1,0 +1,112 @@
+#include "tools/accuracy/engines.h"
+
+#include <cmath>
+#include <limits>
+
+#include "quelta/compass/compass_filter.h"
+#include "tools/replay/replay_driver.h"
+
+namespace quelta::accuracy {
+
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+compass::Vec3 vec(const std::array<double, 3>& a) { return {a[0], a[1], a[2]}; }
+
+compass::Vec3 calibrated(const TruthRecording& truth, const replay::RecordedSample& s) {
+  const std::array<double, 3> offset = truth.offsetAt(s.t);
+  return {s.mag[0] - offset[0], s.mag[1] - offset[1], s.mag[2] - offset[2]};
+}
+
+EngineRun sized(size_t n) {
+  EngineRun run;
+  run.attitude.assign(n, replay::Quat{kNaN, kNaN, kNaN, kNaN});
+  run.rate.assign(n, replay::Vec3{kNaN, kNaN, kNaN});
+  run.reportedHeadingDeg.assign(n, kNaN);
+  run.accuracy.assign(n, -1);
+  return run;
+}
+
+EngineRun runFixed(const replay::Recording& recording) {
+  replay::DriverOptions options;
+  const std::vector<replay::ReplayRow> rows = replay::replayRecording(recording, options);
+  EngineRun run = sized(rows.size());
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const auto& r = rows[i].rotVec;
+    run.attitude[i] = {r[3], r[0], r[1], r[2]};
+    run.rate[i] = {rows[i].vgyro[0], rows[i].vgyro[1], rows[i].vgyro[2]};
+    run.accuracy[i] = rows[i].accuracy;
+  }
+  return run;
+}
+
+EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recording, bool gyro, double bias) {
+  EngineRun run = sized(recording.samples.size());
+  compass::CompassFilter filter;
+  const compass::FieldQuality quality;  // an ideal calibration, no outside disturbance flag
+  for (size_t i = 0; i < recording.samples.size(); ++i) {
+    const replay::RecordedSample& s = recording.samples[i];
+    const compass::Vec3 field = calibrated(truth, s);
+    const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
+    filter.update(s.t, vec(s.acc), &field, quality, gyro ? &rate : nullptr);
+    const compass::CompassOutput& o = filter.output();
+    run.attitude[i] = {o.attitude.w, o.attitude.x, o.attitude.y, o.attitude.z};
+    run.rate[i] = {o.rate.x, o.rate.y, o.rate.z};
+    run.reportedHeadingDeg[i] = o.headingAccuracyDeg;
+    run.accuracy[i] = o.accuracy;
+  }
+  return run;
+}
+
+EngineRun runTriad(const TruthRecording& truth, const replay::Recording& recording, double window) {
+  EngineRun run = sized(recording.samples.size());
+  const auto& samples = recording.samples;
+  compass::Vec3 sumAcc, sumField;
+  size_t first = 0;
+  for (size_t i = 0; i < samples.size(); ++i) {
+    compass::Vec3 acc = vec(samples[i].acc);
+    compass::Vec3 field = calibrated(truth, samples[i]);
+    if (window > 0.0) {
+      sumAcc = sumAcc + acc;
+      sumField = sumField + field;
+      while (samples[first].t <= samples[i].t - window) {
+        sumAcc = sumAcc - vec(samples[first].acc);
+        sumField = sumField - calibrated(truth, samples[first]);
+        ++first;
+      }
+      acc = sumAcc;
+      field = sumField;
+    }
+    compass::Quat q;
+    if (compass::attitudeFromVectors(acc, field, q)) run.attitude[i] = {q.w, q.x, q.y, q.z};
+  }
+  return run;
+}
+
+}  // namespace
+
+const char* engineName(Engine engine) {
+  switch (engine) {
+    case Engine::Fixed: return "fixed pipelines";
+    case Engine::CompassGyro: return "compass, gyro";
+    case Engine::CompassNoGyro: return "compass, no gyro";
+    case Engine::Triad: return "TRIAD";
+    case Engine::TriadMean: return "TRIAD 0.5 s";
+  }
+  return "?";
+}
+
+EngineRun runEngine(Engine engine, const TruthRecording& truth, const replay::Recording& recording,
+                    double gyroBias) {
+  switch (engine) {
+    case Engine::Fixed: return runFixed(recording);
+    case Engine::CompassGyro: return runCompass(truth, recording, true, gyroBias);
+    case Engine::CompassNoGyro: return runCompass(truth, recording, false, 0.0);
+    case Engine::Triad: return runTriad(truth, recording, 0.0);
+    case Engine::TriadMean: return runTriad(truth, recording, 0.5);
+  }
+  return {};
+}
+
+}  // namespace quelta::accuracy
