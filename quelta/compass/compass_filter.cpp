@@ -118,13 +118,14 @@ void CompassFilter::initialise(double t, const Vec3& acc, const Vec3* field) {
   }
   gyroLp_ = Vec3{};
   accLp_ = acc;
+  accWorld_ = {0.0, 0.0, norm(acc)};
 }
 
 void CompassFilter::restBias(const Vec3& gyro, const Vec3& acc, double dt) {
   const double kLp = dt / (dt + 0.3);
   gyroLp_ = gyroLp_ + kLp * (gyro - gyroLp_);
   accLp_ = accLp_ + kLp * (acc - accLp_);
-  const bool still = norm(gyro - gyroLp_) < 0.03 && norm(acc - accLp_) < 0.03 && norm(gyroLp_ - bias_) < 0.1;
+  const bool still = norm(gyro - gyroLp_) < 0.03 && norm(acc - accLp_) < 0.03 && norm(gyroLp_) < 0.2;
   stillTime_ = still ? stillTime_ + dt : 0.0;
   if (stillTime_ >= settings_.restTime) {
     const double k = dt / (dt + settings_.restBiasTau);
@@ -142,16 +143,26 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
     accelerating_ = true;
     return 0.0;
   }
-  const Vec3 upWorld = rotate(q_, (1.0 / na) * acc);
-  const Vec3 err = rotationBetween(upWorld, kUp);  // world frame, horizontal
-  const double angle = norm(err);
   const double dev = (na - 1.0) / settings_.accNormTolerance;
   double weight = 1.0 / (1.0 + dev * dev);
   const double elapsed = tLast_ - tStart_;
   const bool warm = elapsed >= settings_.warmUp;
-
+  Vec3 err;
   double tau;
   if (withGyro) {
+    // The accelerometer's mean in the earth frame: linear accelerations of
+    // a device that goes nowhere average out, gravity stays.
+    const double meanTau = warm ? settings_.accMeanTau : std::fmin(settings_.accMeanTau, 0.05 + 0.5 * elapsed);
+    const double kMean = weight * dt / (dt + meanTau);
+    accWorld_ = accWorld_ + kMean * (rotate(q_, acc) - accWorld_);
+    const double nm = norm(accWorld_);
+    if (!(nm > 0.2)) {
+      accelerating_ = true;
+      return 0.0;
+    }
+    err = rotationBetween((1.0 / nm) * accWorld_, kUp);
+    const double angle = norm(err);
+    weight = 1.0;
     tau = warm ? settings_.tiltTau : std::fmin(settings_.tiltTau, 0.2 + elapsed);
     if (warm && angle > settings_.accRejectAngleDeg * kDeg) {
       rejectTime_ += dt;
@@ -163,16 +174,21 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
     } else {
       rejectTime_ = std::fmax(0.0, rejectTime_ - 0.5 * dt);
     }
+    accelerating_ = kMean < 0.5 * dt / (dt + meanTau) || weight < 0.5;
   } else {
+    const Vec3 upWorld = rotate(q_, (1.0 / na) * acc);
+    err = rotationBetween(upWorld, kUp);  // earth frame, horizontal
     const double m = norm(rateWorld_) / settings_.trackTurnRate;
     const double blend = 1.0 / (1.0 + m * m);
     tau = settings_.trackTiltTauFast + (settings_.trackTiltTauStill - settings_.trackTiltTauFast) * blend;
     if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
+    accelerating_ = weight < 0.5;
   }
-  accelerating_ = weight < 0.5;
   const double k = weight * dt / (dt + tau);
   applied = k * err;
-  q_ = normalised(fromRotationVector(applied) * q_);
+  const Quat turn = fromRotationVector(applied);
+  q_ = normalised(turn * q_);
+  if (withGyro) accWorld_ = rotate(turn, accWorld_);
   if (!withGyro) {
     const double kRate = 2.0 * weight * dt / (tau * tau) * (tau / (tau + dt));
     rateWorld_ = rateWorld_ + (0.25 * kRate) * err;
@@ -193,16 +209,16 @@ bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& qualit
   const bool own = disturbed_ ? score > 0.7 : score > 1.0;
   const bool disturbed = own || quality.disturbed;
   disturbedTime_ = disturbed ? disturbedTime_ + dt : 0.0;
-  // References: quick at first, slow afterwards, and they follow a change
-  // that lasts.
+  // References: quick at first, slow afterwards, slower still while
+  // disturbed, and they follow a change that lasts.
   const double elapsed = tLast_ - tStart_;
   double tau = settings_.fieldReferenceTau;
+  if (disturbed && disturbedTime_ < settings_.fieldRelearnTime) tau *= 4.0;
   if (elapsed < 5.0) tau = std::fmin(tau, 0.5 + elapsed);
-  if (!disturbed || disturbedTime_ > settings_.fieldRelearnTime || elapsed < 5.0) {
-    const double k = dt / (dt + tau);
-    strengthRef_ += k * (strength - strengthRef_);
-    dipRef_ += k * (dip - dipRef_);
-  }
+  const double k = dt / (dt + tau);
+  strengthRef_ += k * (strength - strengthRef_);
+  dipRef_ += k * (dip - dipRef_);
+  score_ = quality.disturbed ? std::fmax(score, std::fmax(1.0, quality.disturbanceScore)) : score;
   referenceAge_ += dt > 0.0 ? dt : 1e-3;
   out_.headingAccuracyDeg = out_.headingAccuracyDeg;  // unchanged here
   disturbed_ = own;
@@ -226,7 +242,11 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   }
   const double elapsed = tLast_ - tStart_;
   const bool warm = elapsed >= settings_.warmUp;
-  double weight = disturbed ? 0.0 : 1.0;
+  // A field that disagrees with its references counts less, the more so
+  // the more it disagrees.
+  const double s2 = score_ * score_;
+  double weight = elapsed < 3.0 ? 1.0 : 1.0 / (1.0 + s2 * s2);
+  (void)disturbed;
   double tau;
   if (withGyro) {
     tau = warm ? settings_.headingTau : std::fmin(settings_.headingTau, 0.2 + elapsed);
@@ -239,7 +259,7 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
     if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
     // Without a gyroscope only the field tells a turn: a disturbed field is
     // followed slowly rather than not at all.
-    if (disturbed) weight = 0.05;
+    if (disturbed) weight = std::fmax(weight, 0.05);
   }
   if (weight > 0.0) {
     const double kInn = dt / (dt + 3.0);
@@ -296,7 +316,7 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
   if (usableField != nullptr && accOk) {
     headingWeight = headingCorrection(*usableField, quality, dt, withGyro, headingApplied);
   }
-  if (headingWeight > 0.5) {
+  if (headingWeight > 0.2) {
     // The field pulls the heading: the drift shrinks as a filter would.
     const double k = dt / (dt + (withGyro ? settings_.headingTau : 1.0));
     driftVar_ *= (1.0 - k) * (1.0 - k);
@@ -307,17 +327,20 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
 
   if (withGyro && dt > 0.0 && tLast_ - tStart_ >= settings_.warmUp) {
     // The pulls that remain on average are the gyroscope's bias.
-    const double elapsedScale = 1.0;
+    // Only slow motion teaches the bias: fast turns add scale and
+    // alignment errors of the gyroscope that are no bias.
+    const double slow = norm(lastRate_) / 0.5;
+    const double elapsedScale = 1.0 / (1.0 + slow * slow);
     Vec3 pull = (tiltWeight > 0.0 ? (1.0 / (settings_.biasTiltTau * settings_.biasTiltTau)) : 0.0) *
                 ((1.0 / std::fmax(tiltWeight * dt / (dt + settings_.tiltTau), 1e-12)) * tiltApplied);
     if (tiltWeight <= 0.0) pull = Vec3{};
-    if (headingWeight > 0.5) {
+    if (headingWeight > 0.2) {
       const double k = dt / (dt + settings_.headingTau);
       pull.z += headingApplied / k / (settings_.biasHeadingTau * settings_.biasHeadingTau);
     }
     const Vec3 device = rotateBack(q_, elapsedScale * pull);
     bias_ = bias_ - dt * device;
-    const double maxBias = 0.3;
+    const double maxBias = 0.2;
     bias_ = {clampTo(bias_.x, -maxBias, maxBias), clampTo(bias_.y, -maxBias, maxBias),
              clampTo(bias_.z, -maxBias, maxBias)};
   }

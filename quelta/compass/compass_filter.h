@@ -28,9 +28,10 @@ namespace quelta::compass {
 
 struct FilterSettings {
   // With a gyroscope.
-  double tiltTau = 3.0;            // s, pull towards gravity
+  double tiltTau = 1.5;            // s, pull towards gravity
+  double accMeanTau = 1.5;         // s, mean of the accelerometer in the earth frame
   double headingTau = 6.0;         // s, pull towards magnetic north
-  double biasTiltTau = 12.0;       // s, bias learning from the tilt pull (about 4 x tiltTau)
+  double biasTiltTau = 8.0;        // s, bias learning from the tilt pull
   double biasHeadingTau = 20.0;    // s, bias learning from the heading pull
   double restTime = 1.0;           // s of stillness before the rest bias estimate runs
   double restBiasTau = 1.0;        // s, rest bias estimate
@@ -42,7 +43,7 @@ struct FilterSettings {
   double trackHeadingTauFast = 0.12;
   double trackTurnRate = 1.0;      // rad/s where the time constants are halfway
   // Acceleration gating.
-  double accNormTolerance = 0.1;   // g, weight halves at this deviation from 1 g
+  double accNormTolerance = 0.5;   // g, weight halves at this deviation from 1 g
   double accRejectAngleDeg = 10.0; // tilt disagreement skipped (with gyroscope)
   double accRejectMaxTime = 3.0;   // s of skipping before a sustained tilt is accepted
   // Magnetic disturbance (own check).
@@ -122,6 +123,7 @@ class CompassFilter {
   double tLast_ = 0.0;
   Quat q_;
   Vec3 bias_;
+  Vec3 accWorld_;        // mean specific force in the earth frame, g
   Vec3 rateWorld_;       // tracker's rate without a gyroscope, east-north-up frame
   Vec3 lastRate_;        // device frame
   // Rest detection.
@@ -135,6 +137,7 @@ class CompassFilter {
   double dipRef_ = 0.0;
   double referenceAge_ = 0.0;   // s of learning so far
   double disturbedTime_ = 0.0;
+  double score_ = 0.0;
   bool disturbed_ = false;
   // Heading accuracy.
   double driftVar_ = 0.0;       // rad^2

@@ -25,6 +25,7 @@ EngineRun sized(size_t n) {
   run.rate.assign(n, replay::Vec3{kNaN, kNaN, kNaN});
   run.reportedHeadingDeg.assign(n, kNaN);
   run.accuracy.assign(n, -1);
+  run.flags.assign(n, 0u);
   return run;
 }
 
@@ -55,6 +56,7 @@ EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recor
     run.rate[i] = {o.rate.x, o.rate.y, o.rate.z};
     run.reportedHeadingDeg[i] = o.headingAccuracyDeg;
     run.accuracy[i] = o.accuracy;
+    run.flags[i] = o.flags;
   }
   return run;
 }

@@ -19,6 +19,7 @@ struct EngineRun {
   std::vector<replay::Vec3> rate;       // rad/s, device frame, NaN where none
   std::vector<double> reportedHeadingDeg;  // the engine's own heading accuracy, NaN where none
   std::vector<int> accuracy;            // 0..3, -1 where the engine has none
+  std::vector<unsigned> flags;          // the compass filter's flags
 };
 
 // gyroBias is added to every gyroscope reading the compass filter gets.

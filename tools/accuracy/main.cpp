@@ -183,9 +183,14 @@ void printBins(const char* engine, std::vector<std::pair<double, double>> pairs)
 int main(int argc, char** argv) {
   std::string directory;
   bool quick = false;
+  std::string dump;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--quick") == 0) {
       quick = true;
+    } else if (std::strcmp(argv[i], "--dump") == 0 && i + 2 < argc) {
+      dump = argv[++i];
+      dump += ":";
+      dump += argv[++i];
     } else if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
       std::printf("usage: quelta-accuracy [RECORDINGS_DIR] [--quick]\n");
       return 0;
@@ -213,6 +218,25 @@ int main(int argc, char** argv) {
     return 2;
   }
 
+  if (!dump.empty()) {
+    // Per-sample errors of one engine on one recording: NAME:ENGINE_INDEX.
+    const std::string name = dump.substr(0, dump.find(':'));
+    const Engine engine = static_cast<Engine>(std::atoi(dump.substr(dump.find(':') + 1).c_str()));
+    for (const TruthRecording& truth : recordings) {
+      if (truth.name != name) continue;
+      const EngineRun run = runEngine(engine, truth, truth.recording, 0.0);
+      const replay::Quat north = replay::northFromField({truth.worldField[0], truth.worldField[1], truth.worldField[2]});
+      std::printf("t,heading,tilt,reported,flags,gyro\n");
+      for (size_t i = 0; i < run.attitude.size(); ++i) {
+        const auto& s = truth.recording.samples[i];
+        const replay::Quat ref = replay::multiply(north, s.attitude);
+        std::printf("%.2f,%.2f,%.2f,%.2f,%u,%.3f\n", s.t, replay::headingErrorDeg(ref, run.attitude[i]),
+                    replay::tiltErrorDeg(ref, run.attitude[i]), run.reportedHeadingDeg[i], run.flags[i],
+                    std::sqrt(s.gyro[0] * s.gyro[0] + s.gyro[1] * s.gyro[1] + s.gyro[2] * s.gyro[2]));
+      }
+    }
+    return 0;
+  }
   const std::vector<Engine> all{Engine::Fixed, Engine::CompassGyro, Engine::CompassNoGyro, Engine::Triad,
                                 Engine::TriadMean};
   std::vector<Variant> variants{{"50 Hz", 1, 0.0, kJudgeFrom, all}};
