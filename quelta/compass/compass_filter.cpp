@@ -178,9 +178,8 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
   } else {
     const Vec3 upWorld = rotate(q_, (1.0 / na) * acc);
     err = rotationBetween(upWorld, kUp);  // earth frame, horizontal
-    const double m = norm(rateWorld_) / settings_.trackTurnRate;
-    const double blend = 1.0 / (1.0 + m * m);
-    tau = settings_.trackTiltTauFast + (settings_.trackTiltTauStill - settings_.trackTiltTauFast) * blend;
+    const double m = norm(err) / (settings_.trackTiltAngleDeg * kDeg);
+    tau = settings_.trackTiltTau / (1.0 + m * m);
     if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
     accelerating_ = weight < 0.5;
   }
@@ -189,10 +188,6 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
   const Quat turn = fromRotationVector(applied);
   q_ = normalised(turn * q_);
   if (withGyro) accWorld_ = rotate(turn, accWorld_);
-  if (!withGyro) {
-    const double kRate = 2.0 * weight * dt / (tau * tau) * (tau / (tau + dt));
-    rateWorld_ = rateWorld_ + (0.25 * kRate) * err;
-  }
   return weight;
 }
 
@@ -253,9 +248,8 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
     // After a long gap in the field (disturbance), come back a little faster.
     if (sinceField_ > 5.0) tau = std::fmin(tau, 2.0);
   } else {
-    const double m = norm(rateWorld_) / settings_.trackTurnRate;
-    const double blend = 1.0 / (1.0 + m * m);
-    tau = settings_.trackHeadingTauFast + (settings_.trackHeadingTauStill - settings_.trackHeadingTauFast) * blend;
+    const double m = psi / (settings_.trackHeadingAngleDeg * kDeg);
+    tau = settings_.trackHeadingTau / (1.0 + m * m);
     if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
     // Without a gyroscope only the field tells a turn: a disturbed field is
     // followed slowly rather than not at all.
@@ -268,10 +262,6 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   const double k = weight * dt / (dt + tau);
   applied = k * psi;
   q_ = normalised(aboutUp(applied) * q_);
-  if (!withGyro) {
-    const double kRate = 2.0 * weight * dt / (tau * tau) * (tau / (tau + dt));
-    rateWorld_.z += 0.25 * kRate * psi;
-  }
   return weight;
 }
 
@@ -301,9 +291,7 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
     driftVar_ += dt * settings_.headingDriftRate * settings_.headingDriftRate +
                  std::pow(settings_.headingScaleError * norm(w) * dt, 2.0);
   } else {
-    const double decay = dt / (dt + 2.0);
-    rateWorld_ = (1.0 - decay) * rateWorld_;
-    q_ = normalised(fromRotationVector(dt * rateWorld_) * q_);
+    q_ = normalised(fromRotationVector((settings_.trackPredict * dt) * rateWorld_) * q_);
     driftVar_ += dt * 4.0 * settings_.headingDriftRate * settings_.headingDriftRate +
                  std::pow(0.05 * norm(rateWorld_) * dt, 2.0);
   }
@@ -344,7 +332,15 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
     bias_ = {clampTo(bias_.x, -maxBias, maxBias), clampTo(bias_.y, -maxBias, maxBias),
              clampTo(bias_.z, -maxBias, maxBias)};
   }
-  if (!withGyro) lastRate_ = rotateBack(q_, rateWorld_);
+  if (!withGyro && dt > 0.0) {
+    // The rate without a gyroscope: the attitude's own change, smoothed.
+    Vec3 change = tiltApplied;
+    change.z += headingApplied;
+    if (settings_.trackPredict > 0.0) change = change + (settings_.trackPredict * dt) * rateWorld_;
+    const double k = dt / (dt + 0.1);
+    rateWorld_ = rateWorld_ + k * ((1.0 / dt) * change - rateWorld_);
+    lastRate_ = rotateBack(q_, rateWorld_);
+  }
   finish(t, acc, quality, withGyro, usableField != nullptr);
 }
 

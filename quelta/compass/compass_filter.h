@@ -36,12 +36,13 @@ struct FilterSettings {
   double restTime = 1.0;           // s of stillness before the rest bias estimate runs
   double restBiasTau = 1.0;        // s, rest bias estimate
   double warmUp = 2.0;             // s of short time constants after the start
-  // Without a gyroscope: time constants at rest and when turning fast.
-  double trackTiltTauStill = 1.2;  // s
-  double trackTiltTauFast = 0.15;  // s
-  double trackHeadingTauStill = 1.0;
-  double trackHeadingTauFast = 0.12;
-  double trackTurnRate = 1.0;      // rad/s where the time constants are halfway
+  // Without a gyroscope: smoothing of gravity's and the field's attitude,
+  // shortened as the disagreement grows past what noise explains (a turn).
+  double trackTiltTau = 0.2;          // s
+  double trackTiltAngleDeg = 12;    // disagreement that halves it... and more
+  double trackHeadingTau = 0.15;       // s
+  double trackHeadingAngleDeg = 4;
+  double trackPredict = 0.5;          // share of the derived rate used to predict
   // Acceleration gating.
   double accNormTolerance = 0.5;   // g, weight halves at this deviation from 1 g
   double accRejectAngleDeg = 10.0; // tilt disagreement skipped (with gyroscope)
