@@ -174,7 +174,10 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
     } else {
       rejectTime_ = std::fmax(0.0, rejectTime_ - 0.5 * dt);
     }
-    accelerating_ = kMean < 0.5 * dt / (dt + meanTau) || weight < 0.5;
+    const Vec3 upNow = rotate(q_, (1.0 / na) * acc);
+    const double angleNow = std::atan2(std::hypot(upNow.x, upNow.y), upNow.z);
+    accelerating_ = kMean < 0.5 * dt / (dt + meanTau) || weight < 0.5 ||
+                    (warm && angleNow > settings_.accRejectAngleDeg * kDeg);
   } else {
     const Vec3 upWorld = rotate(q_, (1.0 / na) * acc);
     err = rotationBetween(upWorld, kUp);  // earth frame, horizontal
@@ -241,7 +244,9 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   // the more it disagrees.
   const double s2 = score_ * score_;
   double weight = elapsed < 3.0 ? 1.0 : 1.0 / (1.0 + s2 * s2);
-  (void)disturbed;
+  // A fresh disturbance is not followed at all; one that lasts only
+  // slowly, as the references come round to it.
+  if (disturbed && disturbedTime_ < settings_.fieldRelearnTime / 3.0) weight = 0.0;
   double tau;
   if (withGyro) {
     tau = warm ? settings_.headingTau : std::fmin(settings_.headingTau, 0.2 + elapsed);
@@ -255,7 +260,7 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
     // followed slowly rather than not at all.
     if (disturbed) weight = std::fmax(weight, 0.05);
   }
-  if (weight > 0.0) {
+  if (weight > 0.5) {
     const double kInn = dt / (dt + 3.0);
     innovationSq_ += kInn * (psi * psi - innovationSq_);
   }
@@ -273,6 +278,12 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
   const Vec3* usableGyro = (gyro != nullptr && finite(*gyro)) ? gyro : nullptr;
   if (!started_) {
     if (!accOk) return;
+    // Not from a shock, unless shocks are all there is for half a second.
+    if (!seenFirst_) {
+      seenFirst_ = true;
+      tFirst_ = t;
+    }
+    if (std::fabs(norm(acc) - 1.0) > 0.5 && t - tFirst_ < 0.5) return;
     initialise(t, acc, usableField);
     finish(t, acc, quality, usableGyro != nullptr, usableField != nullptr);
     return;

@@ -119,6 +119,8 @@ class CompassFilter {
 
   FilterSettings settings_;
   bool started_ = false;
+  bool seenFirst_ = false;
+  double tFirst_ = 0.0;
   bool headingKnown_ = false;
   double tStart_ = 0.0;
   double tLast_ = 0.0;
