@@ -54,9 +54,9 @@ struct FilterSettings {
   double fieldRelearnTime = 30.0;        // s disturbed before the references follow anyway
   // Heading accuracy estimate.
   double headingNoiseFloorDeg = 1.0;
-  double headingDriftRate = 0.01;        // rad/sqrt(s), growth while the field is not used
+  double headingDriftRate = 0.004;       // rad/sqrt(s), growth while the field is not used
   double headingScaleError = 0.01;       // fraction of each rotation
-  double innovationWeight = 1.0;         // of the heading innovation's running RMS
+  double innovationWeight = 0.15;        // of the heading innovation's running RMS
   // True north: declination added to magnetic north, degrees east.
   double declinationDeg = 0.0;
 };
