@@ -13,12 +13,23 @@ constexpr double kMaxGap = 0.5;            // longest interval the clock advance
 constexpr double kGravityTau = 0.25;       // low-pass of the accelerometer
 constexpr double kAccNormTau = 2.0;        // the accelerometer's usual size
 constexpr double kStaticAccDev = 0.25;     // block acc deviation above which gravity is unknown
-constexpr double kMinSeparation = 0.12;    // between stored samples, share of the field strength
+constexpr int kGravityHalfWindow = 6;      // blocks each side of a candidate averaged for its gravity
+constexpr double kGravityMaxDev = 0.15;    // window mean's size against the usual size
+constexpr double kMinSeparation = 0.05;    // between stored samples, share of the field strength
 constexpr double kRefreshAge = 2.0;        // a stored sample this old is refreshed by a neighbour
 constexpr double kFitInterval = 0.5;
 constexpr int kMinSlots = 10;
 constexpr int kIterations = 4;
-constexpr double kNoiseFloor = 0.002;      // gauss
+constexpr double kNoiseFloor = 0.006;      // gauss, floor of the robust scale
+// What one constant model leaves unexplained on real devices even where
+// nothing disturbs (gravity errors while walking, small field gradients):
+// the floor of the scale that the covariance (the heading error) uses.
+constexpr double kModelNoise = 0.012;
+// Without an expected field, the strength stays within the Earth's range.
+constexpr double kPlausibleStrength = 0.45;
+constexpr double kPlausibleStrengthSigma = 0.15;
+constexpr double kMinStrength = 0.12;
+constexpr double kMaxStrength = 1.5;
 constexpr double kHuber = 2.0;
 constexpr double kRejectSigmas = 6.0;
 constexpr double kTypicalStrength = 0.45;  // before any fit
@@ -49,6 +60,8 @@ constexpr double kHeldVerticalSigma = 0.03;
 constexpr double kDisturbTau = 0.3;
 constexpr double kStrengthScale = 0.10;   // relative strength deviation giving score 1
 constexpr double kDipScaleDeg = 5.0;      // dip deviation giving score 1
+constexpr double kGravityNoiseTau = 1.0;
+constexpr double kGravityNoiseGain = 1.5;  // dip tolerance added per degree of accelerometer motion
 constexpr double kFlagOn = 0.7;
 constexpr double kFlagOff = 0.5;
 
@@ -170,6 +183,7 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
 
   // Gravity.
   double accDev = 1.0;
+  double accAngle = 90.0;
   if (acc != nullptr) {
     const V3 a{acc[0], acc[1], acc[2]};
     const double an = norm(a);
@@ -184,6 +198,7 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
         accNorm_ += dt / (kAccNormTau + dt) * (an - accNorm_);
       }
       accDev = norm(a - gravity_) / accNorm_;
+      accAngle = std::acos(clampUnit(dot(a, gravity_) / (an * norm(gravity_)))) * kDeg;
     }
   }
   const V3 up = haveGravity_ ? normalized(gravity_) : V3{};
@@ -207,7 +222,8 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   }
   blockMag_ = blockMag_ + m;
   ++blockCount_;
-  if (haveGravity_ && accDev < 1.0) {
+  if (haveGravity_ && acc != nullptr && accDev < 1.0) {
+    blockAcc_ = blockAcc_ + V3{acc[0], acc[1], acc[2]};
     blockAccDev_ += accDev;
     ++blockAccCount_;
   }
@@ -216,7 +232,7 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   const V3 h = apply(m);
   out.calibrated = h;
   out.strength = norm(h);
-  disturbance(h, (haveGravity_ && accDev < kStaticAccDev) ? up : V3{}, dt, out);
+  disturbance(h, (haveGravity_ && accDev < kStaticAccDev) ? up : V3{}, accAngle, dt, out);
   if (up.x != 0.0 || up.y != 0.0 || up.z != 0.0)
     out.dipDeg = std::asin(clampUnit(-dot(h, up) / std::max(out.strength, 1e-12))) * kDeg;
   out.newCalibration = calChanged_;
@@ -225,11 +241,30 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
 }
 
 void Calibrator::endBlock() {
-  const V3 m = (1.0 / blockCount_) * blockMag_;
-  V3 up;
-  if (haveGravity_ && blockAccCount_ == blockCount_ && blockAccDev_ / blockAccCount_ < kStaticAccDev)
-    up = normalized(gravity_);
+  Block& nb = history_[historyHead_];
+  nb.m = (1.0 / blockCount_) * blockMag_;
+  nb.hasAcc = blockAccCount_ == blockCount_;
+  nb.acc = nb.hasAcc ? (1.0 / blockAccCount_) * blockAcc_ : V3{};
+  historyHead_ = (historyHead_ + 1) % kHistory;
+  if (historyCount_ < kHistory) ++historyCount_;
   blockCount_ = 0;
+  // The candidate is the block in the middle of the window.
+  const int window = 2 * kGravityHalfWindow + 1;
+  if (historyCount_ < window) return;
+  const Block& mid = history_[(historyHead_ - 1 - kGravityHalfWindow + 2 * kHistory) % kHistory];
+  const V3 m = mid.m;
+  V3 up;
+  {
+    V3 sum;
+    bool all = true;
+    for (int i = 0; i < window; ++i) {
+      const Block& b = history_[(historyHead_ - 1 - i + 2 * kHistory) % kHistory];
+      all = all && b.hasAcc;
+      sum = sum + b.acc;
+    }
+    const V3 mean = (1.0 / window) * sum;
+    if (all && accNorm_ > 0.0 && std::fabs(norm(mean) / accNorm_ - 1.0) < kGravityMaxDev) up = normalized(mean);
+  }
 
   Slot& r = recent_[recentHead_];
   r.m = m;
@@ -504,15 +539,17 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
       for (double& x : row) x *= k;
     r *= k;
     v *= k;
-    if (!(r > 0.02 && r < 10.0) || !finite(c) || !(norm(c) < 100.0)) return false;
+    if (!(r > kMinStrength && r < kMaxStrength) || !finite(c) || !(norm(c) < 100.0)) return false;
   }
-  // a holds the factor of the last normal matrix: the covariance.
+  // a holds the factor of the last normal matrix: the covariance, scaled up
+  // where the residuals are below what real devices leave.
+  const double scale = std::max(1.0, kModelNoise / sigmaS);
   double cov[kP][kP];
   for (int col = 0; col < kP; ++col) {
     double e[kP] = {};
     e[col] = 1.0;
     choleskySubstitute<kP>(a, e);
-    for (int row = 0; row < kP; ++row) cov[row][col] = e[row];
+    for (int row = 0; row < kP; ++row) cov[row][col] = e[row] * scale * scale;
   }
   // Heading error: the calibrated field's error across its horizontal
   // direction, over the orientations stored.
@@ -576,7 +613,7 @@ void Calibrator::refit() {
   newSinceFit_ = 0;
   Calibration start = cal_;
   if (cal_.model == Model::None && !initialSphere(slots_, count_, start)) return;
-  double ps = 0.0, pss = 0.0, pv = 0.0, pvs = 0.0;
+  double ps = kPlausibleStrength, pss = kPlausibleStrengthSigma, pv = 0.0, pvs = 0.0;
   if (expected_.known && expected_.strengthGauss > 0.0) {
     ps = expected_.strengthGauss;
     pss = kExpectedSigma * ps;
@@ -691,7 +728,7 @@ void Calibrator::updateQuality(const FitResult* r) {
   quality_.reason = reason;
 }
 
-void Calibrator::disturbance(V3 h, V3 up, double dt, SampleOutput& out) {
+void Calibrator::disturbance(V3 h, V3 up, double accAngleDeg, double dt, SampleOutput& out) {
   if (cal_.model == Model::None) {
     out.disturbance = 0.0;
     out.disturbed = false;
@@ -705,9 +742,15 @@ void Calibrator::disturbance(V3 h, V3 up, double dt, SampleOutput& out) {
     const double ref = std::asin(clampUnit(-cal_.vertical / cal_.strength));
     devDip_ += k * ((dip - ref) * kDeg - devDip_);
   }
-  const double score = std::max(std::fabs(devStrength_) / kStrengthScale, std::fabs(devDip_) / kDipScaleDeg);
+  // The dip is only as good as gravity: its tolerance grows while the
+  // accelerometer moves about its low-passed direction.
+  gravityNoise_ += dt / (kGravityNoiseTau + dt) * (accAngleDeg * accAngleDeg - gravityNoise_);
+  const double dipScale = std::sqrt(kDipScaleDeg * kDipScaleDeg + kGravityNoiseGain * kGravityNoiseGain * gravityNoise_);
+  const double score = std::max(std::fabs(devStrength_) / kStrengthScale, std::fabs(devDip_) / dipScale);
   if (score > kFlagOn) flag_ = true;
   if (score < kFlagOff) flag_ = false;
+  out.strengthDeviation = devStrength_;
+  out.dipDeviationDeg = devDip_;
   out.disturbance = score;
   out.disturbed = flag_;
 }

@@ -78,6 +78,8 @@ struct SampleOutput {
   V3 calibrated;              // gauss, device frame
   double strength = 0.0;      // |calibrated|
   double dipDeg = 0.0;        // angle below the horizon (needs gravity), 0 without
+  double strengthDeviation = 0.0;  // smoothed |calibrated| / fitted strength - 1
+  double dipDeviationDeg = 0.0;    // smoothed dip minus the fitted dip
   double disturbance = 0.0;   // 0 when undisturbed; 1 at the flag's threshold
   bool disturbed = false;
   bool newCalibration = false;  // the calibration changed with this sample
@@ -101,7 +103,7 @@ const char* recordStatusText(RecordStatus s);
 
 class Calibrator {
  public:
-  static constexpr int kSlots = 64;
+  static constexpr int kSlots = 128;
   static constexpr int kRecent = 40;
 
   Calibrator() { reset(); }
@@ -154,7 +156,7 @@ class Calibrator {
   bool initialSphere(const Slot* slots, int n, Calibration& out) const;
   bool checkChange(V3 m, V3 up);  // false: keep the block out of the store
   void updateQuality(const FitResult* r);
-  void disturbance(V3 h, V3 up, double dt, SampleOutput& out);
+  void disturbance(V3 h, V3 up, double accAngleDeg, double dt, SampleOutput& out);
 
   ExpectedField expected_;
   Calibration cal_;
@@ -174,6 +176,17 @@ class Calibrator {
   V3 gravity_;
   double accNorm_ = 0.0;
   bool haveGravity_ = false;
+
+  // The last blocks, so that a candidate's gravity is the accelerometer's
+  // mean over a window centred on it (walking steps average out).
+  struct Block {
+    V3 m, acc;
+    bool hasAcc;
+  };
+  static constexpr int kHistory = 16;
+  Block history_[kHistory];
+  int historyHead_ = 0;
+  int historyCount_ = 0;
 
   // The block being averaged.
   V3 blockMag_, blockAcc_;
@@ -202,6 +215,7 @@ class Calibrator {
   // Disturbance memory.
   double devStrength_ = 0.0;  // low-passed relative strength deviation
   double devDip_ = 0.0;       // low-passed dip deviation, degrees
+  double gravityNoise_ = 0.0; // low-passed squared angle between accelerometer and gravity, deg^2
   bool flag_ = false;
   bool calChanged_ = false;
   double headingErrorRaw_ = 180.0;

@@ -241,7 +241,15 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
   double lastRatio = 0.0;
   int level3Bad = 0;
   for (const Row& r : rows) {
-    const SampleOutput o = cal.update(r.t, r.m, r.a);
+    double acc[3] = {r.a[0], r.a[1], r.a[2]};
+    if (std::getenv("MEASURE_TRUE_GRAVITY") && r.truth) {  // diagnosis only
+      const double qc[4] = {r.q[0], -r.q[1], -r.q[2], -r.q[3]};
+      const V3 u = rotate(qc, V3{0, 0, 1});
+      acc[0] = u.x;
+      acc[1] = u.y;
+      acc[2] = u.z;
+    }
+    const SampleOutput o = cal.update(r.t, r.m, acc);
     const Quality& q = cal.quality();
     if (t2 < 0 && o.accuracy >= 2) t2 = r.t;
     if (t3 < 0 && o.accuracy >= 3) t3 = r.t;
@@ -269,7 +277,9 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
           ++cAll;
           cFlag += o.disturbed;
         }
-        if (csv) std::fprintf(csv, "%s,%.3f,%d,%.4f,%.3f,%.3f,%d\n", name.c_str(), r.t, truly, ratio, ang, o.disturbance, o.disturbed);
+        if (csv)
+          std::fprintf(csv, "%s,%.3f,%d,%.4f,%.3f,%.3f,%d,%.4f,%.3f,%d\n", name.c_str(), r.t, truly, ratio, ang,
+                       o.disturbance, o.disturbed, o.strengthDeviation, o.dipDeviationDeg, o.accuracy);
       }
     }
     if (sc.hasTruth && r.t >= nextSnap) {
@@ -292,6 +302,26 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
       }
     }
   }
+  if (std::getenv("MEASURE_ORACLE") && sc.hasTruth) {  // diagnosis: residuals of the model at two offsets
+    auto stats = [&](V3 off) {
+      double sr = 0, sr2 = 0, sv = 0, sv2 = 0;
+      int n = 0;
+      for (size_t i = 0; i < rows.size(); i += 5) {
+        const Row& r = rows[i];
+        if (!r.truth) continue;
+        const double qc[4] = {r.q[0], -r.q[1], -r.q[2], -r.q[3]};
+        const V3 up = rotate(qc, V3{0, 0, 1});
+        const V3 d = V3{r.m[0], r.m[1], r.m[2]} - off;
+        sr += norm(d); sr2 += norm(d) * norm(d);
+        sv += quelta::dot(d, up); sv2 += quelta::dot(d, up) * quelta::dot(d, up);
+        ++n;
+      }
+      std::printf("   offset (%.4f %.4f %.4f): R %.4f rms %.4f  V %.4f rms %.4f\n", off.x, off.y, off.z, sr / n,
+                  std::sqrt(sr2 / n - (sr / n) * (sr / n)), sv / n, std::sqrt(sv2 / n - (sv / n) * (sv / n)));
+    };
+    stats(sc.offset);
+    stats(cal.calibration().offset);
+  }
   const Calibration& c = cal.calibration();
   V3 ref = sc.offset;
   if (sc.magnet && !sc.phases.empty()) ref = sc.phases.back().offset;
@@ -305,8 +335,8 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
   if (sc.magnet && sc.phases.size() >= 3)
     std::printf("\n%-28s magnet offset adopted %.1f s after %.0f s; reference back %.1f s after %.0f s", "",
                 magnetIn < 0 ? NAN : magnetIn - 36.0, 36.0, magnetOut < 0 ? NAN : magnetOut - 96.0, 96.0);
-  if (!sc.hasTruth) {
-    std::printf("  offset (%.4f %.4f %.4f)", c.offset.x, c.offset.y, c.offset.z);
+  if (!sc.hasTruth || std::getenv("MEASURE_VERBOSE")) {
+    std::printf("  offset (%.4f %.4f %.4f) ref (%.4f %.4f %.4f)", c.offset.x, c.offset.y, c.offset.z, ref.x, ref.y, ref.z);
   }
   std::printf("\n");
   tot.flaggedDisturbed += dFlag;
