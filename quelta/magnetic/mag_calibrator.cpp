@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#ifdef QUELTA_MAG_DEBUG
+#include <cstdio>
+#endif
 
 namespace quelta::magnetic {
 namespace {
@@ -27,9 +30,15 @@ constexpr double kNoiseFloor = 0.006;      // gauss, floor of the robust scale
 constexpr double kModelNoise = 0.012;
 // Without an expected field, the strength stays within the Earth's range.
 constexpr double kPlausibleStrength = 0.45;
-constexpr double kPlausibleStrengthSigma = 0.15;
-constexpr double kMinStrength = 0.12;
-constexpr double kMaxStrength = 1.5;
+constexpr double kPlausibleStrengthSigma = 0.1;
+// Without an expected field, a device that stays near level cannot tell the
+// field dipping down from its mirror image dipping up; a weak prior takes
+// the downward dip of the most populated latitudes until tilts decide.
+// Hosts in the southern hemisphere set the expected field instead.
+constexpr double kPlausibleVertical = -0.25;
+constexpr double kPlausibleVerticalSigma = 0.25;
+constexpr double kMinStrength = 0.15;
+constexpr double kMaxStrength = 0.9;
 constexpr double kHuber = 2.0;
 constexpr double kRejectSigmas = 6.0;
 constexpr double kTypicalStrength = 0.45;  // before any fit
@@ -52,8 +61,12 @@ constexpr double kInconsistentRel = 0.08;   // share of the strength
 constexpr double kShareTau = 1.0;
 constexpr double kChangeMinSeconds = 1.0;
 constexpr double kChangeRetry = 0.5;
-constexpr double kChangeMaxResidual = 0.25;  // share of the strength
-constexpr double kChangeMaxHeadingDeg = 8.0;
+constexpr double kChangeMaxResidual = 0.02;   // gauss, or twice the stored fit's
+constexpr double kChangeMaxHeadingDeg = 10.0;
+constexpr int kChangeMinBlocks = 20;
+constexpr double kChangeMinCoverage = 0.2;
+constexpr double kPreviousMaxRel = 0.03;      // median misfit to return to the previous calibration
+constexpr int kHeldUntilSlots = 40;
 constexpr double kHeldStrengthSigma = 0.02;  // strength held in the change fit
 constexpr double kHeldVerticalSigma = 0.03;
 // Disturbance.
@@ -613,7 +626,18 @@ void Calibrator::refit() {
   newSinceFit_ = 0;
   Calibration start = cal_;
   if (cal_.model == Model::None && !initialSphere(slots_, count_, start)) return;
-  double ps = kPlausibleStrength, pss = kPlausibleStrengthSigma, pv = 0.0, pvs = 0.0;
+  double ps = kPlausibleStrength, pss = kPlausibleStrengthSigma;
+  double pv = kPlausibleVertical, pvs = kPlausibleVerticalSigma;
+  if (heldStrength_ > 0.0) {
+    if (count_ >= kHeldUntilSlots) {
+      heldStrength_ = 0.0;
+    } else {
+      ps = heldStrength_;
+      pss = kHeldStrengthSigma * ps;
+      pv = heldVertical_;
+      pvs = heldVertical_ != 0.0 ? kHeldVerticalSigma * ps : 0.0;
+    }
+  }
   if (expected_.known && expected_.strengthGauss > 0.0) {
     ps = expected_.strengthGauss;
     pss = kExpectedSigma * ps;
@@ -658,7 +682,20 @@ bool Calibrator::checkChange(V3 m, V3 up) {
       if (sl.t < inconsistentSince_ - 0.2) break;
       recent[n++] = sl;
     }
-    if (n >= 8) {
+    // The calibration before the last change explains the blocks again.
+    if (n >= 8 && previous_.model != Model::None) {
+      double rel[kRecent];
+      for (int i = 0; i < n; ++i) {
+        const V3 hp = previous_.softIron * (recent[i].m - previous_.offset);
+        rel[i] = std::fabs(norm(hp) / previous_.strength - 1.0);
+      }
+      if (median(rel, n) < kPreviousMaxRel) {
+        const Calibration back = previous_;
+        adopt(back, recent, n, nullptr);
+        return false;
+      }
+    }
+    if (n >= kChangeMinBlocks) {
       // A new hard iron keeps the strength and the dip: hold them.
       Calibration start = cal_;
       Calibration lin;
@@ -671,26 +708,17 @@ bool Calibrator::checkChange(V3 m, V3 up) {
       }
       FitResult r;
       const bool haveUp = cal_.vertical != 0.0;
-      if (fit(recent, n, start, false, true, cal_.strength, kHeldStrengthSigma * cal_.strength,
-              cal_.vertical, haveUp ? kHeldVerticalSigma * cal_.strength : 0.0, r) &&
-          r.residual < kChangeMaxResidual * cal_.strength &&
-          r.headingErrorDeg < kChangeMaxHeadingDeg &&
+      const bool ok = fit(recent, n, start, false, true, cal_.strength, kHeldStrengthSigma * cal_.strength,
+                          cal_.vertical, haveUp ? kHeldVerticalSigma * cal_.strength : 0.0, r);
+#ifdef QUELTA_MAG_DEBUG
+      std::fprintf(stderr, "change try t=%.1f n=%d ok=%d res=%.4f he=%.1f R=%.3f/%.3f cov=%.2f off=(%.3f %.3f %.3f)\n", clock_, n, ok, r.residual, r.headingErrorDeg, r.cal.strength, cal_.strength, r.coverage, r.cal.offset.x, r.cal.offset.y, r.cal.offset.z);
+#endif
+      if (ok && r.residual < std::max(kChangeMaxResidual, 2.0 * quality_.residualGauss) &&
+          r.headingErrorDeg < kChangeMaxHeadingDeg && r.coverage >= kChangeMinCoverage &&
           std::fabs(r.cal.strength / cal_.strength - 1.0) < 0.1) {
-        // Adopt: the store restarts from the recent blocks.
-        cal_.offset = r.cal.offset;
-        calChanged_ = true;
-        priorOffsetSigma_ = 0.0;
-        count_ = 0;
-        for (int i = n - 1; i >= 0; --i) offerCandidate(recent[i].m, recent[i].up);
-        inconsistentSince_ = -1.0;
-        inconsistentShare_ = 0.0;
-        unstable_ = false;
-        changedAt_ = clock_;
-        lastFit_ = clock_;
-        newSinceFit_ = 0;
-        FitResult q = r;
-        q.cal = cal_;
-        updateQuality(&q);
+        Calibration next = cal_;
+        next.offset = r.cal.offset;
+        adopt(next, recent, n, &r);
         return false;
       }
     }
@@ -698,6 +726,32 @@ bool Calibrator::checkChange(V3 m, V3 up) {
   updateQuality(nullptr);
   // Contradicting blocks stay out of the store once the calibration is good.
   return !bad || quality_.accuracy < 2;
+}
+
+void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r) {
+  heldStrength_ = cal_.strength;
+  heldVertical_ = cal_.vertical;
+  previous_ = cal_;
+  cal_ = c;
+  calChanged_ = true;
+  ++quality_.newHardIron;
+  priorOffsetSigma_ = 0.0;
+  // The store restarts from the blocks since the change.
+  count_ = 0;
+  for (int i = n - 1; i >= 0; --i) offerCandidate(recent[i].m, recent[i].up);
+  inconsistentSince_ = -1.0;
+  inconsistentShare_ = 0.0;
+  unstable_ = false;
+  changedAt_ = clock_;
+  lastFit_ = clock_;
+  newSinceFit_ = 0;
+  if (r != nullptr) {
+    FitResult q = *r;
+    q.cal = cal_;
+    updateQuality(&q);
+  } else {
+    updateQuality(nullptr);
+  }
 }
 
 void Calibrator::updateQuality(const FitResult* r) {

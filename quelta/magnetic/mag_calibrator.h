@@ -71,6 +71,7 @@ struct Quality {
   double headingErrorDeg = 180.0; // estimate of the heading error the calibration leaves
   Reason reason = Reason::NoSamples;
   int samples = 0;            // stored samples used by the fit
+  int newHardIron = 0;        // times a new offset was adopted after a change
 };
 
 // What one sample gives.
@@ -104,7 +105,7 @@ const char* recordStatusText(RecordStatus s);
 class Calibrator {
  public:
   static constexpr int kSlots = 128;
-  static constexpr int kRecent = 40;
+  static constexpr int kRecent = 64;
 
   Calibrator() { reset(); }
   // Forgets everything but the expected field.
@@ -156,6 +157,7 @@ class Calibrator {
   bool initialSphere(const Slot* slots, int n, Calibration& out) const;
   bool checkChange(V3 m, V3 up);  // false: keep the block out of the store
   void updateQuality(const FitResult* r);
+  void adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r);
   void disturbance(V3 h, V3 up, double accAngleDeg, double dt, SampleOutput& out);
 
   ExpectedField expected_;
@@ -211,6 +213,13 @@ class Calibrator {
   double lastChangeTry_ = -1e9;
   double changedAt_ = -1e9;
   bool unstable_ = false;
+  // The calibration before the last adoption: a magnet that goes away
+  // brings it back at once.
+  Calibration previous_;
+  // After an adoption the store restarts; until it is full again the fit
+  // holds the strength and vertical component found before.
+  double heldStrength_ = 0.0;
+  double heldVertical_ = 0.0;
 
   // Disturbance memory.
   double devStrength_ = 0.0;  // low-passed relative strength deviation

@@ -295,9 +295,9 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
           if (ratio >= 0.5 && ratio <= 2.0) ++tot.ratioOk[a];
           if (a == 3 && actual > 5.0) ++level3Bad;
           if (std::getenv("MEASURE_VERBOSE"))
-            std::printf("   t=%5.1f acc=%d est=%6.2f actual=%6.2f cov=%.2f res=%.4f R=%.3f model=%d reason=%d n=%d\n", r.t, a,
+            std::printf("   t=%5.1f acc=%d est=%6.2f actual=%6.2f cov=%.2f res=%.4f R=%.3f model=%d reason=%d n=%d hi=%d off=(%.3f %.3f %.3f)\n", r.t, a,
                         q.headingErrorDeg, actual, q.coverage, q.residualGauss, q.fittedStrength,
-                        (int)cal.calibration().model, (int)q.reason, q.samples);
+                        (int)cal.calibration().model, (int)q.reason, q.samples, q.newHardIron, cal.calibration().offset.x, cal.calibration().offset.y, cal.calibration().offset.z);
         }
       }
     }
