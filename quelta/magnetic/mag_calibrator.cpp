@@ -59,11 +59,15 @@ constexpr double kAccuracy1Deg = 25.0;
 // Change detection (new hard iron against a disturbance).
 constexpr double kInconsistentRel = 0.08;   // share of the strength
 constexpr double kShareTau = 1.0;
+constexpr double kNeverStoreRel = 0.4;      // misfit (share of the strength) that never enters the store
 constexpr double kChangeMinSeconds = 1.0;
 constexpr double kChangeRetry = 0.5;
 constexpr double kChangeMaxResidual = 0.02;   // gauss, or twice the stored fit's
 constexpr double kChangeMaxHeadingDeg = 10.0;
 constexpr int kChangeMinBlocks = 20;
+constexpr double kChangeGain = 3.0;
+constexpr double kRestartSeconds = 15.0;      // contradicted this long: start again
+constexpr double kRestartShare = 0.8;           // misfit of the old offset over the new one
 constexpr double kChangeMinCoverage = 0.2;
 constexpr double kPreviousMaxRel = 0.03;      // median misfit to return to the previous calibration
 constexpr int kHeldUntilSlots = 40;
@@ -172,9 +176,44 @@ const char* recordStatusText(RecordStatus s) {
 }
 
 void Calibrator::reset() {
-  const ExpectedField keep = expected_;
-  *this = Calibrator(Calibrator::NoReset{});
-  expected_ = keep;
+  // Member by member: no large temporary on the stack.
+  cal_ = Calibration{};
+  quality_ = Quality{};
+  priorOffsetSigma_ = 0.0;
+  priorOffset_ = V3{};
+  clock_ = 0.0;
+  lastT_ = 0.0;
+  haveT_ = false;
+  gravity_ = V3{};
+  accNorm_ = 0.0;
+  haveGravity_ = false;
+  historyHead_ = 0;
+  historyCount_ = 0;
+  blockMag_ = V3{};
+  blockAcc_ = V3{};
+  blockCount_ = 0;
+  blockAccCount_ = 0;
+  blockStart_ = 0.0;
+  blockAccDev_ = 0.0;
+  count_ = 0;
+  lastFit_ = -1e9;
+  newSinceFit_ = 0;
+  recentHead_ = 0;
+  recentCount_ = 0;
+  inconsistentSince_ = -1.0;
+  inconsistentShare_ = 0.0;
+  lastChangeTry_ = -1e9;
+  unstable_ = false;
+  previous_ = Calibration{};
+  restart_ = false;
+  heldStrength_ = 0.0;
+  heldVertical_ = 0.0;
+  devStrength_ = 0.0;
+  devDip_ = 0.0;
+  gravityNoise_ = 0.0;
+  flag_ = false;
+  calChanged_ = false;
+  headingErrorRaw_ = 180.0;
 }
 
 SampleOutput Calibrator::update(double t, const double mag[3], const double acc[3]) {
@@ -326,7 +365,6 @@ void Calibrator::insertSlot(int index, V3 m, V3 up) {
     }
   }
   refreshNearest(index);
-  dirty_ = true;
   ++newSinceFit_;
 }
 
@@ -625,7 +663,9 @@ void Calibrator::refit() {
   lastFit_ = clock_;
   newSinceFit_ = 0;
   Calibration start = cal_;
-  if (cal_.model == Model::None && !initialSphere(slots_, count_, start)) return;
+  if ((cal_.model == Model::None || restart_) && !initialSphere(slots_, count_, start)) return;
+  if (restart_) start.softIron = cal_.softIron;
+  restart_ = false;
   double ps = kPlausibleStrength, pss = kPlausibleStrengthSigma;
   double pv = kPlausibleVertical, pvs = kPlausibleVerticalSigma;
   if (heldStrength_ > 0.0) {
@@ -662,9 +702,9 @@ bool Calibrator::checkChange(V3 m, V3 up) {
   const V3 h = apply(m);
   const double hn = norm(h);
   const double tol = std::max(kInconsistentRel * cal_.strength, 4.0 * quality_.residualGauss);
-  bool bad = std::fabs(hn - cal_.strength) > tol;
-  if (!bad && (up.x != 0.0 || up.y != 0.0 || up.z != 0.0))
-    bad = std::fabs(dot(h, up) - cal_.vertical) > 1.5 * tol;
+  double dev = std::fabs(hn - cal_.strength);
+  if (up.x != 0.0 || up.y != 0.0 || up.z != 0.0) dev = std::max(dev, std::fabs(dot(h, up) - cal_.vertical) / 1.5);
+  const bool bad = dev > tol;
   const double k = kBlockSeconds / (kShareTau + kBlockSeconds);
   inconsistentShare_ += k * ((bad ? 1.0 : 0.0) - inconsistentShare_);
   if (bad && inconsistentSince_ < 0.0) inconsistentSince_ = clock_;
@@ -681,6 +721,24 @@ bool Calibrator::checkChange(V3 m, V3 up) {
       const Slot& sl = recent_[(recentHead_ - 1 - i + 2 * kRecent) % kRecent];
       if (sl.t < inconsistentSince_ - 0.2) break;
       recent[n++] = sl;
+    }
+    // Contradicted for long and explained by no new offset: the field
+    // around the device has changed (or the first calibration was made in a
+    // disturbed place). Start again from the recent blocks; the calibration
+    // before stays in memory should the old field come back.
+    if (clock_ - inconsistentSince_ >= kRestartSeconds && inconsistentShare_ > kRestartShare && n >= kChangeMinBlocks) {
+      previous_ = cal_;
+      heldStrength_ = 0.0;
+      priorOffsetSigma_ = 0.0;
+      count_ = 0;
+      for (int i = n - 1; i >= 0; --i) offerCandidate(recent[i].m, recent[i].up);
+      inconsistentSince_ = -1.0;
+      inconsistentShare_ = 0.0;
+      restart_ = true;
+      ++quality_.restarts;
+      lastFit_ = -1e9;
+      refit();
+      return false;
     }
     // The calibration before the last change explains the blocks again.
     if (n >= 8 && previous_.model != Model::None) {
@@ -713,7 +771,13 @@ bool Calibrator::checkChange(V3 m, V3 up) {
 #ifdef QUELTA_MAG_DEBUG
       std::fprintf(stderr, "change try t=%.1f n=%d ok=%d res=%.4f he=%.1f R=%.3f/%.3f cov=%.2f off=(%.3f %.3f %.3f)\n", clock_, n, ok, r.residual, r.headingErrorDeg, r.cal.strength, cal_.strength, r.coverage, r.cal.offset.x, r.cal.offset.y, r.cal.offset.z);
 #endif
+      // The recent blocks must fit the new offset far better than the old one,
+      // and the offset must have moved by more than the model's misfit.
+      double oldMisfit[kRecent];
+      for (int i = 0; i < n; ++i) oldMisfit[i] = std::fabs(norm(apply(recent[i].m)) - cal_.strength);
+      const double oldResidual = 1.4826 * median(oldMisfit, n);
       if (ok && r.residual < std::max(kChangeMaxResidual, 2.0 * quality_.residualGauss) &&
+          r.residual * kChangeGain < oldResidual && norm(r.cal.offset - cal_.offset) > tol &&
           r.headingErrorDeg < kChangeMaxHeadingDeg && r.coverage >= kChangeMinCoverage &&
           std::fabs(r.cal.strength / cal_.strength - 1.0) < 0.1) {
         Calibration next = cal_;
@@ -724,8 +788,10 @@ bool Calibrator::checkChange(V3 m, V3 up) {
     }
   }
   updateQuality(nullptr);
-  // Contradicting blocks stay out of the store once the calibration is good.
-  return !bad || quality_.accuracy < 2;
+  // Blocks far off the model stay out of the store once the calibration is good.
+  // Far beyond any plausible misfit, they never enter.
+  if (quality_.accuracy < 2) return true;
+  return dev < 2.0 * tol && dev < kNeverStoreRel * cal_.strength;
 }
 
 void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r) {
@@ -742,7 +808,6 @@ void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const Fi
   inconsistentSince_ = -1.0;
   inconsistentShare_ = 0.0;
   unstable_ = false;
-  changedAt_ = clock_;
   lastFit_ = clock_;
   newSinceFit_ = 0;
   if (r != nullptr) {

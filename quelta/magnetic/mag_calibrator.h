@@ -72,6 +72,7 @@ struct Quality {
   Reason reason = Reason::NoSamples;
   int samples = 0;            // stored samples used by the fit
   int newHardIron = 0;        // times a new offset was adopted after a change
+  int restarts = 0;           // times the calibration started again after a lasting change
 };
 
 // What one sample gives.
@@ -128,8 +129,6 @@ class Calibrator {
   RecordStatus restore(const uint8_t* data, std::size_t size);
 
  private:
-  struct NoReset {};
-  explicit Calibrator(NoReset) {}
   struct Slot {
     V3 m;          // raw field, block mean
     V3 up;         // unit gravity (up), zero when unknown
@@ -199,7 +198,6 @@ class Calibrator {
 
   Slot slots_[kSlots];
   int count_ = 0;
-  bool dirty_ = false;
   double lastFit_ = -1e9;
   int newSinceFit_ = 0;
 
@@ -211,7 +209,6 @@ class Calibrator {
   double inconsistentSince_ = -1.0;  // clock when the model began to be contradicted
   double inconsistentShare_ = 0.0;   // low-passed share of contradicted blocks
   double lastChangeTry_ = -1e9;
-  double changedAt_ = -1e9;
   bool unstable_ = false;
   // The calibration before the last adoption: a magnet that goes away
   // brings it back at once.
@@ -220,6 +217,7 @@ class Calibrator {
   // holds the strength and vertical component found before.
   double heldStrength_ = 0.0;
   double heldVertical_ = 0.0;
+  bool restart_ = false;  // the next fit starts from scratch
 
   // Disturbance memory.
   double devStrength_ = 0.0;  // low-passed relative strength deviation
