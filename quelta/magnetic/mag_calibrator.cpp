@@ -40,6 +40,9 @@ constexpr double kPlausibleVerticalSigma = 0.25;
 constexpr double kMinStrength = 0.15;
 constexpr double kMaxStrength = 0.9;
 constexpr double kHuber = 2.0;
+constexpr double kMaxScaleRel = 0.04;      // cap of the robust scale, share of the strength
+constexpr double kInlierRel = 0.05;        // a stored sample explained by a fit, share of the strength
+constexpr double kPoorFit = 0.02;          // gauss: a fit this rough tries other starts
 constexpr double kRejectSigmas = 6.0;
 constexpr double kTypicalStrength = 0.45;  // before any fit
 constexpr double kExpectedSigma = 0.05;    // share of the expected strength
@@ -59,7 +62,7 @@ constexpr double kAccuracy1Deg = 25.0;
 // Change detection (new hard iron against a disturbance).
 constexpr double kInconsistentRel = 0.08;   // share of the strength
 constexpr double kShareTau = 1.0;
-constexpr double kNeverStoreRel = 0.4;      // misfit (share of the strength) that never enters the store
+constexpr double kNeverStoreRel = 0.5;      // misfit (share of the strength) that never enters the store
 constexpr double kChangeMinSeconds = 1.0;
 constexpr double kChangeRetry = 0.5;
 constexpr double kChangeMaxResidual = 0.02;   // gauss, or twice the stored fit's
@@ -485,8 +488,10 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
         resV[i] = 0.0;
       }
     }
-    sigmaS = std::max(1.4826 * median(tmp, n), kNoiseFloor);
-    sigmaV = std::max(std::max(1.4826 * median(tmpV, nv), sigmaS), kNoiseFloor);
+    // Robust scales, capped so that a store full of disturbed samples cannot
+    // widen the acceptance until everything fits.
+    sigmaS = std::min(std::max(1.4826 * median(tmp, n), kNoiseFloor), kMaxScaleRel * r);
+    sigmaV = std::min(std::max(std::max(1.4826 * median(tmpV, nv), sigmaS), kNoiseFloor), kMaxScaleRel * r);
     if (it == kIterations) break;
 
     double b[kP] = {};
@@ -685,16 +690,62 @@ void Calibrator::refit() {
     pvs = kExpectedSigma * ps;
   }
   FitResult r;
-  if (!fit(slots_, count_, start, true, false, ps, pss, pv, pvs, r)) {
-    // A poor start (after a jump of the offset): try again from scratch.
-    if (!initialSphere(slots_, count_, start) || !fit(slots_, count_, start, true, false, ps, pss, pv, pvs, r))
-      return;
+  bool ok = fit(slots_, count_, start, true, false, ps, pss, pv, pvs, r);
+  if (!ok || r.residual > kPoorFit) {
+    // Rough or failed: other starts compete, judged by how many stored
+    // samples they explain (the store may hold disturbed samples).
+    int best = ok ? inliers(r.cal, slots_, count_) : -1;
+    Calibration alt;
+    FitResult q;
+    if (initialSphere(slots_, count_, alt) && fit(slots_, count_, alt, true, false, ps, pss, pv, pvs, q)) {
+      const int k = inliers(q.cal, slots_, count_);
+      if (k > best) {
+        best = k;
+        r = q;
+        ok = true;
+      }
+    }
+    Slot recent[kRecent];
+    const int n = recentBlocks(recent, -1e300);
+    if (n >= kChangeMinBlocks && initialSphere(recent, n, alt) &&
+        fit(recent, n, alt, false, false, ps, pss, pv, pvs, q) && fit(slots_, count_, q.cal, true, false, ps, pss, pv, pvs, q)) {
+      const int k = inliers(q.cal, slots_, count_);
+      if (k > best) {
+        best = k;
+        r = q;
+        ok = true;
+      }
+    }
   }
+  if (!ok) return;
   const bool changed = cal_.model == Model::None || norm(r.cal.offset - cal_.offset) > 1e-4 ||
                        r.cal.model != cal_.model;
   cal_ = r.cal;
   if (changed) calChanged_ = true;
   updateQuality(&r);
+}
+
+int Calibrator::inliers(const Calibration& c, const Slot* s, int n) const {
+  const double tol = kInlierRel * c.strength;
+  int k = 0;
+  for (int i = 0; i < n; ++i) {
+    const V3 h = c.softIron * (s[i].m - c.offset);
+    if (std::fabs(norm(h) - c.strength) > tol) continue;
+    if ((s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) && std::fabs(dot(h, s[i].up) - c.vertical) > 1.5 * tol)
+      continue;
+    ++k;
+  }
+  return k;
+}
+
+int Calibrator::recentBlocks(Slot* out, double since) const {
+  int n = 0;
+  for (int i = 0; i < recentCount_; ++i) {
+    const Slot& sl = recent_[(recentHead_ - 1 - i + 2 * kRecent) % kRecent];
+    if (sl.t < since) break;
+    out[n++] = sl;
+  }
+  return n;
 }
 
 bool Calibrator::checkChange(V3 m, V3 up) {
@@ -716,12 +767,7 @@ bool Calibrator::checkChange(V3 m, V3 up) {
     lastChangeTry_ = clock_;
     // The blocks since the change began.
     Slot recent[kRecent];
-    int n = 0;
-    for (int i = 0; i < recentCount_; ++i) {
-      const Slot& sl = recent_[(recentHead_ - 1 - i + 2 * kRecent) % kRecent];
-      if (sl.t < inconsistentSince_ - 0.2) break;
-      recent[n++] = sl;
-    }
+    const int n = recentBlocks(recent, inconsistentSince_ - 0.2);
     // Contradicted for long and explained by no new offset: the field
     // around the device has changed (or the first calibration was made in a
     // disturbed place). Start again from the recent blocks; the calibration
@@ -790,8 +836,8 @@ bool Calibrator::checkChange(V3 m, V3 up) {
   updateQuality(nullptr);
   // Blocks far off the model stay out of the store once the calibration is good.
   // Far beyond any plausible misfit, they never enter.
-  if (quality_.accuracy < 2) return true;
-  return dev < 2.0 * tol && dev < kNeverStoreRel * cal_.strength;
+  if (dev > kNeverStoreRel * cal_.strength) return false;
+  return quality_.accuracy < 2 || dev < 2.0 * tol;
 }
 
 void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r) {

@@ -154,6 +154,8 @@ class Calibrator {
            bool holdShape, double priorStrength, double priorStrengthSigma,
            double priorVertical, double priorVerticalSigma, FitResult& out) const;
   bool initialSphere(const Slot* slots, int n, Calibration& out) const;
+  int inliers(const Calibration& c, const Slot* s, int n) const;
+  int recentBlocks(Slot* out, double since) const;
   bool checkChange(V3 m, V3 up);  // false: keep the block out of the store
   void updateQuality(const FitResult* r);
   void adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r);
