@@ -18,6 +18,7 @@ constexpr double kAccNormTau = 2.0;        // the accelerometer's usual size
 constexpr double kStaticAccDev = 0.25;     // block acc deviation above which gravity is unknown
 constexpr int kGravityHalfWindow = 6;      // blocks each side of a candidate averaged for its gravity
 constexpr double kGravityMaxDev = 0.15;    // window mean's size against the usual size
+constexpr double kGravityHalvesCos = 0.9945;  // cos 6 degrees: the window's halves agree
 constexpr double kMinSeparation = 0.05;    // between stored samples, share of the field strength
 constexpr double kRefreshAge = 2.0;        // a stored sample this old is refreshed by a neighbour
 constexpr double kFitInterval = 0.5;
@@ -308,19 +309,29 @@ void Calibrator::endBlock() {
   if (historyCount_ < window) return;
   const Block& mid = history_[(historyHead_ - 1 - kGravityHalfWindow + 2 * kHistory) % kHistory];
   const V3 m = mid.m;
+  // Gravity: the accelerometer averaged over the widest window centred on
+  // the candidate whose two halves still agree in direction (walking steps
+  // average out; a turning device keeps a short window).
   V3 up;
-  {
-    V3 sum;
-    bool all = true;
-    for (int i = 0; i < window; ++i) {
-      const Block& b = history_[(historyHead_ - 1 - i + 2 * kHistory) % kHistory];
-      all = all && b.hasAcc;
-      sum = sum + b.acc;
+  if (mid.hasAcc && accNorm_ > 0.0) {
+    auto at = [&](int back) -> const Block& { return history_[(historyHead_ - 1 - back + 2 * kHistory) % kHistory]; };
+    V3 left, right;
+    int count = 1;
+    for (int k = 1; k <= kGravityHalfWindow; ++k) {
+      const Block& older = at(kGravityHalfWindow + k);
+      const Block& newer = at(kGravityHalfWindow - k);
+      if (!older.hasAcc || !newer.hasAcc) break;
+      const V3 l = left + older.acc;
+      const V3 r = right + newer.acc;
+      if (dot(normalized(l), normalized(r)) < kGravityHalvesCos) break;
+      left = l;
+      right = r;
+      count = 1 + 2 * k;
     }
-    const V3 mean = (1.0 / window) * sum;
-    if (all && accNorm_ > 0.0 && std::fabs(norm(mean) / accNorm_ - 1.0) < kGravityMaxDev) up = normalized(mean);
+    const V3 sum = mid.acc + left + right;
+    // Near the usual size: the device is not accelerating on average.
+    if (std::fabs(norm(sum) / count / accNorm_ - 1.0) < kGravityMaxDev) up = normalized(sum);
   }
-
   Slot& r = recent_[recentHead_];
   r.m = m;
   r.up = up;
