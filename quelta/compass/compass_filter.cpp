@@ -196,6 +196,7 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
 
 bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt) {
   const double strength = norm(field);
+  if (quality.newCalibration) referenceAge_ = 0.0;
   const Vec3 upDevice = rotateBack(q_, kUp);
   const double dip = std::asin(clampTo(-dot(field, upDevice) / strength, -1.0, 1.0));
   if (referenceAge_ <= 0.0) {
@@ -205,22 +206,23 @@ bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& qualit
   const double score = std::fmax(std::fabs(strength / strengthRef_ - 1.0) / settings_.fieldStrengthTolerance,
                                  std::fabs(dip - dipRef_) / (settings_.fieldDipToleranceDeg * kDeg));
   const bool own = disturbed_ ? score > 0.7 : score > 1.0;
-  const bool disturbed = own || quality.disturbed;
+  const bool disturbed = (own && referenceAge_ >= 5.0) || quality.disturbed;
   disturbedTime_ = disturbed ? disturbedTime_ + dt : 0.0;
   // References: quick at first, slow afterwards, slower still while
   // disturbed, and they follow a change that lasts.
   const double elapsed = tLast_ - tStart_;
   double tau = settings_.fieldReferenceTau;
   if (disturbed && disturbedTime_ < settings_.fieldRelearnTime) tau *= 4.0;
-  if (elapsed < 5.0) tau = std::fmin(tau, 0.5 + elapsed);
+  const bool learning = referenceAge_ < 5.0;
+  if (learning) tau = std::fmin(tau, 0.5 + referenceAge_);
   const double k = dt / (dt + tau);
   strengthRef_ += k * (strength - strengthRef_);
   dipRef_ += k * (dip - dipRef_);
-  score_ = quality.disturbed ? std::fmax(score, std::fmax(1.0, quality.disturbanceScore)) : score;
+  const double ownScore = learning ? 0.0 : score;
+  score_ = quality.disturbed ? std::fmax(ownScore, std::fmax(1.0, quality.disturbanceScore)) : ownScore;
   referenceAge_ += dt > 0.0 ? dt : 1e-3;
-  out_.headingAccuracyDeg = out_.headingAccuracyDeg;  // unchanged here
-  disturbed_ = own;
-  return disturbed && elapsed >= 3.0;
+  disturbed_ = own && !learning;
+  return (disturbed_ || quality.disturbed) && elapsed >= 3.0;
 }
 
 double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro,
@@ -252,6 +254,8 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
     tau = warm ? settings_.headingTau : std::fmin(settings_.headingTau, 0.2 + elapsed);
     // After a long gap in the field (disturbance), come back a little faster.
     if (sinceField_ > 5.0) tau = std::fmin(tau, 2.0);
+    if (quality.newCalibration) fastHeadingUntil_ = tLast_ + 2.0;
+    if (tLast_ < fastHeadingUntil_) tau = std::fmin(tau, 0.3);
   } else {
     const double m = psi / (settings_.trackHeadingAngleDeg * kDeg);
     tau = settings_.trackHeadingTau / (1.0 + m * m);

@@ -67,6 +67,7 @@ struct FieldQuality {
   double disturbanceScore = 0.0;        // 0 clean, >= 1 disturbed
   int calibrationAccuracy = 3;          // 0..3
   double calibrationHeadingErrorDeg = 0.0;  // heading error the calibration leaves
+  bool newCalibration = false;          // the calibration changed with this sample
 };
 
 enum CompassFlags : uint32_t {
@@ -139,6 +140,7 @@ class CompassFilter {
   double strengthRef_ = 0.0;
   double dipRef_ = 0.0;
   double referenceAge_ = 0.0;   // s of learning so far
+  double fastHeadingUntil_ = -1e300;  // a new calibration: heading re-converges quickly
   double disturbedTime_ = 0.0;
   double score_ = 0.0;
   bool disturbed_ = false;

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <limits>
 
+#include "quelta/compass/compass.h"
 #include "quelta/compass/compass_filter.h"
 #include "tools/replay/replay_driver.h"
 
@@ -61,6 +62,25 @@ EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recor
   return run;
 }
 
+EngineRun runOwnCalibration(const replay::Recording& recording, bool gyro, double bias) {
+  EngineRun run = sized(recording.samples.size());
+  static compass::Compass whole;  // large: kept off the stack
+  whole = compass::Compass();
+  for (size_t i = 0; i < recording.samples.size(); ++i) {
+    const replay::RecordedSample& s = recording.samples[i];
+    const compass::Vec3 raw = vec(s.mag);
+    const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
+    whole.update(s.t, vec(s.acc), &raw, gyro ? &rate : nullptr);
+    const compass::CompassOutput& o = whole.output();
+    run.attitude[i] = {o.attitude.w, o.attitude.x, o.attitude.y, o.attitude.z};
+    run.rate[i] = {o.rate.x, o.rate.y, o.rate.z};
+    run.reportedHeadingDeg[i] = o.headingAccuracyDeg;
+    run.accuracy[i] = o.accuracy;
+    run.flags[i] = o.flags;
+  }
+  return run;
+}
+
 EngineRun runTriad(const TruthRecording& truth, const replay::Recording& recording, double window) {
   EngineRun run = sized(recording.samples.size());
   const auto& samples = recording.samples;
@@ -95,6 +115,8 @@ const char* engineName(Engine engine) {
     case Engine::CompassNoGyro: return "compass, no gyro";
     case Engine::Triad: return "TRIAD";
     case Engine::TriadMean: return "TRIAD 0.5 s";
+    case Engine::OwnCalGyro: return "compass+cal, gyro";
+    case Engine::OwnCalNoGyro: return "compass+cal, no gyro";
   }
   return "?";
 }
@@ -107,6 +129,8 @@ EngineRun runEngine(Engine engine, const TruthRecording& truth, const replay::Re
     case Engine::CompassNoGyro: return runCompass(truth, recording, false, 0.0);
     case Engine::Triad: return runTriad(truth, recording, 0.0);
     case Engine::TriadMean: return runTriad(truth, recording, 0.5);
+    case Engine::OwnCalGyro: return runOwnCalibration(recording, true, gyroBias);
+    case Engine::OwnCalNoGyro: return runOwnCalibration(recording, false, 0.0);
   }
   return {};
 }

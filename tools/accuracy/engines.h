@@ -11,7 +11,7 @@
 
 namespace quelta::accuracy {
 
-enum class Engine { Fixed, CompassGyro, CompassNoGyro, Triad, TriadMean };
+enum class Engine { Fixed, CompassGyro, CompassNoGyro, Triad, TriadMean, OwnCalGyro, OwnCalNoGyro };
 const char* engineName(Engine engine);
 
 struct EngineRun {
@@ -22,6 +22,8 @@ struct EngineRun {
   std::vector<unsigned> flags;          // the compass filter's flags
 };
 
+// OwnCal*: the whole compass on the raw field, calibrated by the magnetic
+// layer inside (no help from the truth).
 // gyroBias is added to every gyroscope reading the compass filter gets.
 // The TRIAD and compass engines are given the reference offset (an ideal
 // calibration); the fixed pipelines calibrate the raw field themselves.

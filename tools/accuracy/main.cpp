@@ -237,8 +237,8 @@ int main(int argc, char** argv) {
     }
     return 0;
   }
-  const std::vector<Engine> all{Engine::Fixed, Engine::CompassGyro, Engine::CompassNoGyro, Engine::Triad,
-                                Engine::TriadMean};
+  const std::vector<Engine> all{Engine::Fixed,     Engine::CompassGyro, Engine::CompassNoGyro, Engine::Triad,
+                                Engine::TriadMean, Engine::OwnCalGyro,  Engine::OwnCalNoGyro};
   std::vector<Variant> variants{{"50 Hz", 1, 0.0, kJudgeFrom, all}};
   if (!quick) {
     variants.push_back({"50 Hz, judged from 30 s", 1, 0.0, 30.0, {Engine::CompassGyro}});
