@@ -38,6 +38,14 @@ foreach(case
             ${REPLAY_FIXTURES}/${name}.csv "${message}")
 endforeach()
 
+# How outputs are written, refused and cleaned up (tests/replay/cli_check.py).
+add_test(NAME replay.cli.safe_outputs
+  COMMAND ${REPLAY_CHECK} outputs $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/outputs
+          ${PROJECT_SOURCE_DIR}/data/handheld.csv)
+add_test(NAME replay.cli.interrupted_runs_leave_no_temporaries
+  COMMAND ${REPLAY_CHECK} interrupted $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/interrupted
+          ${PROJECT_SOURCE_DIR}/data/handheld.csv)
+
 add_test(NAME replay.cli.usage_error COMMAND ${REPLAY_CHECK} usage $<TARGET_FILE:quelta-replay>)
 
 # The unit tests of tests/replay/ also drive the library directly.
@@ -49,3 +57,4 @@ if(CMAKE_CROSSCOMPILING_EMULATOR)
   list(FILTER replay_tests INCLUDE REGEX "^replay\\.cli\\.")
   set_tests_properties(${replay_tests} PROPERTIES ENVIRONMENT "QUELTA_EMULATOR=${emulator}")
 endif()
+set_tests_properties(replay.cli.safe_outputs replay.cli.interrupted_runs_leave_no_temporaries PROPERTIES TIMEOUT 600)

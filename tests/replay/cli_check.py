@@ -14,14 +14,25 @@
       unknown options and a second recording are usage errors (status 2).
   cli_check.py report FILE
       the report is well-formed and holds its plots.
+  cli_check.py outputs REPLAY WORKDIR RECORDING
+      how outputs are written: modes kept, links followed, FIFOs, devices and
+      standard output written in place, read-only targets, shared targets and
+      the recording refused, every path checked before the replay.
+  cli_check.py interrupted REPLAY WORKDIR RECORDING
+      SIGINT, SIGTERM and a closed pipe leave no temporary file behind and
+      the old outputs as they were.
 """
 import csv
 import html.parser
 import os
 import re
 import shlex
+import signal
+import stat
 import subprocess
 import sys
+import threading
+import time
 import xml.etree.ElementTree as ET
 
 SVG = "{http://www.w3.org/2000/svg}"
@@ -162,6 +173,173 @@ def check_usage(program):
         fail("--help: status %d" % status)
 
 
+def temporaries(workdir):
+    return [name for name in os.listdir(workdir) if ".tmp-" in name]
+
+
+def refused(program, args, cwd, pattern, untouched=()):
+    """The run fails with status 1 and the message, before writing anything."""
+    before = {path: open(path, "rb").read() for path in untouched if os.path.isfile(path)}
+    status, summary, errors = replay(program, args, cwd)
+    if status != 1 or not re.search(pattern, errors) or summary:
+        fail("%s: status %d, stdout %r, stderr %r (want %r)" % (args, status, summary[:200], errors, pattern))
+    for path, content in before.items():
+        if open(path, "rb").read() != content:
+            fail("%s was changed by a refused run" % path)
+    if temporaries(cwd):
+        fail("temporaries left by a refused run: %s" % temporaries(cwd))
+    print("refused as expected: %s" % errors.strip())
+
+
+def check_outputs(program, workdir, recording):
+    os.makedirs(workdir, exist_ok=True)
+    for name in os.listdir(workdir):
+        path = os.path.join(workdir, name)
+        if os.path.isdir(path) and not os.path.islink(path):
+            os.chmod(path, 0o755)
+            for inner in os.listdir(path):
+                os.remove(os.path.join(path, inner))
+            os.rmdir(path)
+        else:
+            os.remove(path)
+    w = lambda name: os.path.join(workdir, name)
+
+    # A regular file keeps its mode; a link stays a link and its target is written.
+    with open(w("kept.csv"), "w") as f:
+        f.write("old\n")
+    os.chmod(w("kept.csv"), 0o640)
+    with open(w("linked.html"), "w") as f:
+        f.write("old\n")
+    os.symlink("linked.html", w("link.html"))
+    status, summary, errors = replay(program, [recording, "--out", "kept.csv", "--report", "link.html"], workdir)
+    if status != 0:
+        fail("run with a kept mode and a link: %d %s" % (status, errors))
+    if stat.S_IMODE(os.stat(w("kept.csv")).st_mode) != 0o640 or not open(w("kept.csv")).read().startswith("t,"):
+        fail("kept.csv lost its mode 0640 or was not written")
+    if not os.path.islink(w("link.html")) or "<svg" not in open(w("linked.html")).read():
+        fail("the link was replaced, or its target not written")
+    if not summary.startswith("recording"):
+        fail("summary not on standard output: %r" % summary[:200])
+
+    # Standard output: "-" and /dev/stdout both stream the table there, and
+    # the summary moves to standard error.
+    for name in ("-", "/dev/stdout"):
+        status, out, errors = replay(program, [recording, "--out", name], workdir)
+        if status != 0 or not out.startswith("t,accuracy") or "recording" not in errors or "recording " in out:
+            fail("--out %s: status %d, stdout starts %r, stderr %r" % (name, status, out[:40], errors[:200]))
+        rows = out.count("\n")
+        if rows < 1000:
+            fail("--out %s: only %d lines on standard output" % (name, rows))
+    if not stat.S_ISCHR(os.stat("/dev/null").st_mode):
+        fail("/dev/null is not a device")
+    status, out, errors = replay(program, [recording, "--report", "/dev/null", "--log", "/dev/null"], workdir)
+    if status == 0:
+        fail("two outputs on /dev/null were accepted")
+    status, out, errors = replay(program, [recording, "--report", "/dev/null"], workdir)
+    if status != 0 or not stat.S_ISCHR(os.stat("/dev/null").st_mode):
+        fail("--report /dev/null: status %d, %s" % (status, errors))
+
+    # A FIFO is written in place: its reader gets the table, the FIFO stays.
+    os.mkfifo(w("pipe.csv"))
+    received = []
+    reader = threading.Thread(target=lambda: received.append(open(w("pipe.csv")).read()))
+    reader.start()
+    status, out, errors = replay(program, [recording, "--out", "pipe.csv"], workdir)
+    reader.join(timeout=60)
+    if status != 0 or not received or not received[0].startswith("t,accuracy"):
+        fail("--out FIFO: status %d, %s" % (status, errors))
+    if not stat.S_ISFIFO(os.stat(w("pipe.csv")).st_mode):
+        fail("the FIFO was replaced")
+
+    # Refused, before anything is written (also for root: judged by the mode bits).
+    with open(w("readonly.csv"), "w") as f:
+        f.write("keep me\n")
+    os.chmod(w("readonly.csv"), 0o444)
+    refused(program, [recording, "--out", "readonly.csv"], workdir, r"--out readonly.csv: is read-only \(mode 0444\)",
+            [w("readonly.csv")])
+    os.mkdir(w("adir"))
+    refused(program, [recording, "--report", "fresh.html", "--out", "adir"], workdir, r"--out adir: is a directory")
+    if os.path.exists(w("fresh.html")):
+        fail("an output was written although another one was refused")
+    refused(program, [recording, "--out", "missing/out.csv"], workdir, r"--out missing/out.csv: directory missing: ")
+    refused(program, [recording, "--out", "kept.csv", "--report", "kept.csv"], workdir,
+            r"--report kept.csv: the same file as --out kept.csv", [w("kept.csv")])
+    os.symlink("kept.csv", w("alias.csv"))
+    refused(program, [recording, "--out", "kept.csv", "--log", "alias.csv"], workdir,
+            r"--log alias.csv: the same file as --out kept.csv", [w("kept.csv")])
+    refused(program, [recording, "--out", "new.csv", "--log", "./new.csv"], workdir,
+            r"--log ./new.csv: the same file as --out new.csv")
+    refused(program, [recording, "--out", "-", "--report", "/dev/stdout"], workdir,
+            r"--report /dev/stdout: the same file as --out -")
+    with open(w("input.csv"), "w") as f:
+        f.write(open(recording).read())
+    refused(program, ["input.csv", "--out", "input.csv"], workdir, r"--out input.csv: is the recording being replayed",
+            [w("input.csv")])
+    if os.geteuid() != 0:
+        os.chmod(w("adir"), 0o555)
+        refused(program, [recording, "--out", "adir/out.csv"], workdir, r"--out adir/out.csv: cannot create a file in adir")
+        os.chmod(w("adir"), 0o755)
+
+
+def long_recording(source, path, rows):
+    """The source's rows repeated with time carried on."""
+    lines = [line for line in open(source) if line.strip() and not line.startswith("#")]
+    header, data = lines[0], lines[1:]
+    times = [float(line.split(",", 1)[0]) for line in data]
+    span = times[-1] - times[0] + (times[-1] - times[0]) / (len(times) - 1)
+    with open(path, "w") as out:
+        out.write(header)
+        for i in range(rows):
+            k = i % len(data)
+            out.write("%.6f,%s" % (times[k] + (i // len(data)) * span, data[k].split(",", 1)[1]))
+
+
+def check_interrupted(program, workdir, recording):
+    os.makedirs(workdir, exist_ok=True)
+    for name in os.listdir(workdir):
+        os.remove(os.path.join(workdir, name))
+    w = lambda name: os.path.join(workdir, name)
+    long_recording(recording, w("long.csv"), 200000)
+    emulator = shlex.split(os.environ.get("QUELTA_EMULATOR", ""))
+    for name, number in (("SIGINT", signal.SIGINT), ("SIGTERM", signal.SIGTERM)):
+        with open(w("out.csv"), "w") as f:
+            f.write("old\n")
+        process = subprocess.Popen(emulator + [program, "long.csv", "--out", "out.csv", "--report", "report.html",
+                                               "--log", "lib.log"], cwd=workdir,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        deadline = time.time() + 120
+        while len(temporaries(workdir)) < 2 and process.poll() is None and time.time() < deadline:
+            time.sleep(0.01)
+        if process.poll() is not None:
+            fail("%s: the replay ended before it could be interrupted" % name)
+        time.sleep(0.2)
+        process.send_signal(number)
+        status = process.wait(timeout=120)
+        if status != -number:
+            fail("%s: exit status %d, want death by the signal" % (name, status))
+        if temporaries(workdir):
+            fail("%s left temporaries: %s" % (name, temporaries(workdir)))
+        if open(w("out.csv")).read() != "old\n" or os.path.exists(w("report.html")):
+            fail("%s: the old output was changed or a new one appeared" % name)
+        print("%s: no temporary left, old output kept" % name)
+
+    # A closed pipe: the table goes to a reader that stops after one line,
+    # while the log is being written to its temporary.
+    process = subprocess.Popen(emulator + [program, "long.csv", "--out", "-", "--report", "report.html",
+                                           "--log", "lib.log"], cwd=workdir,
+                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    process.stdout.readline()
+    while not temporaries(workdir) and process.poll() is None:
+        time.sleep(0.01)
+    process.stdout.close()
+    status = process.wait(timeout=120)
+    if status != -signal.SIGPIPE:
+        fail("closed pipe: exit status %d, want death by SIGPIPE" % status)
+    if temporaries(workdir) or os.path.exists(w("report.html")) or os.path.exists(w("lib.log")):
+        fail("closed pipe left %s" % os.listdir(workdir))
+    print("closed pipe: no temporary left")
+
+
 def main(args):
     if len(args) >= 5 and args[0] == "run":
         check_run(args[1], args[2], args[3], args[4], args[5:])
@@ -171,6 +349,10 @@ def main(args):
         check_bundled(args[1], args[2])
     elif len(args) == 2 and args[0] == "usage":
         check_usage(args[1])
+    elif len(args) == 4 and args[0] == "outputs":
+        check_outputs(*args[1:])
+    elif len(args) == 4 and args[0] == "interrupted":
+        check_interrupted(*args[1:])
     elif len(args) == 2 and args[0] == "report":
         check_report(args[1])
     else:

@@ -66,7 +66,9 @@ TEST(ReferenceComparison, FindsTheHeadingAlignmentAndMeasuresWhatRemains) {
   }
   rows[0].rotVec = {0, 0, 0, 0};  // not yet published: left out
 
-  const ReferenceComparison result = compareWithReference(recording, rows);
+  std::vector<SampleErrors> perSample;
+  const ReferenceComparison result = compareWithReference(recording, rows, &perSample);
+  ASSERT_EQ(perSample.size(), rows.size());
   ASSERT_TRUE(result.gyro && result.rotationVector && result.azimuth);
   EXPECT_NEAR(result.gyro->rmsAxis[0], 0.3, 1e-6);
   EXPECT_NEAR(result.gyro->rmsAxis[1], 0.0, 1e-6);
@@ -76,13 +78,13 @@ TEST(ReferenceComparison, FindsTheHeadingAlignmentAndMeasuresWhatRemains) {
   EXPECT_EQ(result.rotationVector->count, 399u);
   EXPECT_NEAR(result.rotationVector->maxDeg, 2.0, 0.02);
   EXPECT_NEAR(result.rotationVector->rmsDeg, 2.0 / std::sqrt(10.0), 0.02);
-  EXPECT_TRUE(std::isnan(result.rotationVectorErrorDeg[0]));
+  EXPECT_TRUE(std::isnan(perSample[0].rotationVectorDeg));
 
   EXPECT_NEAR(result.azimuth->alignmentDeg, 12.5, 0.05);
   EXPECT_LT(result.azimuth->maxDeg, 0.5);
   EXPECT_EQ(result.azimuth->count, 400u);
   // Reference angles are shifted onto the estimate's north.
-  EXPECT_NEAR(result.referenceAngles[5][0], rows[5].orientation[0], 0.05);
+  EXPECT_NEAR(perSample[5].referenceAngles[0], rows[5].orientation[0], 0.05);
 
   // Without reference columns there is nothing to compare.
   Recording bare;

@@ -95,7 +95,7 @@ TEST(Report, HoldsEveryPlotAndTheEscapedSummary) {
   std::vector<ReplayRow> rows;
   makeRun(recording, rows);
   recording.hasGyro = true;
-  const std::string html = renderReport(recording, rows, "offset <1 & 2>\n", ReferenceComparison{});
+  const std::string html = renderReport(recording, rows, "offset <1 & 2>\n");
   for (const char* id : {"plot-accuracy", "plot-offset", "plot-field-xy", "plot-field-xz", "plot-field-yz",
                          "plot-azimuth", "plot-pitch-roll", "plot-vgyro-x", "plot-vgyro-y", "plot-vgyro-z"}) {
     EXPECT_NE(html.find(std::string("id=\"") + id + "\""), std::string::npos) << id;

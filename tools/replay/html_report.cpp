@@ -1,9 +1,6 @@
 #include "tools/replay/html_report.h"
 
 #include <cmath>
-#include <limits>
-
-#include "tools/replay/svg_chart.h"
 
 namespace quelta::replay {
 
@@ -15,38 +12,18 @@ const char* const kZ = "#1f77b4";
 const char* const kGrey = "#555555";
 const char* const kReference = "#ff7f0e";
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-template <typename Get>
-std::vector<double> column(const std::vector<ReplayRow>& rows, Get get) {
-  std::vector<double> values;
-  values.reserve(rows.size());
-  for (const ReplayRow& row : rows) values.push_back(static_cast<double>(get(row)));
-  return values;
+std::shared_ptr<Envelope> envelope(double period = 0.0, double base = 0.0) {
+  return std::make_shared<Envelope>(period, base);
 }
 
-std::vector<double> times(const std::vector<ReplayRow>& rows) {
-  return column(rows, [](const ReplayRow& r) { return r.t; });
-}
-
-// Breaks an angle series where it wraps around, so no line crosses the plot.
-void breakAtWraps(std::vector<double>& x, std::vector<double>& y) {
-  std::vector<double> bx, by;
-  for (size_t i = 0; i < y.size(); ++i) {
-    if (i > 0 && std::fabs(y[i] - y[i - 1]) > 180.0) {
-      bx.push_back(kNaN);
-      by.push_back(kNaN);
-    }
-    bx.push_back(x[i]);
-    by.push_back(y[i]);
-  }
-  x.swap(bx);
-  y.swap(by);
-}
-
-Series line(const std::string& label, const char* colour, std::vector<double> x, std::vector<double> y,
+Series line(const std::string& label, const char* colour, const std::shared_ptr<Envelope>& e,
             Series::Style style = Series::Style::Line) {
-  return Series{label, colour, std::move(x), std::move(y), style};
+  Series s;
+  s.label = label;
+  s.colour = colour;
+  s.style = style;
+  s.envelope = e;
+  return s;
 }
 
 Chart timeChart(const std::string& id, const std::string& title, const std::string& yLabel, int height = 260) {
@@ -59,144 +36,182 @@ Chart timeChart(const std::string& id, const std::string& title, const std::stri
   return chart;
 }
 
-std::string calibrationSection(const std::vector<ReplayRow>& rows) {
-  const std::vector<double> t = times(rows);
-  Chart accuracy = timeChart("plot-accuracy", "Calibration accuracy", "level", 180);
-  accuracy.series.push_back(line("accuracy", kZ, t, column(rows, [](const ReplayRow& r) { return r.accuracy; }),
-                                 Series::Style::Step));
-  accuracy.yMin = -0.2;
-  accuracy.yMax = 3.2;
-
-  Chart offset = timeChart("plot-offset", "Hard-iron offset and radius", "gauss");
-  offset.series.push_back(line("offset x", kX, t, column(rows, [](const ReplayRow& r) { return r.offset[0]; })));
-  offset.series.push_back(line("offset y", kY, t, column(rows, [](const ReplayRow& r) { return r.offset[1]; })));
-  offset.series.push_back(line("offset z", kZ, t, column(rows, [](const ReplayRow& r) { return r.offset[2]; })));
-  offset.series.push_back(line("radius", kGrey, t, column(rows, [](const ReplayRow& r) { return r.radius; }),
-                               Series::Style::Dashed));
-  return "<section id=\"calibration\">\n<h2>Calibration</h2>\n" + renderSvg(accuracy) + renderSvg(offset) +
-         "</section>\n";
-}
-
-std::string fieldSection(const std::vector<ReplayRow>& rows) {
-  const ReplayRow& last = rows.back();
-  const char* axisNames = "xyz";
-  const int pairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
-  std::string html = "<section id=\"field\">\n<h2>Field samples and fitted sphere</h2>\n"
-                     "<p>Uncalibrated field in three orthogonal projections; the circle is the final fit "
-                     "(centre: offset, radius: field strength).</p>\n<div class=\"row\">\n";
-  for (const auto& pair : pairs) {
-    const int a = pair[0], b = pair[1];
-    Chart chart;
-    chart.id = std::string("plot-field-") + axisNames[a] + axisNames[b];
-    chart.title = std::string("Field ") + axisNames[a] + "-" + axisNames[b];
-    chart.xLabel = std::string(1, axisNames[a]) + " (gauss)";
-    chart.yLabel = std::string(1, axisNames[b]) + " (gauss)";
-    chart.width = 400;
-    chart.height = 400;
-    chart.equalAspect = true;
-    chart.series.push_back(line("", kZ, column(rows, [a](const ReplayRow& r) { return r.rawField[a]; }),
-                                column(rows, [b](const ReplayRow& r) { return r.rawField[b]; }),
-                                Series::Style::Points));
-    if (last.accuracy > 0) {
-      chart.circles.push_back({"fit", kX, last.offset[a], last.offset[b], last.radius});
-    }
-    html += renderSvg(chart);
-  }
-  return html + "</div>\n</section>\n";
-}
-
-std::string orientationSection(const std::vector<ReplayRow>& rows, const ReferenceComparison& reference) {
-  const std::vector<double> t = times(rows);
-  const bool hasReference = !reference.referenceAngles.empty();
-  Chart azimuth = timeChart("plot-azimuth", "Azimuth", "degrees");
-  azimuth.yMin = 0.0;
-  azimuth.yMax = 360.0;
-  std::vector<double> x = t, y = column(rows, [](const ReplayRow& r) { return r.orientation[0]; });
-  breakAtWraps(x, y);
-  azimuth.series.push_back(line("azimuth", kZ, x, y));
-  if (hasReference) {
-    x = t;
-    y.clear();
-    for (const auto& angles : reference.referenceAngles) y.push_back(angles[0]);
-    breakAtWraps(x, y);
-    azimuth.series.push_back(line("reference (aligned)", kReference, x, y, Series::Style::Dashed));
-  }
-
-  Chart tilt = timeChart("plot-pitch-roll", "Pitch and roll", "degrees");
-  x = t;
-  y = column(rows, [](const ReplayRow& r) { return r.orientation[1]; });
-  breakAtWraps(x, y);
-  tilt.series.push_back(line("pitch", kX, x, y));
-  tilt.series.push_back(line("roll", kY, t, column(rows, [](const ReplayRow& r) { return r.orientation[2]; })));
-  if (hasReference) {
-    std::vector<double> pitch, roll;
-    for (const auto& angles : reference.referenceAngles) {
-      pitch.push_back(angles[1]);
-      roll.push_back(angles[2]);
-    }
-    x = t;
-    breakAtWraps(x, pitch);
-    tilt.series.push_back(line("reference pitch", "#8c1c1c", x, pitch, Series::Style::Dashed));
-    tilt.series.push_back(line("reference roll", "#1c6b1c", t, roll, Series::Style::Dashed));
-  }
-  return "<section id=\"orientation\">\n<h2>Orientation</h2>\n" + renderSvg(azimuth) + renderSvg(tilt) +
-         "</section>\n";
-}
-
-std::string gyroSection(const Recording& recording, const std::vector<ReplayRow>& rows) {
-  const std::vector<double> t = times(rows);
-  std::string html = "<section id=\"vgyro\">\n<h2>Virtual gyroscope</h2>\n";
-  const char* colours[3] = {kX, kY, kZ};
-  const char* names[3] = {"x", "y", "z"};
-  for (int k = 0; k < 3; ++k) {
-    Chart chart = timeChart(std::string("plot-vgyro-") + names[k],
-                            std::string("Angular rate about ") + names[k], "rad/s", 220);
-    chart.series.push_back(line("virtual gyroscope", colours[k], t,
-                                column(rows, [k](const ReplayRow& r) { return r.vgyro[k]; })));
-    if (recording.hasGyro) {
-      std::vector<double> ref;
-      for (const RecordedSample& s : recording.samples) ref.push_back(s.gyro[k]);
-      chart.series.push_back(line("reference gyroscope", "#222222", t, ref, Series::Style::Dashed));
-    }
-    html += renderSvg(chart);
-  }
-  return html + "</section>\n";
-}
-
-std::string attitudeErrorSection(const std::vector<ReplayRow>& rows, const ReferenceComparison& reference) {
-  const std::vector<double> t = times(rows);
-  Chart chart = timeChart("plot-attitude-error", "Attitude error against the reference (after heading alignment)",
-                          "degrees");
-  chart.series.push_back(line("rotation vector", kZ, t, reference.rotationVectorErrorDeg));
-  std::vector<double> x = t, azimuth = reference.azimuthErrorDeg;
-  breakAtWraps(x, azimuth);
-  chart.series.push_back(line("azimuth", kX, x, azimuth));
-  return "<section id=\"attitude-error\">\n<h2>Attitude error</h2>\n" + renderSvg(chart) + "</section>\n";
-}
-
 }  // namespace
 
-std::string renderReport(const Recording& recording, const std::vector<ReplayRow>& rows,
-                         const std::string& summaryText, const ReferenceComparison& reference) {
+ReportBuilder::ReportBuilder(std::string recordingName, bool hasGyro, bool hasAttitude)
+    : name_(std::move(recordingName)), hasGyro_(hasGyro), hasAttitude_(hasAttitude) {
+  accuracy_ = envelope();
+  for (auto& e : offset_) e = envelope();
+  radius_ = envelope();
+  azimuth_ = envelope(360.0, 0.0);
+  pitch_ = envelope(360.0, -180.0);
+  roll_ = envelope();
+  referenceAzimuth_ = envelope(360.0, 0.0);
+  referencePitch_ = envelope(360.0, -180.0);
+  referenceRoll_ = envelope();
+  for (auto& e : vgyro_) e = envelope();
+  for (auto& e : referenceGyro_) e = envelope();
+  rotationVectorError_ = envelope();
+  azimuthError_ = envelope(360.0, -180.0);
+  cloud_.reserve(kCloudPoints);
+}
+
+void ReportBuilder::add(const RecordedSample& sample, const ReplayRow& row) {
+  const double t = row.t;
+  accuracy_->add(t, row.accuracy);
+  for (int k = 0; k < 3; ++k) offset_[k]->add(t, row.offset[k]);
+  radius_->add(t, row.radius);
+  azimuth_->add(t, row.orientation[0]);
+  pitch_->add(t, row.orientation[1]);
+  roll_->add(t, row.orientation[2]);
+  for (int k = 0; k < 3; ++k) {
+    vgyro_[k]->add(t, row.vgyro[k]);
+    if (hasGyro_) referenceGyro_[k]->add(t, sample.gyro[k]);
+  }
+  if (samples_ % stride_ == 0) {
+    if (cloud_.size() == kCloudPoints) {
+      // Keep every other point and take half as many from now on.
+      for (size_t i = 0; i < kCloudPoints / 2; ++i) cloud_[i] = cloud_[2 * i];
+      cloud_.resize(kCloudPoints / 2);
+      stride_ *= 2;
+    }
+    if (samples_ % stride_ == 0) cloud_.push_back(row.rawField);
+  }
+  last_ = row;
+  ++samples_;
+}
+
+void ReportBuilder::addErrors(const SampleErrors& e) {
+  referenceAzimuth_->add(e.t, e.referenceAngles[0]);
+  referencePitch_->add(e.t, e.referenceAngles[1]);
+  referenceRoll_->add(e.t, e.referenceAngles[2]);
+  rotationVectorError_->add(e.t, e.rotationVectorDeg);
+  azimuthError_->add(e.t, e.azimuthDeg);
+}
+
+std::string ReportBuilder::render(const std::string& summaryText) const {
   std::string html =
-      "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\"/>\n<title>Replay of " +
-      escapeXml(recording.name) +
+      "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\"/>\n<title>Replay of " + escapeXml(name_) +
       "</title>\n<style>\n"
       "body { font-family: sans-serif; margin: 24px; color: #222222; background: #fafafa; }\n"
       "h1 { font-size: 20px; } h2 { font-size: 16px; margin-top: 28px; }\n"
-      "pre.summary { background: #ffffff; border: 1px solid #dddddd; padding: 10px; font-size: 12px; }\n"
+      "pre.summary { background: #ffffff; border: 1px solid #dddddd; padding: 10px; font-size: 12px;\n"
+      "  max-width: 1180px; white-space: pre-wrap; overflow-wrap: anywhere; }\n"
+      "p.legend { max-width: 1180px; font-size: 13px; }\n"
       "svg.plot { display: block; margin: 8px 0; border: 1px solid #dddddd; }\n"
       ".row { display: flex; gap: 12px; flex-wrap: wrap; }\n"
       "</style>\n</head>\n<body>\n<h1>Replay of " +
-      escapeXml(recording.name) + "</h1>\n<pre class=\"summary\">" + escapeXml(summaryText) + "</pre>\n";
-  if (!rows.empty()) {
-    html += calibrationSection(rows);
-    html += fieldSection(rows);
-    html += orientationSection(rows, reference);
-    html += gyroSection(recording, rows);
-    if (recording.hasAttitude) html += attitudeErrorSection(rows, reference);
+      escapeXml(name_) + "</h1>\n<pre class=\"summary\">" + escapeXml(summaryText) + "</pre>\n";
+  html += "<p class=\"legend\" id=\"legend\">Solid lines are what the library reported; dashed lines are the "
+          "reference from the recording (gyroscope columns gx gy gz, attitude columns qw qx qy qz), the reference "
+          "azimuth turned onto magnetic north by the heading alignment. Each plot shows, per pixel column, the "
+          "lowest and highest value of the samples it covers, so short spikes stay visible at any length.";
+  if (!hasGyro_ && !hasAttitude_) html += " This recording has no reference columns.";
+  html += "</p>\n";
+  if (samples_ == 0) return html + "</body>\n</html>\n";
+
+  // Calibration.
+  Chart accuracy = timeChart("plot-accuracy", "Calibration accuracy", "level", 180);
+  accuracy.series.push_back(line("accuracy", kZ, accuracy_, Series::Style::Step));
+  accuracy.yMin = -0.2;
+  accuracy.yMax = 3.2;
+  Chart offset = timeChart("plot-offset", "Hard-iron offset and radius", "gauss");
+  const char* colours[3] = {kX, kY, kZ};
+  const char* axes[3] = {"x", "y", "z"};
+  for (int k = 0; k < 3; ++k) offset.series.push_back(line(std::string("offset ") + axes[k], colours[k], offset_[k]));
+  offset.series.push_back(line("radius", kGrey, radius_));
+  html += "<section id=\"calibration\">\n<h2>Calibration</h2>\n" + renderSvg(accuracy) + renderSvg(offset) +
+          "</section>\n";
+
+  // Field cloud and the final fit.
+  html += "<section id=\"field\">\n<h2>Field samples and fitted sphere</h2>\n"
+          "<p>Uncalibrated field in three orthogonal projections";
+  if (stride_ > 1) html += " (every " + std::to_string(stride_) + "th sample)";
+  html += "; the circle is the final fit (centre: offset, radius: field strength).</p>\n<div class=\"row\">\n";
+  const int pairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
+  for (const auto& pair : pairs) {
+    const int a = pair[0], b = pair[1];
+    Chart chart;
+    chart.id = std::string("plot-field-") + axes[a] + axes[b];
+    chart.title = std::string("Field ") + axes[a] + "-" + axes[b];
+    chart.xLabel = std::string(axes[a]) + " (gauss)";
+    chart.yLabel = std::string(axes[b]) + " (gauss)";
+    chart.width = 400;
+    chart.height = 400;
+    chart.equalAspect = true;
+    Series points{"samples", kZ, {}, {}, Series::Style::Points, nullptr};
+    points.x.reserve(cloud_.size());
+    points.y.reserve(cloud_.size());
+    for (const auto& p : cloud_) {
+      points.x.push_back(p[a]);
+      points.y.push_back(p[b]);
+    }
+    chart.series.push_back(std::move(points));
+    if (last_.accuracy > 0) chart.circles.push_back({"fit", kX, last_.offset[a], last_.offset[b], last_.radius});
+    html += renderSvg(chart);
+  }
+  html += "</div>\n</section>\n";
+
+  // Orientation.
+  Chart azimuth = timeChart("plot-azimuth", "Azimuth", "degrees");
+  azimuth.yMin = 0.0;
+  azimuth.yMax = 360.0;
+  azimuth.series.push_back(line("azimuth", kZ, azimuth_));
+  if (hasAttitude_) azimuth.series.push_back(line("reference azimuth", kReference, referenceAzimuth_, Series::Style::Dashed));
+  Chart tilt = timeChart("plot-pitch-roll", "Pitch and roll", "degrees");
+  tilt.yMin = -180.0;
+  tilt.yMax = 180.0;
+  tilt.series.push_back(line("pitch", kX, pitch_));
+  tilt.series.push_back(line("roll", kY, roll_));
+  if (hasAttitude_) {
+    tilt.series.push_back(line("reference pitch", "#8c1c1c", referencePitch_, Series::Style::Dashed));
+    tilt.series.push_back(line("reference roll", "#1c6b1c", referenceRoll_, Series::Style::Dashed));
+  }
+  html += "<section id=\"orientation\">\n<h2>Orientation</h2>\n" + renderSvg(azimuth) + renderSvg(tilt) +
+          "</section>\n";
+
+  // Virtual gyroscope.
+  html += "<section id=\"vgyro\">\n<h2>Virtual gyroscope</h2>\n";
+  for (int k = 0; k < 3; ++k) {
+    Chart chart = timeChart(std::string("plot-vgyro-") + axes[k], std::string("Angular rate about ") + axes[k],
+                            "rad/s", 220);
+    chart.series.push_back(line("virtual gyroscope", colours[k], vgyro_[k]));
+    if (hasGyro_) chart.series.push_back(line("reference gyroscope", "#222222", referenceGyro_[k], Series::Style::Dashed));
+    html += renderSvg(chart);
+  }
+  html += "</section>\n";
+
+  if (hasAttitude_) {
+    Chart chart = timeChart("plot-attitude-error", "Error against the reference attitude (after heading alignment)",
+                            "degrees");
+    chart.series.push_back(line("rotation vector", kZ, rotationVectorError_));
+    chart.series.push_back(line("azimuth", kX, azimuthError_));
+    // The azimuth error is periodic and fixes no range: take both series' extent.
+    double lo = 0.0, hi = 1.0;
+    for (const auto& e : {rotationVectorError_, azimuthError_}) {
+      for (const Envelope::Bucket& b : e->buckets()) {
+        if (b.count == 0) continue;
+        lo = std::min(lo, std::max(b.lo, -180.0));
+        hi = std::max(hi, std::min(b.hi, 180.0));
+      }
+    }
+    chart.yMin = lo;
+    chart.yMax = hi;
+    html += "<section id=\"attitude-error\">\n<h2>Attitude error</h2>\n" + renderSvg(chart) + "</section>\n";
   }
   return html + "</body>\n</html>\n";
+}
+
+std::string renderReport(const Recording& recording, const std::vector<ReplayRow>& rows,
+                         const std::string& summaryText) {
+  ReportBuilder builder(recording.name, recording.hasGyro, recording.hasAttitude);
+  ReferenceComparator comparator(recording.hasGyro, recording.hasAttitude);
+  for (size_t i = 0; i < rows.size() && i < recording.samples.size(); ++i) {
+    builder.add(recording.samples[i], rows[i]);
+    comparator.add(recording.samples[i], rows[i]);
+  }
+  comparator.finish([&builder](const SampleErrors& e) { builder.addErrors(e); });
+  return builder.render(summaryText);
 }
 
 }  // namespace quelta::replay

@@ -1,17 +1,52 @@
 // The visual report of a replay: one self-contained HTML file with inline
-// SVG plots (no scripts, nothing fetched).
+// SVG plots (no scripts, nothing fetched). It is gathered as the replay
+// goes: time series as per-column minimum/maximum envelopes, the field
+// cloud as a thinned sample, so the file stays small (well under 2 MB) and
+// quick to draw for a recording of any length.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "tools/replay/recording.h"
 #include "tools/replay/reference_comparison.h"
 #include "tools/replay/replay_row.h"
+#include "tools/replay/svg_chart.h"
 
 namespace quelta::replay {
 
+class ReportBuilder {
+ public:
+  ReportBuilder(std::string recordingName, bool hasGyro, bool hasAttitude);
+  // First pass: every sample with what the library reported.
+  void add(const RecordedSample& sample, const ReplayRow& row);
+  // Second pass: the errors against the reference (from ReferenceComparator::finish).
+  void addErrors(const SampleErrors& errors);
+  std::string render(const std::string& summaryText) const;
+
+  // Field samples kept for the cloud plots at most.
+  static constexpr size_t kCloudPoints = 20000;
+
+ private:
+  using EnvelopePtr = std::shared_ptr<Envelope>;
+  std::string name_;
+  bool hasGyro_;
+  bool hasAttitude_;
+  size_t samples_ = 0;
+  ReplayRow last_;
+  EnvelopePtr accuracy_, offset_[3], radius_;
+  EnvelopePtr azimuth_, pitch_, roll_;
+  EnvelopePtr referenceAzimuth_, referencePitch_, referenceRoll_;
+  EnvelopePtr vgyro_[3], referenceGyro_[3];
+  EnvelopePtr rotationVectorError_, azimuthError_;
+  // Every stride-th raw field sample; the stride doubles when full.
+  std::vector<std::array<float, 3>> cloud_;
+  size_t stride_ = 1;
+};
+
+// Renders the report of a replay held in memory.
 std::string renderReport(const Recording& recording, const std::vector<ReplayRow>& rows,
-                         const std::string& summaryText, const ReferenceComparison& reference);
+                         const std::string& summaryText);
 
 }  // namespace quelta::replay

@@ -1,4 +1,5 @@
-// The per-sample output table of a replay.
+// The per-sample output table of a replay, written row by row as the
+// replay goes.
 #pragma once
 
 #include <cstdio>
@@ -8,8 +9,12 @@
 
 namespace quelta::replay {
 
-// Header, then one row per sample. Floats are written with 9 significant
-// digits, enough to read back the exact float.
+void writeOutputCsvHeader(FILE* out);
+// One row. Floats are written in the shortest form that reads back as the
+// exact same float; times with 9 significant digits.
+void writeOutputCsvRow(FILE* out, const ReplayRow& row);
+
+// Header, then one row per sample.
 void writeOutputCsv(FILE* out, const std::vector<ReplayRow>& rows);
 
 }  // namespace quelta::replay

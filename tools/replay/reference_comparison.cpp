@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
-#include <limits>
 
 #include "tools/replay/attitude_math.h"
 
@@ -12,32 +10,9 @@ namespace quelta::replay {
 namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
-// Minimises a cost over a full turn: a coarse scan, then ever finer scans
-// around the best point. Robust against the local minima of angle costs.
-double minimiseOverCircle(const std::function<double(double)>& cost) {
-  double best = 0.0;
-  double bestCost = cost(0.0);
-  for (double a = -180.0; a < 180.0; a += 1.0) {
-    const double c = cost(a);
-    if (c < bestCost) {
-      bestCost = c;
-      best = a;
-    }
-  }
-  for (double step = 0.1; step >= 1e-4; step /= 10.0) {
-    const double centre = best;
-    for (int k = -10; k <= 10; ++k) {
-      const double a = centre + k * step;
-      const double c = cost(a);
-      if (c < bestCost) {
-        bestCost = c;
-        best = a;
-      }
-    }
-  }
-  return wrapDeg(best);
-}
+constexpr double kPi = 3.14159265358979323846;
+constexpr size_t kCircleBins = 360000;  // 360 degrees at kAngleResolutionDeg
+constexpr size_t kRecordsInMemory = 4096;
 
 bool isUsable(const std::array<float, 4>& q) {
   const double n = static_cast<double>(q[0]) * q[0] + static_cast<double>(q[1]) * q[1] +
@@ -45,167 +20,342 @@ bool isUsable(const std::array<float, 4>& q) {
   return std::isfinite(n) && n > 0.5;
 }
 
-Quat fromLibraryOrder(const std::array<float, 4>& xyzw) {
-  return {xyzw[3], xyzw[0], xyzw[1], xyzw[2]};
+bool allFinite(const double* v, int n) {
+  for (int k = 0; k < n; ++k) {
+    if (!std::isfinite(v[k])) return false;
+  }
+  return true;
 }
 
-GyroComparison compareGyro(const Recording& recording, const std::vector<ReplayRow>& rows,
-                           const std::vector<bool>& selected) {
-  GyroComparison result;
-  std::array<double, 3> sumAxis{};
-  double sum = 0.0;
-  double sumReference = 0.0;
-  for (size_t i = 0; i < rows.size(); ++i) {
-    if (!selected[i]) continue;
-    ++result.count;
-    double error2 = 0.0;
-    double reference2 = 0.0;
-    for (int k = 0; k < 3; ++k) {
-      const double reference = recording.samples[i].gyro[k];
-      const double e = static_cast<double>(rows[i].vgyro[k]) - reference;
-      sumAxis[k] += e * e;
-      error2 += e * e;
-      reference2 += reference * reference;
-    }
-    sum += error2;
-    sumReference += reference2;
-  }
-  const double n = static_cast<double>(result.count);
-  for (int k = 0; k < 3; ++k) result.rmsAxis[k] = std::sqrt(sumAxis[k] / n);
-  result.rms = std::sqrt(sum / n);
-  result.referenceRms = std::sqrt(sumReference / n);
-  return result;
-}
-
-void summarise(const std::vector<double>& errors, AngleComparison& out) {
-  std::vector<double> magnitudes;
-  double sum = 0.0;
-  for (double e : errors) {
-    if (std::isnan(e)) continue;
-    sum += e * e;
-    magnitudes.push_back(std::fabs(e));
-  }
-  out.count = magnitudes.size();
-  if (magnitudes.empty()) return;
-  out.rmsDeg = std::sqrt(sum / static_cast<double>(out.count));
-  out.maxDeg = *std::max_element(magnitudes.begin(), magnitudes.end());
-  std::nth_element(magnitudes.begin(), magnitudes.begin() + magnitudes.size() / 2, magnitudes.end());
-  out.medianDeg = magnitudes[magnitudes.size() / 2];
-}
+Quat fromLibraryOrder(const std::array<float, 4>& xyzw) { return {xyzw[3], xyzw[0], xyzw[1], xyzw[2]}; }
 
 }  // namespace
 
-double bestHeadingAlignment(const std::vector<std::array<double, 4>>& reference,
-                            const std::vector<std::array<double, 4>>& estimate) {
-  // Differences in the world frame: reference = difference * estimate.
-  std::vector<Quat> differences;
-  differences.reserve(reference.size());
-  for (size_t i = 0; i < reference.size(); ++i) {
-    differences.push_back(multiply(reference[i], conjugate(estimate[i])));
+// ErrorStatistics ------------------------------------------------------------
+
+ErrorStatistics::ErrorStatistics(double limit, double resolution)
+    : resolution_(resolution), bins_(static_cast<size_t>(std::ceil(limit / resolution)) + 1, 0) {}
+
+void ErrorStatistics::add(double error) {
+  if (std::isnan(error)) return;
+  error = std::fabs(error);
+  ++count_;
+  sumSquares_ += error * error;
+  max_ = std::max(max_, error);
+  const double bin = std::floor(error / resolution_);
+  ++bins_[bin < static_cast<double>(bins_.size() - 1) ? static_cast<size_t>(bin) : bins_.size() - 1];
+}
+
+double ErrorStatistics::rms() const { return count_ > 0 ? std::sqrt(sumSquares_ / static_cast<double>(count_)) : 0.0; }
+
+double ErrorStatistics::median() const {
+  if (count_ == 0) return 0.0;
+  // The element at count / 2 of the sorted errors, as nth_element picks it.
+  const size_t wanted = count_ / 2;
+  size_t seen = 0;
+  for (size_t b = 0; b < bins_.size(); ++b) {
+    seen += bins_[b];
+    if (seen > wanted) return std::min((static_cast<double>(b) + 0.5) * resolution_, max_);
   }
-  return minimiseOverCircle([&differences](double alignment) {
-    const Quat undo = conjugate(headingRotation(alignment));
-    double sum = 0.0;
-    for (const Quat& d : differences) {
-      const double angle = rotationAngleDeg(multiply(undo, d));
-      sum += angle;
-    }
-    return sum;
-  });
+  return max_;
 }
 
-double bestAngleOffset(const std::vector<double>& reference, const std::vector<double>& estimate) {
-  return minimiseOverCircle([&](double offset) {
-    double sum = 0.0;
-    for (size_t i = 0; i < reference.size(); ++i) {
-      sum += std::fabs(wrapDeg(reference[i] - estimate[i] - offset));
-    }
-    return sum;
-  });
+// CircularHistogram ----------------------------------------------------------
+
+CircularHistogram::CircularHistogram() : bins_(kCircleBins, 0) {}
+
+void CircularHistogram::add(double deg) {
+  if (!std::isfinite(deg)) return;
+  double position = std::floor((deg + 180.0) / kAngleResolutionDeg);
+  position -= static_cast<double>(kCircleBins) * std::floor(position / static_cast<double>(kCircleBins));
+  size_t bin = static_cast<size_t>(position);
+  if (bin >= kCircleBins) bin = 0;
+  ++bins_[bin];
+  ++count_;
 }
 
-ReferenceComparison compareWithReference(const Recording& recording,
-                                         const std::vector<ReplayRow>& rows) {
+double CircularHistogram::median() const {
+  if (count_ == 0) return 0.0;
+  // Prefix sums of counts and of bin index times count; the cost of a
+  // candidate bin k is the sum of |j - k| over the half circle on each side.
+  const size_t n = kCircleBins;
+  std::vector<double> count(n + 1, 0.0), moment(n + 1, 0.0);
+  for (size_t j = 0; j < n; ++j) {
+    count[j + 1] = count[j] + bins_[j];
+    moment[j + 1] = moment[j] + static_cast<double>(j) * bins_[j];
+  }
+  // Sums over the bins j in [lo, hi) taken around the circle (lo may be
+  // negative, hi may pass n), with j counted unwrapped.
+  auto range = [&](long lo, long hi, double& c, double& m) {
+    c = 0.0;
+    m = 0.0;
+    const long size = static_cast<long>(n);
+    while (lo < hi) {
+      const long shift = lo < 0 ? -size : (lo >= size ? size : 0);
+      const long a = lo - shift;
+      const long b = std::min(hi - shift, size);
+      const double cc = count[b] - count[a];
+      c += cc;
+      m += moment[b] - moment[a] + static_cast<double>(shift) * cc;
+      lo = b + shift;
+    }
+  };
+  const long half = static_cast<long>(n / 2);
+  double bestCost = std::numeric_limits<double>::infinity();
+  long best = 0;
+  for (long k = 0; k < static_cast<long>(n); ++k) {
+    if (bins_[k] == 0) continue;
+    double cl, ml, cr, mr;
+    range(k - half + 1, k + 1, cl, ml);     // (k - half, k]
+    range(k + 1, k + half + 1, cr, mr);     // (k, k + half]
+    const double cost = static_cast<double>(k) * cl - ml + mr - static_cast<double>(k) * cr;
+    if (cost < bestCost) {
+      bestCost = cost;
+      best = k;
+    }
+  }
+  return wrapDeg((static_cast<double>(best) + 0.5) * kAngleResolutionDeg - 180.0);
+}
+
+double headingOfDeg(const std::array<double, 4>& q) {
+  return wrapDeg(-2.0 * std::atan2(q[3], q[0]) * 180.0 / kPi);
+}
+
+// ReferenceComparator --------------------------------------------------------
+
+struct ReferenceComparator::Record {
+  double t;
+  float difference[4];     // reference * conjugate(rotation vector), w x y z; w NaN when not usable
+  float referenceAzimuth;  // NaN when the reference attitude is missing
+  float libraryAzimuth;
+  float pitch, roll;       // reference
+  uint8_t calibrated;      // accuracy 3
+  uint8_t azimuthUsable;   // reference tilted at most kAzimuthMaxTiltDeg
+};
+
+struct ReferenceComparator::Selection {
+  explicit Selection(bool withAttitude) {
+    if (withAttitude) {
+      heading = std::make_unique<CircularHistogram>();
+      azimuth = std::make_unique<CircularHistogram>();
+    }
+  }
+  std::unique_ptr<CircularHistogram> heading;  // of the differences
+  std::unique_ptr<CircularHistogram> azimuth;  // reference minus library
+  std::array<double, 3> gyroSumAxis{};
+  double gyroSum = 0.0;
+  double gyroSumReference = 0.0;
+  size_t gyroCount = 0;
+};
+
+ReferenceComparator::ReferenceComparator(bool hasGyro, bool hasAttitude)
+    : hasGyro_(hasGyro),
+      hasAttitude_(hasAttitude),
+      calibrated_(std::make_unique<Selection>(hasAttitude)),
+      all_(std::make_unique<Selection>(hasAttitude)) {}
+
+ReferenceComparator::~ReferenceComparator() {
+  if (spill_ != nullptr) std::fclose(spill_);
+}
+
+void ReferenceComparator::keep(const Record& record) {
+  kept_.push_back(record);
+  if (kept_.size() < kRecordsInMemory) return;
+  if (spill_ == nullptr) spill_ = std::tmpfile();  // unnamed: gone with the process
+  if (spill_ == nullptr) return;                   // no temporary directory: keep in memory
+  if (std::fwrite(kept_.data(), sizeof(Record), kept_.size(), spill_) != kept_.size()) {
+    std::fclose(spill_);
+    spill_ = nullptr;
+    return;
+  }
+  kept_.clear();
+}
+
+bool ReferenceComparator::readBack(Record& record) {
+  if (readIndex_ == kept_.size()) {
+    if (spill_ == nullptr) return false;
+    kept_.resize(kRecordsInMemory);
+    kept_.resize(std::fread(kept_.data(), sizeof(Record), kRecordsInMemory, spill_));
+    readIndex_ = 0;
+    if (kept_.empty()) return false;
+  }
+  record = kept_[readIndex_++];
+  return true;
+}
+
+void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row) {
+  ++samples_;
+  const bool calibrated = row.accuracy == 3;
+  anyCalibrated_ = anyCalibrated_ || calibrated;
+  if (hasGyro_) {
+    if (!allFinite(sample.gyro.data(), 3)) {
+      ++missingGyro_;
+    } else {
+      double error2 = 0.0, reference2 = 0.0;
+      std::array<double, 3> axis2{};
+      for (int k = 0; k < 3; ++k) {
+        const double e = static_cast<double>(row.vgyro[k]) - sample.gyro[k];
+        axis2[k] = e * e;
+        error2 += e * e;
+        reference2 += sample.gyro[k] * sample.gyro[k];
+      }
+      for (Selection* s : {all_.get(), calibrated ? calibrated_.get() : nullptr}) {
+        if (s == nullptr) continue;
+        for (int k = 0; k < 3; ++k) s->gyroSumAxis[k] += axis2[k];
+        s->gyroSum += error2;
+        s->gyroSumReference += reference2;
+        ++s->gyroCount;
+      }
+    }
+  }
+  if (!hasAttitude_) return;
+
+  Record record{};
+  record.t = sample.t;
+  record.calibrated = calibrated ? 1 : 0;
+  record.libraryAzimuth = row.orientation[0];
+  record.difference[0] = static_cast<float>(kNaN);
+  record.referenceAzimuth = record.pitch = record.roll = static_cast<float>(kNaN);
+  if (!allFinite(sample.attitude.data(), 4)) {
+    ++missingAttitude_;
+  } else {
+    const Angles angles = anglesOf(sample.attitude);
+    record.referenceAzimuth = static_cast<float>(angles.azimuth);
+    record.pitch = static_cast<float>(angles.pitch);
+    record.roll = static_cast<float>(angles.roll);
+    record.azimuthUsable = angles.tiltDeg <= kAzimuthMaxTiltDeg ? 1 : 0;
+    double headingDifference = kNaN;
+    if (isUsable(row.rotVec)) {
+      const Quat d = multiply(sample.attitude, conjugate(fromLibraryOrder(row.rotVec)));
+      for (int k = 0; k < 4; ++k) record.difference[k] = static_cast<float>(d[k]);
+      headingDifference = headingOfDeg(d);
+    }
+    const double azimuthDifference =
+        record.azimuthUsable ? wrapDeg(angles.azimuth - static_cast<double>(row.orientation[0])) : kNaN;
+    for (Selection* s : {all_.get(), calibrated ? calibrated_.get() : nullptr}) {
+      if (s == nullptr) continue;
+      s->heading->add(headingDifference);
+      s->azimuth->add(azimuthDifference);
+    }
+  }
+  keep(record);
+}
+
+ReferenceComparison ReferenceComparator::finish(const std::function<void(const SampleErrors&)>& visit) {
   ReferenceComparison result;
-  // Before the calibration is complete the field still carries the hard-iron
-  // offset, and every output built on it is off: compare the calibrated part.
-  std::vector<bool> selected(rows.size(), false);
-  for (size_t i = 0; i < rows.size(); ++i) selected[i] = rows[i].accuracy == 3;
-  result.calibratedOnly = std::find(selected.begin(), selected.end(), true) != selected.end();
-  if (!result.calibratedOnly) selected.assign(rows.size(), true);
-
-  if (recording.hasGyro && !rows.empty()) result.gyro = compareGyro(recording, rows, selected);
-  if (!recording.hasAttitude || rows.empty()) return result;
-
-  // Rotation vector.
-  std::vector<Quat> references;
-  std::vector<Quat> estimates;
-  std::vector<size_t> compared;
-  for (size_t i = 0; i < rows.size(); ++i) {
-    if (!selected[i] || !isUsable(rows[i].rotVec)) continue;
-    references.push_back(recording.samples[i].attitude);
-    estimates.push_back(fromLibraryOrder(rows[i].rotVec));
-    compared.push_back(i);
+  result.calibratedOnly = anyCalibrated_;
+  result.missingGyro = missingGyro_;
+  result.missingAttitude = missingAttitude_;
+  const Selection& selection = anyCalibrated_ ? *calibrated_ : *all_;
+  if (hasGyro_ && samples_ > 0) {
+    GyroComparison g;
+    g.count = selection.gyroCount;
+    const double n = static_cast<double>(std::max<size_t>(g.count, 1));
+    for (int k = 0; k < 3; ++k) g.rmsAxis[k] = std::sqrt(selection.gyroSumAxis[k] / n);
+    g.rms = std::sqrt(selection.gyroSum / n);
+    g.referenceRms = std::sqrt(selection.gyroSumReference / n);
+    result.gyro = g;
   }
-  AngleComparison rotationVector;
-  result.rotationVectorErrorDeg.assign(rows.size(), kNaN);
-  if (!compared.empty()) {
-    rotationVector.alignmentDeg = bestHeadingAlignment(references, estimates);
-    const Quat align = headingRotation(rotationVector.alignmentDeg);
-    for (size_t j = 0; j < compared.size(); ++j) {
-      const Quat aligned = multiply(align, estimates[j]);
-      result.rotationVectorErrorDeg[compared[j]] =
-          rotationAngleDeg(multiply(references[j], conjugate(aligned)));
+  // Without a reference attitude nothing was kept and there is nothing to visit.
+  if (!hasAttitude_ || samples_ == 0) return result;
+
+  AngleComparison rotationVector, azimuth;
+  rotationVector.alignmentDeg = selection.heading->median();
+  azimuth.alignmentDeg = selection.azimuth->median();
+  // The histograms are no longer needed: give their memory back.
+  calibrated_.reset();
+  all_.reset();
+
+  if (spill_ != nullptr) {
+    if (!kept_.empty() && std::fwrite(kept_.data(), sizeof(Record), kept_.size(), spill_) != kept_.size()) {
+      // The spill cannot be completed: what is in memory is all there is.
+      std::fclose(spill_);
+      spill_ = nullptr;
+    } else {
+      kept_.clear();
+      std::rewind(spill_);
     }
   }
-  summarise(result.rotationVectorErrorDeg, rotationVector);
+  readIndex_ = 0;
+
+  ErrorStatistics rotationStats(180.0, kAngleResolutionDeg), azimuthStats(180.0, kAngleResolutionDeg);
+  const Quat undo = conjugate(headingRotation(rotationVector.alignmentDeg));
+  Record record;
+  SampleErrors errors;
+  for (size_t index = 0; readBack(record); ++index) {
+    errors = SampleErrors{};
+    errors.index = index;
+    errors.t = record.t;
+    errors.compared = !anyCalibrated_ || record.calibrated;
+    if (errors.compared && std::isfinite(record.difference[0])) {
+      const Quat d = {record.difference[0], record.difference[1], record.difference[2], record.difference[3]};
+      errors.rotationVectorDeg = rotationAngleDeg(multiply(d, undo));
+      rotationStats.add(errors.rotationVectorDeg);
+    }
+    if (std::isfinite(record.referenceAzimuth)) {
+      if (errors.compared && record.azimuthUsable) {
+        errors.azimuthDeg = wrapDeg(static_cast<double>(record.libraryAzimuth) + azimuth.alignmentDeg -
+                                    static_cast<double>(record.referenceAzimuth));
+        azimuthStats.add(errors.azimuthDeg);
+      }
+      double magnetic = static_cast<double>(record.referenceAzimuth) - azimuth.alignmentDeg;
+      magnetic -= 360.0 * std::floor(magnetic / 360.0);
+      errors.referenceAngles = {magnetic, record.pitch, record.roll};
+    }
+    if (visit) visit(errors);
+  }
+  if (spill_ != nullptr) {
+    std::fclose(spill_);
+    spill_ = nullptr;
+  }
+  kept_.clear();
+  kept_.shrink_to_fit();
+
+  for (auto [stats, out] : {std::pair{&rotationStats, &rotationVector}, std::pair{&azimuthStats, &azimuth}}) {
+    out->count = stats->count();
+    out->rmsDeg = stats->rms();
+    out->maxDeg = stats->max();
+    out->medianDeg = stats->median();
+  }
   result.rotationVector = rotationVector;
-
-  // Azimuth, where the device is not tilted too far for it to mean anything.
-  std::vector<Angles> angles;
-  std::vector<double> referenceAzimuth;
-  std::vector<double> libraryAzimuth;
-  compared.clear();
-  for (size_t i = 0; i < rows.size(); ++i) {
-    angles.push_back(anglesOf(recording.samples[i].attitude));
-    if (!selected[i] || angles.back().tiltDeg > kAzimuthMaxTiltDeg) continue;
-    referenceAzimuth.push_back(angles.back().azimuth);
-    libraryAzimuth.push_back(rows[i].orientation[0]);
-    compared.push_back(i);
-  }
-  AngleComparison azimuth;
-  result.azimuthErrorDeg.assign(rows.size(), kNaN);
-  if (!compared.empty()) {
-    azimuth.alignmentDeg = bestAngleOffset(referenceAzimuth, libraryAzimuth);
-    for (size_t j = 0; j < compared.size(); ++j) {
-      result.azimuthErrorDeg[compared[j]] =
-          wrapDeg(libraryAzimuth[j] + azimuth.alignmentDeg - referenceAzimuth[j]);
-    }
-  }
-  summarise(result.azimuthErrorDeg, azimuth);
   result.azimuth = azimuth;
-
-  for (const Angles& a : angles) {
-    double magneticAzimuth = a.azimuth - azimuth.alignmentDeg;
-    magneticAzimuth -= 360.0 * std::floor(magneticAzimuth / 360.0);
-    result.referenceAngles.push_back({magneticAzimuth, a.pitch, a.roll});
-  }
   return result;
 }
 
+ReferenceComparison compareWithReference(const Recording& recording, const std::vector<ReplayRow>& rows,
+                                         std::vector<SampleErrors>* perSample) {
+  ReferenceComparator comparator(recording.hasGyro, recording.hasAttitude);
+  for (size_t i = 0; i < rows.size() && i < recording.samples.size(); ++i) comparator.add(recording.samples[i], rows[i]);
+  if (perSample == nullptr) return comparator.finish();
+  perSample->clear();
+  return comparator.finish([perSample](const SampleErrors& e) { perSample->push_back(e); });
+}
 
-Quat northFromField(const Vec3& worldField) {
+double bestHeadingAlignment(const std::vector<std::array<double, 4>>& reference,
+                            const std::vector<std::array<double, 4>>& estimate) {
+  CircularHistogram headings;
+  for (size_t i = 0; i < reference.size(); ++i) headings.add(headingOfDeg(multiply(reference[i], conjugate(estimate[i]))));
+  return headings.median();
+}
+
+double bestAngleOffset(const std::vector<double>& reference, const std::vector<double>& estimate) {
+  CircularHistogram differences;
+  for (size_t i = 0; i < reference.size(); ++i) differences.add(wrapDeg(reference[i] - estimate[i]));
+  return differences.median();
+}
+
+
+std::array<double, 4> northFromField(const std::array<double, 3>& worldField) {
   // Counter-clockwise turn that takes the field's horizontal direction onto +y.
   const double angle = std::atan2(worldField[0], worldField[1]);
   return {std::cos(0.5 * angle), 0.0, 0.0, std::sin(0.5 * angle)};
 }
 
-double headingErrorDeg(const Quat& reference, const Quat& estimate) {
-  const Quat e = multiply(reference, conjugate(estimate));
-  return wrapDeg(2.0 * std::atan2(e[3], e[0]) * 180.0 / 3.14159265358979323846);
+double headingErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate) {
+  return headingOfDeg(multiply(reference, conjugate(estimate)));
 }
 
-double tiltErrorDeg(const Quat& reference, const Quat& estimate) {
+double tiltErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate) {
   const Vec3 a = rotate(conjugate(reference), {0.0, 0.0, 1.0});
   const Vec3 b = rotate(conjugate(estimate), {0.0, 0.0, 1.0});
   const Vec3 c{a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
@@ -213,13 +363,16 @@ double tiltErrorDeg(const Quat& reference, const Quat& estimate) {
   return std::atan2(s, a[0] * b[0] + a[1] * b[1] + a[2] * b[2]) * 180.0 / 3.14159265358979323846;
 }
 
-double attitudeErrorDeg(const Quat& reference, const Quat& estimate, double alignmentDeg) {
+double attitudeErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate,
+                        double alignmentDeg) {
   return rotationAngleDeg(multiply(conjugate(reference), multiply(headingRotation(alignmentDeg), estimate)));
 }
 
-std::vector<Vec3> referenceRates(const std::vector<double>& t, const std::vector<Quat>& reference) {
+std::vector<std::array<double, 3>> referenceRates(const std::vector<double>& t,
+                                                  const std::vector<std::array<double, 4>>& reference) {
   const size_t n = reference.size();
-  std::vector<Vec3> rates(n, Vec3{kNaN, kNaN, kNaN});
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  std::vector<std::array<double, 3>> rates(n, {nan, nan, nan});
   auto usable = [&](size_t i) {
     const Quat& q = reference[i];
     return std::isfinite(q[0] + q[1] + q[2] + q[3]);

@@ -1,18 +1,37 @@
 // Compares a replay with the reference columns of its recording: the
 // virtual gyroscope against the reference gyroscope, the rotation vector
-// and the azimuth against the reference attitude. Magnetic and reference
-// north differ by a constant heading, so the attitude comparisons first
-// find the constant heading alignment that fits best: the one with the
-// least mean absolute error, which the lag of the smoothed outputs during
-// fast turns does not pull away as it would a least-squares fit. Only samples at
-// calibration accuracy 3 are compared, when there are any.
+// and the azimuth against the reference attitude. This is the one place
+// where errors against a reference are defined: the summary, the report and
+// the measurement tools all take them from here, so one recording never
+// shows two different errors.
+//
+// Magnetic and reference north differ by a constant heading, so the
+// attitude comparisons first find the heading alignment: the circular
+// median of the per-sample heading differences, that is the alignment with
+// the least mean absolute heading difference. Unlike a least-squares fit,
+// the lag of the smoothed outputs during fast turns does not pull it away.
+// It is found on a 0.001 degree grid in time linear in the samples.
+//
+// Only samples at calibration accuracy 3 are compared, when there are any;
+// samples whose reference is missing (empty or nan in the recording) are
+// left out and counted.
+//
+// The comparison streams: add() takes the samples one at a time in a first
+// pass, finish() settles the alignments and takes a second pass over what
+// add() kept (a compact record per sample, spilled to an unnamed temporary
+// file beyond a few thousand samples), handing each sample's errors to a
+// visitor. Memory does not grow with the recording.
 #pragma once
 
 #include <array>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <limits>
+#include <memory>
 #include <optional>
 #include <vector>
 
-#include "tools/replay/attitude_math.h"
 #include "tools/replay/recording.h"
 #include "tools/replay/replay_row.h"
 
@@ -21,6 +40,44 @@ namespace quelta::replay {
 // Azimuth errors are taken only where the device is tilted at most this
 // much: towards the vertical the azimuth loses its meaning.
 constexpr double kAzimuthMaxTiltDeg = 60.0;
+
+// Resolution of the alignments and of the medians, degrees.
+constexpr double kAngleResolutionDeg = 0.001;
+
+// Streaming RMS, maximum and median of non-negative errors. The median is
+// taken from a histogram of resolution `resolution` up to `limit` (larger
+// values count in the last bin), so memory is fixed.
+class ErrorStatistics {
+ public:
+  ErrorStatistics(double limit, double resolution);
+  void add(double error);  // NaN is ignored
+  size_t count() const { return count_; }
+  double rms() const;
+  double max() const { return max_; }
+  double median() const;  // centre of the bin holding the median
+
+ private:
+  double resolution_;
+  std::vector<uint32_t> bins_;
+  size_t count_ = 0;
+  double sumSquares_ = 0.0;
+  double max_ = 0.0;
+};
+
+// Histogram of angles on the circle, for circular medians.
+class CircularHistogram {
+ public:
+  CircularHistogram();
+  void add(double deg);  // NaN is ignored
+  size_t count() const { return count_; }
+  // The angle (bin centre, in [-180, 180)) minimising the sum of absolute
+  // wrapped differences to the angles added; 0 when empty.
+  double median() const;
+
+ private:
+  std::vector<uint32_t> bins_;
+  size_t count_ = 0;
+};
 
 struct GyroComparison {
   std::array<double, 3> rmsAxis{};  // rad/s
@@ -42,55 +99,109 @@ struct ReferenceComparison {
   // usual case); false when the calibration never completed and they cover
   // every sample.
   bool calibratedOnly = false;
+  // Samples whose reference gyroscope or attitude was missing.
+  size_t missingGyro = 0;
+  size_t missingAttitude = 0;
   std::optional<GyroComparison> gyro;
   std::optional<AngleComparison> rotationVector;
   std::optional<AngleComparison> azimuth;
-  // Per sample (NaN where not compared): rotation vector error and signed
-  // azimuth error after alignment, degrees; reference angles with the
-  // azimuth shifted onto magnetic north.
-  std::vector<double> rotationVectorErrorDeg;
-  std::vector<double> azimuthErrorDeg;
-  std::vector<std::array<double, 3>> referenceAngles;
 };
 
-ReferenceComparison compareWithReference(const Recording& recording,
-                                         const std::vector<ReplayRow>& rows);
+// One sample's errors against the reference, NaN where not compared.
+struct SampleErrors {
+  size_t index = 0;  // sample number, from 0
+  double t = 0.0;
+  bool compared = false;  // in the compared selection (accuracy 3, or all)
+  double rotationVectorDeg = std::numeric_limits<double>::quiet_NaN();
+  double azimuthDeg = std::numeric_limits<double>::quiet_NaN();  // signed, after alignment
+  // Reference azimuth (on the library's magnetic north), pitch and roll,
+  // degrees, in the conventions of the orientation output; NaN when the
+  // reference attitude is missing.
+  std::array<double, 3> referenceAngles{std::numeric_limits<double>::quiet_NaN(),
+                                        std::numeric_limits<double>::quiet_NaN(),
+                                        std::numeric_limits<double>::quiet_NaN()};
+};
 
-// Heading alignment (degrees, clockwise) minimising the mean angle between
-// reference[i] and headingRotation(alignment) * estimate[i].
+class ReferenceComparator {
+ public:
+  ReferenceComparator(bool hasGyro, bool hasAttitude);
+  ~ReferenceComparator();
+  ReferenceComparator(const ReferenceComparator&) = delete;
+  ReferenceComparator& operator=(const ReferenceComparator&) = delete;
+
+  // First pass, in sample order.
+  void add(const RecordedSample& sample, const ReplayRow& row);
+  // Settles the alignments and, if visit is given, hands it every sample's
+  // errors in order. Call once.
+  ReferenceComparison finish(const std::function<void(const SampleErrors&)>& visit = {});
+
+ private:
+  struct Record;
+  struct Selection;
+  void keep(const Record& record);
+  bool readBack(Record& record);
+
+  bool hasGyro_;
+  bool hasAttitude_;
+  size_t samples_ = 0;
+  bool anyCalibrated_ = false;
+  size_t missingGyro_ = 0;
+  size_t missingAttitude_ = 0;
+  std::unique_ptr<Selection> calibrated_;  // accuracy 3
+  std::unique_ptr<Selection> all_;
+  std::vector<Record> kept_;
+  FILE* spill_ = nullptr;
+  size_t readIndex_ = 0;
+};
+
+// Compares a whole replay at once; perSample, if given, receives every
+// sample's errors.
+ReferenceComparison compareWithReference(const Recording& recording, const std::vector<ReplayRow>& rows,
+                                         std::vector<SampleErrors>* perSample = nullptr);
+
+// Heading alignment (degrees, clockwise) of the estimates onto the
+// references: the circular median of the heading of reference[i] *
+// conjugate(estimate[i]).
 double bestHeadingAlignment(const std::vector<std::array<double, 4>>& reference,
                             const std::vector<std::array<double, 4>>& estimate);
 
 // Constant offset (degrees) minimising the mean of |wrapDeg(reference - estimate - offset)|.
 double bestAngleOffset(const std::vector<double>& reference, const std::vector<double>& estimate);
 
+// The heading (degrees, clockwise, [-180, 180)) of the rotation about up in
+// q: the twist of q about the vertical.
+double headingOfDeg(const std::array<double, 4>& q);
+
 
 // Per-sample measures of an attitude estimate against a reference attitude,
-// both device to east-north-up, quaternions (w, x, y, z). They hold at any
+// both device to east-north-up, quaternions (w, x, y, z), for engines that
+// report a whole attitude (the compass filter, TRIAD). They hold at any
 // tilt: the heading error is the turn about the vertical between the two
 // (the twist of reference * estimate^-1 about up), not a difference of
 // azimuths, which lose their meaning towards the vertical.
 
-// The reference's frame turned so that its north is the horizontal
-// direction of worldField (the recording's magnetic north): the rotation
-// to apply on the left of every reference attitude.
-Quat northFromField(const Vec3& worldField);
+// The rotation to apply on the left of every reference attitude so that its
+// north becomes the horizontal direction of worldField (a recording's
+// magnetic north, in the reference frame).
+std::array<double, 4> northFromField(const std::array<double, 3>& worldField);
 
 // Turn about the vertical from estimate to reference, degrees [-180, 180),
-// counter-clockwise positive.
-double headingErrorDeg(const Quat& reference, const Quat& estimate);
+// clockwise positive (headingOfDeg of reference * estimate^-1).
+double headingErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate);
 
 // Angle between the reference's and the estimate's up, seen in the device
 // frame, degrees.
-double tiltErrorDeg(const Quat& reference, const Quat& estimate);
+double tiltErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate);
 
 // Whole attitude error after turning the estimate by a constant heading
 // (degrees, clockwise, as bestHeadingAlignment returns it).
-double attitudeErrorDeg(const Quat& reference, const Quat& estimate, double alignmentDeg);
+double attitudeErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate,
+                        double alignmentDeg);
 
 // Angular rate in the device frame derived from the reference attitudes by
 // central differences (rad/s); NaN where a neighbour is missing (non-finite)
 // or the interval is not positive.
-std::vector<Vec3> referenceRates(const std::vector<double>& t, const std::vector<Quat>& reference);
+std::vector<std::array<double, 3>> referenceRates(const std::vector<double>& t,
+                                                  const std::vector<std::array<double, 4>>& reference);
 
 }  // namespace quelta::replay

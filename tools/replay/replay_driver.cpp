@@ -10,9 +10,9 @@ std::array<float, 3> toFloats(const std::array<double, 3>& v) {
   return {static_cast<float>(v[0]), static_cast<float>(v[1]), static_cast<float>(v[2])};
 }
 
-void initialise(const Recording& recording, const DriverOptions& options) {
+void initialise(double period, const DriverOptions& options) {
   const AlgoSetup& setup = options.setup;
-  const long periodMs = std::lround(recording.nominalPeriod() * 1000.0);
+  const long periodMs = std::lround(period * 1000.0);
   const int32_t paraC[3] = {static_cast<int32_t>(periodMs), setup.windows[0], setup.windows[1]};
   AlgoInitial(setup.axis.data(), setup.stored.data(), setup.pool.data(), setup.thresholds.data(), paraC,
               options.log);
@@ -20,20 +20,22 @@ void initialise(const Recording& recording, const DriverOptions& options) {
 
 }  // namespace
 
-std::vector<ReplayRow> replayRecording(const Recording& recording, const DriverOptions& options) {
-  initialise(recording, options);
+size_t replayStream(const SampleSource& source, double period, size_t total, const DriverOptions& options,
+                    const RowSink& sink) {
+  initialise(period, options);
   const int32_t mode = options.logMode;
-  const size_t total = recording.samples.size();
-  const size_t progressStep = total / 100 + 1;
-  std::vector<ReplayRow> rows;
-  rows.reserve(total);
-  double previousT = recording.samples.empty() ? 0.0 : recording.samples[0].t - recording.nominalPeriod();
-
-  for (size_t i = 0; i < total; ++i) {
-    const RecordedSample& sample = recording.samples[i];
+  // Progress every percent when the total is known, else every 64k samples.
+  const size_t progressStep = total > 0 ? total / 100 + 1 : 65536;
+  RecordedSample sample;
+  ReplayRow row;
+  size_t count = 0;
+  double previousT = 0.0;
+  while (source(sample)) {
+    if (count == 0) previousT = sample.t - period;
+    if (options.beforeSample) options.beforeSample(count, sample.t);
     const std::array<float, 3> acc = toFloats(sample.acc);
     const std::array<float, 3> mag = toFloats(sample.mag);
-    ReplayRow row;
+    row = ReplayRow{};
     row.t = sample.t;
 
     // Calibration and orientation: the field itself is the saturation probe.
@@ -60,10 +62,26 @@ std::vector<ReplayRow> replayRecording(const Recording& recording, const DriverO
     GetQueltaGravityAcc(row.gravity.data());
     GetQueltaLinearAcc(row.linearAcc.data());
 
-    rows.push_back(row);
-    if (options.progress && (i + 1) % progressStep == 0) options.progress(i + 1, total);
+    sink(sample, row);
+    ++count;
+    if (options.progress && count % progressStep == 0) options.progress(count, total);
   }
-  if (options.progress) options.progress(total, total);
+  if (options.progress) options.progress(count, total);
+  return count;
+}
+
+std::vector<ReplayRow> replayRecording(const Recording& recording, const DriverOptions& options) {
+  std::vector<ReplayRow> rows;
+  rows.reserve(recording.samples.size());
+  size_t next = 0;
+  replayStream(
+      [&](RecordedSample& sample) {
+        if (next == recording.samples.size()) return false;
+        sample = recording.samples[next++];
+        return true;
+      },
+      recording.nominalPeriod(), recording.samples.size(), options,
+      [&rows](const RecordedSample&, const ReplayRow& row) { rows.push_back(row); });
   return rows;
 }
 

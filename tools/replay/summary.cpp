@@ -1,5 +1,7 @@
 #include "tools/replay/summary.h"
 
+#include <algorithm>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 
@@ -18,33 +20,100 @@ void appendf(std::string& text, const char* format, ...) {
   text += line;
 }
 
+template <size_t N>
+bool finite(const std::array<float, N>& values) {
+  for (float v : values) {
+    if (!std::isfinite(v)) return false;
+  }
+  return true;
+}
+
+// Names of the outputs of a row that are not finite numbers, "" when all are.
+std::string nonFiniteOutputs(const ReplayRow& r) {
+  std::string names;
+  auto check = [&names](bool ok, const char* name) {
+    if (ok) return;
+    if (!names.empty()) names += ", ";
+    names += name;
+  };
+  check(finite(r.offset) && std::isfinite(r.radius), "calibration");
+  check(finite(r.calField), "calibrated field");
+  check(finite(r.orientation), "orientation");
+  check(finite(r.vgyro), "virtual gyroscope");
+  check(finite(r.rotVec), "rotation vector");
+  check(finite(r.gravity) && finite(r.linearAcc), "gravity");
+  return names;
+}
+
 }  // namespace
 
+SummaryBuilder::SummaryBuilder(std::string recordingName, double period) : period_(period) {
+  s_.recording = std::move(recordingName);
+  s_.rate = period > 0.0 ? 1.0 / period : 0.0;
+}
+
+void SummaryBuilder::add(const ReplayRow& row) {
+  const int level = std::clamp(row.accuracy, 0, 3);
+  if (s_.samples == 0) {
+    firstT_ = row.t;
+  } else {
+    // The time since the previous sample counts at the previous sample's level.
+    s_.timeAtAccuracy[previousLevel_] += row.t - previousT_;
+  }
+  ++s_.samples;
+
+  // Drops still open end when the level is back at the one they fell from.
+  while (!openDrops_.empty() && level >= s_.drops[openDrops_.back()].from) {
+    AccuracyDrop& drop = s_.drops[openDrops_.back()];
+    drop.duration = row.t - drop.at;
+    drop.recovered = true;
+    openDrops_.pop_back();
+  }
+  for (size_t index : openDrops_) s_.drops[index].lowest = std::min(s_.drops[index].lowest, level);
+  if (s_.samples > 1 && level < previousLevel_) {
+    s_.drops.push_back({row.t, previousLevel_, level, 0.0, false});
+    openDrops_.push_back(s_.drops.size() - 1);
+  }
+
+  for (int l = 1; l <= 3; ++l) {
+    if (level >= l && !s_.accuracyReached[l - 1]) s_.accuracyReached[l - 1] = row.t;
+  }
+  if (row.newCalibration) {
+    ++s_.acceptedFits;
+    s_.lastAcceptedAt = row.t;
+  }
+  if (row.saturation) ++s_.saturations;
+  const std::string bad = nonFiniteOutputs(row);
+  if (!bad.empty()) {
+    if (s_.nonFiniteSamples == 0) {
+      s_.firstNonFiniteAt = row.t;
+      s_.firstNonFiniteOutput = bad;
+    }
+    ++s_.nonFiniteSamples;
+  }
+  s_.finalAccuracy = level;
+  s_.offset = row.offset;
+  s_.radius = row.radius;
+  s_.geometry = row.geometry;
+  previousT_ = row.t;
+  previousLevel_ = level;
+}
+
+Summary SummaryBuilder::finish() {
+  if (s_.samples > 0) {
+    s_.duration = previousT_ - firstT_;
+    // The last sample stands for one interval; drops still open last to the end.
+    s_.timeAtAccuracy[previousLevel_] += period_;
+    for (size_t index : openDrops_) s_.drops[index].duration = previousT_ + period_ - s_.drops[index].at;
+  }
+  openDrops_.clear();
+  return s_;
+}
+
 Summary summarise(const Recording& recording, const std::vector<ReplayRow>& rows) {
-  Summary s;
-  s.recording = recording.name;
-  s.samples = rows.size();
-  s.duration = recording.duration();
-  const double period = recording.nominalPeriod();
-  s.rate = period > 0.0 ? 1.0 / period : 0.0;
-  for (const ReplayRow& row : rows) {
-    for (int level = 1; level <= 3; ++level) {
-      if (row.accuracy >= level && !s.accuracyReached[level - 1]) s.accuracyReached[level - 1] = row.t;
-    }
-    if (row.newCalibration) {
-      ++s.acceptedFits;
-      s.lastAcceptedAt = row.t;
-    }
-    if (row.saturation) ++s.saturations;
-  }
-  if (!rows.empty()) {
-    const ReplayRow& last = rows.back();
-    s.finalAccuracy = last.accuracy;
-    s.offset = last.offset;
-    s.radius = last.radius;
-    s.geometry = last.geometry;
-  }
-  return s;
+  SummaryBuilder builder(recording.name, recording.nominalPeriod());
+  for (const ReplayRow& row : rows) builder.add(row);
+  return builder.finish();
 }
 
 std::string formatSummary(const Summary& s, const ReferenceComparison& reference) {
@@ -60,6 +129,29 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
     }
   }
   appendf(text, "  (final %d)\n", s.finalAccuracy);
+  double total = 0.0;
+  for (double t : s.timeAtAccuracy) total += t;
+  text += "time at accuracy";
+  for (int level = 0; level <= 3; ++level) {
+    appendf(text, "  %d: %.2f s (%.1f %%)", level, s.timeAtAccuracy[level],
+            total > 0.0 ? 100.0 * s.timeAtAccuracy[level] / total : 0.0);
+  }
+  text += "\n";
+  if (s.drops.empty()) {
+    text += "accuracy drops   none\n";
+  } else {
+    appendf(text, "accuracy drops   %zu\n", s.drops.size());
+    for (size_t i = 0; i < s.drops.size() && i < kDropsListed; ++i) {
+      const AccuracyDrop& d = s.drops[i];
+      appendf(text, "  at %.2f s from %d to %d for %.2f s%s\n", d.at, d.from, d.lowest, d.duration,
+              d.recovered ? "" : " (to the end)");
+    }
+    if (s.drops.size() > kDropsListed) {
+      double rest = 0.0;
+      for (size_t i = kDropsListed; i < s.drops.size(); ++i) rest += s.drops[i].duration;
+      appendf(text, "  and %zu more, %.2f s in all\n", s.drops.size() - kDropsListed, rest);
+    }
+  }
   appendf(text, "offset           %.5f %.5f %.5f gauss\n", s.offset[0], s.offset[1], s.offset[2]);
   appendf(text, "radius           %.5f gauss\n", s.radius);
   if (s.lastAcceptedAt) {
@@ -70,6 +162,14 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
   appendf(text, "field geometry   horizontal %.4f gauss, vertical %.4f gauss, inclination %.2f deg\n",
           s.geometry[0], s.geometry[1], s.geometry[2]);
   if (s.saturations > 0) appendf(text, "saturations      %d\n", s.saturations);
+  if (s.nonFiniteSamples > 0) {
+    appendf(text, "non-finite       %zu samples with outputs that are not finite numbers, first at %.2f s (%s)\n",
+            s.nonFiniteSamples, *s.firstNonFiniteAt, s.firstNonFiniteOutput.c_str());
+  }
+  if (reference.missingGyro > 0 || reference.missingAttitude > 0) {
+    appendf(text, "no reference     gyroscope on %zu samples, attitude on %zu samples (left out of the comparisons)\n",
+            reference.missingGyro, reference.missingAttitude);
+  }
   const char* part = reference.calibratedOnly ? "calibrated" : "uncalibrated";
   if (reference.gyro) {
     const GyroComparison& g = *reference.gyro;

@@ -1,4 +1,6 @@
-// The figures of a replay that a person reads first, and their text.
+// The figures of a replay that a person reads first, and their text. The
+// figures are gathered sample by sample (SummaryBuilder), so a recording of
+// any length is summarised in fixed memory.
 #pragma once
 
 #include <array>
@@ -12,12 +14,25 @@
 
 namespace quelta::replay {
 
+// A fall of the calibration accuracy: when, from which level to the lowest
+// level reached before it came back, and for how long it stayed below the
+// level it fell from (to the end of the recording if it never came back).
+struct AccuracyDrop {
+  double at = 0.0;  // s
+  int from = 0;
+  int lowest = 0;
+  double duration = 0.0;  // s
+  bool recovered = false;
+};
+
 struct Summary {
   std::string recording;
   size_t samples = 0;
-  double duration = 0.0;  // s
+  double duration = 0.0;  // s, first to last sample
   double rate = 0.0;      // Hz, from the median interval
   std::array<std::optional<double>, 3> accuracyReached;  // first time at level >= 1, 2, 3
+  std::array<double, 4> timeAtAccuracy{};                // s at each level 0..3
+  std::vector<AccuracyDrop> drops;                       // in time order
   int finalAccuracy = 0;
   std::array<float, 3> offset{};
   float radius = 0.0f;
@@ -25,9 +40,33 @@ struct Summary {
   std::optional<double> lastAcceptedAt;
   std::array<float, 3> geometry{};  // horizontal, vertical (gauss), inclination (deg)
   int saturations = 0;
+  // Samples with an output that is not a finite number, and the first one.
+  size_t nonFiniteSamples = 0;
+  std::optional<double> firstNonFiniteAt;
+  std::string firstNonFiniteOutput;  // names of the outputs affected there
+};
+
+class SummaryBuilder {
+ public:
+  // period: the recording's nominal sample interval (s), for the rate and
+  // for the time the last sample stands for.
+  SummaryBuilder(std::string recordingName, double period);
+  void add(const ReplayRow& row);
+  Summary finish();
+
+ private:
+  Summary s_;
+  double period_;
+  double firstT_ = 0.0;
+  double previousT_ = 0.0;
+  int previousLevel_ = 0;
+  std::vector<size_t> openDrops_;  // indices into s_.drops, outermost first
 };
 
 Summary summarise(const Recording& recording, const std::vector<ReplayRow>& rows);
+
+// At most this many drops are listed one by one; the rest are counted.
+constexpr size_t kDropsListed = 20;
 
 std::string formatSummary(const Summary& summary, const ReferenceComparison& reference);
 

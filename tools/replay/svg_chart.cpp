@@ -52,64 +52,164 @@ struct Frame {
   double py(double v) const { return top + (y.hi - v) / (y.hi - y.lo) * plotH; }
 };
 
-// Path data for a line; long series are thinned to the lowest and highest
-// value per pixel column, which keeps the look and the file small.
+// The envelope of a series given as x, y vectors.
+Envelope envelopeOf(const Series& s) {
+  Envelope envelope;
+  for (size_t i = 0; i < s.x.size() && i < s.y.size(); ++i) {
+    if (std::isfinite(s.x[i])) envelope.add(s.x[i], s.y[i]);
+  }
+  return envelope;
+}
+
+// Path data for a line: per pixel column the first, lowest, highest and
+// last value, so a long series costs a few bytes per column however many
+// samples it has, and a single spike still shows.
 std::string linePath(const Series& s, const Frame& f) {
+  Envelope local;
+  const Envelope* envelope = s.envelope.get();
+  if (envelope == nullptr) {
+    local = envelopeOf(s);
+    envelope = &local;
+  }
+  // Buckets gathered into pixel columns.
+  std::vector<std::pair<double, Envelope::Bucket>> columns;
+  for (const Envelope::Bucket& b : envelope->buckets()) {
+    if (b.count == 0) continue;
+    const double column = std::floor(f.px(b.xFirst));
+    if (!columns.empty() && columns.back().first == column && !b.breakBefore) {
+      Envelope::merge(columns.back().second, b);
+    } else {
+      columns.push_back({column, b});
+    }
+  }
+  const double period = envelope->period();
   std::string d;
   bool penDown = false;
-  const bool thin = s.x.size() > static_cast<size_t>(f.plotW) * 4;
-  size_t i = 0;
-  while (i < s.x.size()) {
-    if (!std::isfinite(s.x[i]) || !std::isfinite(s.y[i])) {
-      penDown = false;
-      ++i;
-      continue;
+  double previous = 0.0;  // last value drawn, shifted
+  for (const auto& [column, bucket] : columns) {
+    Envelope::Bucket b = bucket;
+    if (period > 0.0) {
+      const double shift = period * std::floor((b.first - envelope->base()) / period);
+      b.first -= shift;
+      b.lo -= shift;
+      b.hi -= shift;
+      b.last -= shift;
+      if (penDown && std::fabs(b.first - previous) > period / 2.0) penDown = false;
     }
-    double column = std::floor(f.px(s.x[i]));
-    size_t j = i + 1;
-    double lo = s.y[i], hi = s.y[i];
-    if (thin) {
-      while (j < s.x.size() && std::isfinite(s.y[j]) && std::floor(f.px(s.x[j])) == column) {
-        lo = std::min(lo, s.y[j]);
-        hi = std::max(hi, s.y[j]);
-        ++j;
-      }
-    }
-    const double x = f.px(s.x[i]);
-    auto to = [&](double yValue) {
-      const double y = f.py(yValue);
-      if (!penDown) {
-        d += "M" + num(x) + " " + num(y);
-      } else if (s.style == Series::Style::Step) {
-        d += "H" + num(x) + "V" + num(y);
-      } else {
-        d += "L" + num(x) + " " + num(y);
-      }
-      penDown = true;
-    };
-    if (thin && j > i + 1) {
-      to(s.y[i]);
-      to(lo);
-      to(hi);
-      to(s.y[j - 1]);
+    if (b.breakBefore) penDown = false;
+    const double x = b.count == 1 ? f.px(b.xFirst) : column + 0.5;
+    const std::string y = num(f.py(b.first));
+    if (!penDown) {
+      d += "M" + num(x) + " " + y;
+    } else if (s.style == Series::Style::Step) {
+      d += "H" + num(x) + "V" + y;
     } else {
-      to(s.y[i]);
+      d += "L" + num(x) + " " + y;
     }
-    i = j;
+    penDown = true;
+    if (b.count > 1) {
+      // The column's extremes, then where it ends.
+      for (double v : {b.lo, b.hi, b.last}) d += "V" + num(f.py(v));
+      if (period > 0.0) {
+        // Whatever passes the top or the bottom shows again on the other side.
+        const double top = envelope->base() + period;
+        if (b.hi > top) d += "M" + num(x) + " " + num(f.py(b.lo - period)) + "V" + num(f.py(b.hi - period));
+        if (b.lo < envelope->base()) d += "M" + num(x) + " " + num(f.py(b.lo + period)) + "V" + num(f.py(b.hi + period));
+        if (b.hi > top || b.lo < envelope->base()) d += "M" + num(x) + " " + num(f.py(b.last));
+      }
+    }
+    previous = b.last;
   }
   return d;
 }
 
+// Point clouds: one dot per 2-pixel cell that holds any point.
 std::string pointsPath(const Series& s, const Frame& f) {
+  const int cellsX = static_cast<int>(f.plotW / 2.0) + 1;
+  const int cellsY = static_cast<int>(f.plotH / 2.0) + 1;
+  std::vector<bool> taken(static_cast<size_t>(cellsX) * cellsY, false);
   std::string d;
   for (size_t i = 0; i < s.x.size(); ++i) {
     if (!std::isfinite(s.x[i]) || !std::isfinite(s.y[i])) continue;
-    d += "M" + num(f.px(s.x[i])) + " " + num(f.py(s.y[i])) + "h0";
+    const int cx = static_cast<int>(std::floor((f.px(s.x[i]) - f.left) / 2.0));
+    const int cy = static_cast<int>(std::floor((f.py(s.y[i]) - f.top) / 2.0));
+    if (cx < 0 || cy < 0 || cx >= cellsX || cy >= cellsY) continue;
+    const size_t cell = static_cast<size_t>(cy) * cellsX + cx;
+    if (taken[cell]) continue;
+    taken[cell] = true;
+    d += "M" + std::to_string(static_cast<int>(f.left) + 2 * cx + 1) + " " +
+         std::to_string(static_cast<int>(f.top) + 2 * cy + 1) + "h0";
   }
   return d;
 }
 
 }  // namespace
+
+void Envelope::merge(Bucket& a, const Bucket& b) {
+  if (b.count == 0) return;
+  if (a.count == 0) {
+    const bool gap = a.breakBefore;
+    a = b;
+    a.breakBefore = a.breakBefore || gap;
+    return;
+  }
+  a.xLast = b.xLast;
+  a.lo = std::min(a.lo, b.lo);
+  a.hi = std::max(a.hi, b.hi);
+  a.last = b.last;
+  a.count += b.count;
+}
+
+void Envelope::halve() {
+  for (size_t i = 0; i < buckets_.size() / 2; ++i) {
+    Bucket merged = buckets_[2 * i];
+    merge(merged, buckets_[2 * i + 1]);
+    buckets_[i] = merged;
+  }
+  std::fill(buckets_.begin() + static_cast<long>(buckets_.size() / 2), buckets_.end(), Bucket{});
+  width_ *= 2.0;
+}
+
+void Envelope::add(double x, double y) {
+  if (!std::isfinite(x)) return;
+  if (!std::isfinite(y)) {
+    gap_ = true;
+    return;
+  }
+  if (!started_) {
+    buckets_.assign(kBuckets, Bucket{});
+    origin_ = x;
+    started_ = true;
+  }
+  if (width_ == 0.0 && x > origin_) width_ = x - origin_;
+  double position = width_ > 0.0 ? std::floor((x - origin_) / width_) : 0.0;
+  if (position < 0.0) position = 0.0;
+  while (position >= static_cast<double>(kBuckets)) {
+    halve();
+    position = std::floor((x - origin_) / width_);
+  }
+  // On a periodic track, each value is placed nearest to the one before.
+  double value = y;
+  if (period_ > 0.0 && haveLast_) value = y + period_ * std::round((lastTracked_ - y) / period_);
+  lastTracked_ = value;
+  haveLast_ = true;
+
+  Bucket& b = buckets_[static_cast<size_t>(position)];
+  if (b.count == 0) {
+    b.xFirst = b.xLast = x;
+    b.first = b.lo = b.hi = b.last = value;
+    b.count = 1;
+    b.breakBefore = gap_;
+  } else {
+    b.xLast = x;
+    b.lo = std::min(b.lo, value);
+    b.hi = std::max(b.hi, value);
+    b.last = value;
+    ++b.count;
+  }
+  gap_ = false;
+  ++samples_;
+}
 
 std::vector<double> niceTicks(double lo, double hi, int count) {
   std::vector<double> ticks;
@@ -144,6 +244,17 @@ std::string escapeXml(const std::string& text) {
 std::string renderSvg(const Chart& chart) {
   Frame f;
   for (const Series& s : chart.series) {
+    if (s.envelope) {
+      for (const Envelope::Bucket& b : s.envelope->buckets()) {
+        if (b.count == 0) continue;
+        f.x.include(b.xFirst);
+        f.x.include(b.xLast);
+        if (s.envelope->period() > 0.0) continue;  // periodic charts fix their y range
+        f.y.include(b.lo);
+        f.y.include(b.hi);
+      }
+      continue;
+    }
     for (double v : s.x) f.x.include(v);
     for (double v : s.y) f.y.include(v);
   }
@@ -227,19 +338,32 @@ std::string renderSvg(const Chart& chart) {
   svg += "</g>\n";
 
   // Legend, top right, one entry per labelled series or circle.
-  std::vector<std::pair<std::string, std::string>> entries;
+  // Each entry shows a stretch of the line as drawn: solid, dashed, dots.
+  struct Entry {
+    std::string label, colour;
+    Series::Style style;
+  };
+  std::vector<Entry> entries;
   for (const Series& s : chart.series) {
-    if (!s.label.empty()) entries.emplace_back(s.label, s.colour);
+    if (!s.label.empty()) entries.push_back({s.label, s.colour, s.style});
   }
   for (const CircleOverlay& c : chart.circles) {
-    if (!c.label.empty()) entries.emplace_back(c.label, c.colour);
+    if (!c.label.empty()) entries.push_back({c.label, c.colour, Series::Style::Line});
   }
+  svg += "<g class=\"legend\">";
   double x = f.left + f.plotW;
   for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
-    x -= 7.0 * static_cast<double>(it->first.size()) + 30.0;
-    svg += "<rect x=\"" + num(x) + "\" y=\"12\" width=\"14\" height=\"4\" fill=\"" + it->second + "\"/>";
-    svg += "<text x=\"" + num(x + 18) + "\" y=\"18\">" + escapeXml(it->first) + "</text>\n";
+    x -= 6.5 * static_cast<double>(it->label.size()) + 40.0;
+    if (it->style == Series::Style::Points) {
+      svg += "<path d=\"M" + num(x + 4) + " 15h0M" + num(x + 12) + " 15h0M" + num(x + 20) + " 15h0\" stroke=\"" +
+             it->colour + "\" stroke-width=\"3\" stroke-linecap=\"round\"/>";
+    } else {
+      svg += "<path d=\"M" + num(x) + " 15h24\" stroke=\"" + it->colour + "\" stroke-width=\"2\"" +
+             (it->style == Series::Style::Dashed ? " stroke-dasharray=\"5 3\"" : "") + "/>";
+    }
+    svg += "<text x=\"" + num(x + 28) + "\" y=\"19\">" + escapeXml(it->label) + "</text>\n";
   }
+  svg += "</g>\n";
   svg += "</svg>\n";
   return svg;
 }

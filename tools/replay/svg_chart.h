@@ -2,11 +2,59 @@
 // with grid, ticks and a legend. Not-a-number values break a line.
 #pragma once
 
+#include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace quelta::replay {
+
+// A time series reduced, as its samples come, to at most kBuckets buckets
+// of equal length in x, each keeping its first, lowest, highest and last
+// value: the minimum/maximum envelope a plot of any width needs, in fixed
+// memory. When the samples outgrow the buckets, neighbours are merged and
+// the bucket length doubles. x must not decrease.
+//
+// With a period (360 for angles), values are tracked continuously across
+// the wrap (359 then 1 is a step of 2), and drawn shifted back into
+// [base, base + period): a heading passing north is not a vertical line.
+class Envelope {
+ public:
+  static constexpr size_t kBuckets = 4096;
+
+  struct Bucket {
+    double xFirst = 0.0, xLast = 0.0;
+    double first = 0.0, lo = 0.0, hi = 0.0, last = 0.0;
+    uint32_t count = 0;
+    bool breakBefore = false;  // a gap (NaN) comes before this bucket's first value
+  };
+
+  explicit Envelope(double period = 0.0, double base = 0.0) : period_(period), base_(base) {}
+  void add(double x, double y);  // a NaN y breaks the line
+  // Buckets in x order; empty buckets have count 0.
+  const std::vector<Bucket>& buckets() const { return buckets_; }
+  double period() const { return period_; }
+  double base() const { return base_; }
+  size_t samples() const { return samples_; }
+
+  // Merges b (later in x) into a.
+  static void merge(Bucket& a, const Bucket& b);
+
+ private:
+  void halve();
+
+  double period_;
+  double base_;
+  std::vector<Bucket> buckets_;
+  double origin_ = 0.0;
+  double width_ = 0.0;  // bucket length in x; 0 until two distinct x are seen
+  bool started_ = false;
+  bool gap_ = false;
+  bool haveLast_ = false;
+  double lastTracked_ = 0.0;  // last value on the continuous track
+  size_t samples_ = 0;
+};
 
 struct Series {
   enum class Style { Line, Dashed, Step, Points };
@@ -15,6 +63,8 @@ struct Series {
   std::vector<double> x;
   std::vector<double> y;
   Style style = Style::Line;
+  // When set, the line is drawn from this envelope and x, y are unused.
+  std::shared_ptr<const Envelope> envelope;
 };
 
 struct CircleOverlay {
