@@ -6,6 +6,7 @@
 #include <cmath>
 #include <functional>
 
+#include "quelta/compass/compass.h"
 #include "quelta/compass/compass_filter.h"
 #include "quelta/quelta.h"
 #include "tests/support/allocation_counter.h"
@@ -265,7 +266,7 @@ TEST(CompassFilter, AwkwardInputKeepsTheOutputsFiniteWithoutHeap) {
 }
 
 TEST(CompassCInterface, TwoInstancesAndTheSameAnswersAsTheClass) {
-  quelta_compass a, b;
+  static quelta_compass a, b;
   ASSERT_EQ(quelta_compass_init(&a), 0);
   ASSERT_EQ(quelta_compass_init(&b), 0);
   ASSERT_EQ(quelta_compass_set_declination(&b, -5.0), 0);
@@ -277,8 +278,8 @@ TEST(CompassCInterface, TwoInstancesAndTheSameAnswersAsTheClass) {
   const quelta_compass_field_quality quality = {0, 2, 0.0, 3.0};
   for (int i = 0; i < 100; ++i) {
     const double t = 0.02 * i;
-    ASSERT_EQ(quelta_compass_update(&a, t, accArray, fieldArray, &quality, gyro), 0);
-    ASSERT_EQ(quelta_compass_update(&b, t, accArray, fieldArray, nullptr, nullptr), 0);
+    ASSERT_EQ(quelta_compass_update_calibrated(&a, t, accArray, fieldArray, &quality, gyro), 0);
+    ASSERT_EQ(quelta_compass_update_calibrated(&b, t, accArray, fieldArray, nullptr, nullptr), 0);
     const Vec3 g{0.0, 0.0, 0.0};
     FieldQuality fq;
     fq.calibrationAccuracy = 2;
@@ -298,14 +299,61 @@ TEST(CompassCInterface, TwoInstancesAndTheSameAnswersAsTheClass) {
   EXPECT_LE(oa.accuracy, 2);
   EXPECT_NEAR(std::fmod(ob.azimuth_deg - oa.azimuth_deg + 360.0, 360.0), 355.0, 1e-6);
   // Misuse is refused.
-  quelta_compass junk{};
-  EXPECT_EQ(quelta_compass_update(&junk, 0.0, accArray, nullptr, nullptr, nullptr), -1);
-  EXPECT_EQ(quelta_compass_update(&a, 0.0, nullptr, nullptr, nullptr, nullptr), -1);
+  static quelta_compass junk{};
+  EXPECT_EQ(quelta_compass_update(&junk, 0.0, accArray, nullptr, nullptr), -1);
+  EXPECT_EQ(quelta_compass_update_calibrated(&a, 0.0, nullptr, nullptr, nullptr, nullptr), -1);
   EXPECT_EQ(quelta_compass_get_output(nullptr, &oa), -1);
   EXPECT_EQ(quelta_compass_init(nullptr), -1);
   ASSERT_EQ(quelta_compass_reset(&a), 0);
   ASSERT_EQ(quelta_compass_get_output(&a, &oa), 0);
   EXPECT_TRUE(oa.flags & QUELTA_COMPASS_FLAG_NO_HEADING);
+}
+
+// A device with its own hard iron, turned by hand through many directions:
+// the whole compass calibrates the raw field, then heads right; a second
+// compass restored from the saved calibration heads right at once.
+TEST(CompassCInterface, CalibratesTheRawFieldAndRestoresTheCalibration) {
+  const Vec3 hardIron{0.6, -0.6, 4.1};  // ten times the earth's field, as a phone's
+  static quelta_compass first, second;
+  ASSERT_EQ(quelta_compass_init(&first), 0);
+  Quat q = fromAngles(30, 0, 0);
+  double t = 0.0;
+  double worstLate = 0.0;
+  bool calibrating = false;
+  for (int i = 0; i < 50 * 90; ++i) {
+    const Vec3 w{1.2 * std::sin(0.31 * t), 0.9 * std::cos(0.23 * t), 0.8 * std::sin(0.17 * t + 1.0)};
+    q = normalised(q * fromRotationVector(0.02 * w));
+    t += 0.02;
+    const Vec3 acc = accOf(q), raw = fieldOf(q) + hardIron;
+    const double a[3] = {acc.x, acc.y, acc.z}, m[3] = {raw.x, raw.y, raw.z}, g[3] = {w.x, w.y, w.z};
+    ASSERT_EQ(quelta_compass_update(&first, t, a, m, g), 0);
+    quelta_compass_output out;
+    ASSERT_EQ(quelta_compass_get_output(&first, &out), 0);
+    if (t < 1.0) calibrating = calibrating || (out.flags & QUELTA_COMPASS_FLAG_CALIBRATING);
+    if (t > 60.0) {
+      const Quat e{out.quaternion[0], out.quaternion[1], out.quaternion[2], out.quaternion[3]};
+      worstLate = std::fmax(worstLate, std::fabs(headingErrorDeg(q, e)));
+    }
+  }
+  EXPECT_TRUE(calibrating);
+  EXPECT_LT(worstLate, 2.0);
+  quelta_mag_quality quality;
+  ASSERT_EQ(quelta_compass_get_calibration_quality(&first, &quality), 0);
+  EXPECT_EQ(quality.accuracy, 3);
+
+  uint8_t record[QUELTA_MAG_RECORD_SIZE];
+  ASSERT_EQ(quelta_compass_save_calibration(&first, record), QUELTA_MAG_RECORD_OK);
+  ASSERT_EQ(quelta_compass_init(&second), 0);
+  EXPECT_EQ(quelta_compass_restore_calibration(&second, record, sizeof record - 1), QUELTA_MAG_RECORD_TRUNCATED);
+  ASSERT_EQ(quelta_compass_restore_calibration(&second, record, sizeof record), QUELTA_MAG_RECORD_OK);
+  const Quat still = fromAngles(250, 10, -5);
+  const Vec3 acc = accOf(still), raw = fieldOf(still) + hardIron;
+  const double a[3] = {acc.x, acc.y, acc.z}, m[3] = {raw.x, raw.y, raw.z};
+  ASSERT_EQ(quelta_compass_update(&second, 0.0, a, m, nullptr), 0);
+  quelta_compass_output out;
+  ASSERT_EQ(quelta_compass_get_output(&second, &out), 0);
+  const Quat e{out.quaternion[0], out.quaternion[1], out.quaternion[2], out.quaternion[3]};
+  EXPECT_LT(std::fabs(headingErrorDeg(still, e)), 1.0);
 }
 
 }  // namespace
