@@ -203,8 +203,12 @@ bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& qualit
     strengthRef_ = strength;
     dipRef_ = dip;
   }
-  const double score = std::fmax(std::fabs(strength / strengthRef_ - 1.0) / settings_.fieldStrengthTolerance,
-                                 std::fabs(dip - dipRef_) / (settings_.fieldDipToleranceDeg * kDeg));
+  // The dip needs the tilt; a field whose dip disagrees is as suspect as a
+  // tilt that is off, and either way the field's heading should not be
+  // followed.
+  const double strengthScore = std::fabs(strength / strengthRef_ - 1.0) / settings_.fieldStrengthTolerance;
+  const double dipScore = std::fabs(dip - dipRef_) / (settings_.fieldDipToleranceDeg * kDeg);
+  const double score = std::fmax(strengthScore, dipScore);
   const bool own = disturbed_ ? score > 0.7 : score > 1.0;
   const bool disturbed = (own && referenceAge_ >= 5.0) || quality.disturbed;
   disturbedTime_ = disturbed ? disturbedTime_ + dt : 0.0;
@@ -248,7 +252,13 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   double weight = elapsed < 3.0 ? 1.0 : 1.0 / (1.0 + s2 * s2);
   // A fresh disturbance is not followed at all; one that lasts only
   // slowly, as the references come round to it.
-  if (disturbed && disturbedTime_ < settings_.fieldRelearnTime / 3.0) weight = 0.0;
+  if (disturbed && disturbedTime_ < settings_.fieldRelearnTime / 3.0) {
+    weight = 0.0;
+  } else if (disturbed && withGyro && settings_.disturbedHeadingTau > 0.0) {
+    // A disturbance that lasts: the field's direction on average is still
+    // the best north there is, followed very slowly.
+    weight = std::fmax(weight, settings_.headingTau / settings_.disturbedHeadingTau);
+  }
   double tau;
   if (withGyro) {
     tau = warm ? settings_.headingTau : std::fmin(settings_.headingTau, 0.2 + elapsed);
@@ -271,6 +281,21 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   const double k = weight * dt / (dt + tau);
   applied = k * psi;
   q_ = normalised(aboutUp(applied) * q_);
+  // A trusted field also knows its dip: the tilt about the east-west axis
+  // of the field is pulled towards the dip of the references.
+  if (withGyro && settings_.fieldTiltTau > 0.0 && referenceAge_ > 5.0 && score_ < 0.5 && warm) {
+    const Vec3 m = rotate(q_, (1.0 / strength) * field);
+    const double h = std::hypot(m.x, m.y);
+    if (h > 0.1) {
+      const double dipNow = std::atan2(-m.z, h);
+      const double dipError = dipNow - dipRef_;  // positive: the field looks too steep
+      // Turning about the horizontal axis (north x up) raises the field.
+      const Vec3 axis{m.y / h, -m.x / h, 0.0};
+      const double kTilt = dt / (dt + settings_.fieldTiltTau);
+      q_ = normalised(fromRotationVector((kTilt * dipError) * axis) * q_);
+      fieldTiltApplied_ = (kTilt * dipError) * axis;
+    }
+  }
   return weight;
 }
 

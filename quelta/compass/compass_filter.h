@@ -52,6 +52,8 @@ struct FilterSettings {
   double fieldDipToleranceDeg = 6.0;
   double fieldReferenceTau = 20.0;       // s, reference learning when undisturbed
   double fieldRelearnTime = 30.0;        // s disturbed before the references follow anyway
+  double disturbedHeadingTau = 40.0;     // s, heading pull of a lasting disturbance (0: none)
+  double fieldTiltTau = 3.0;             // s, tilt pull from a trusted field's dip (0: off)
   // Heading accuracy estimate.
   double headingNoiseFloorDeg = 1.0;
   double headingDriftRate = 0.004;       // rad/sqrt(s), growth while the field is not used
@@ -143,6 +145,7 @@ class CompassFilter {
   double fastHeadingUntil_ = -1e300;  // a new calibration: heading re-converges quickly
   double disturbedTime_ = 0.0;
   double score_ = 0.0;
+  Vec3 fieldTiltApplied_;
   bool disturbed_ = false;
   // Heading accuracy.
   double driftVar_ = 0.0;       // rad^2

@@ -1,6 +1,9 @@
 #include "tools/accuracy/engines.h"
 
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string>
 #include <limits>
 
 #include "quelta/compass/compass.h"
@@ -43,9 +46,45 @@ EngineRun runFixed(const replay::Recording& recording) {
   return run;
 }
 
+// Tuning experiments: QUELTA_COMPASS_TUNING="tiltTau=1.2,headingTau=5" sets
+// FilterSettings fields by name for this run.
+compass::FilterSettings tunedSettings() {
+  compass::FilterSettings s;
+  const char* env = std::getenv("QUELTA_COMPASS_TUNING");
+  if (env == nullptr) return s;
+  struct Field {
+    const char* name;
+    double* value;
+  } fields[] = {{"tiltTau", &s.tiltTau}, {"accMeanTau", &s.accMeanTau}, {"headingTau", &s.headingTau},
+                {"biasTiltTau", &s.biasTiltTau}, {"biasHeadingTau", &s.biasHeadingTau},
+                {"accNormTolerance", &s.accNormTolerance}, {"accRejectAngleDeg", &s.accRejectAngleDeg},
+                {"accRejectMaxTime", &s.accRejectMaxTime}, {"fieldStrengthTolerance", &s.fieldStrengthTolerance},
+                {"fieldDipToleranceDeg", &s.fieldDipToleranceDeg}, {"fieldReferenceTau", &s.fieldReferenceTau},
+                {"fieldRelearnTime", &s.fieldRelearnTime}, {"trackTiltTau", &s.trackTiltTau},
+                {"trackTiltAngleDeg", &s.trackTiltAngleDeg}, {"trackHeadingTau", &s.trackHeadingTau},
+                {"trackHeadingAngleDeg", &s.trackHeadingAngleDeg}, {"trackPredict", &s.trackPredict},
+                {"headingNoiseFloorDeg", &s.headingNoiseFloorDeg}, {"headingDriftRate", &s.headingDriftRate},
+                {"innovationWeight", &s.innovationWeight}, {"restBiasTau", &s.restBiasTau}, {"fieldTiltTau", &s.fieldTiltTau}, {"disturbedHeadingTau", &s.disturbedHeadingTau}};
+  std::string text = env;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find(',', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string item = text.substr(start, end - start);
+    const size_t eq = item.find('=');
+    for (Field& f : fields) {
+      if (eq != std::string::npos && item.compare(0, eq, f.name) == 0 && std::strlen(f.name) == eq) {
+        *f.value = std::strtod(item.c_str() + eq + 1, nullptr);
+      }
+    }
+    start = end + 1;
+  }
+  return s;
+}
+
 EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recording, bool gyro, double bias) {
   EngineRun run = sized(recording.samples.size());
-  compass::CompassFilter filter;
+  compass::CompassFilter filter(tunedSettings());
   const compass::FieldQuality quality;  // an ideal calibration, no outside disturbance flag
   for (size_t i = 0; i < recording.samples.size(); ++i) {
     const replay::RecordedSample& s = recording.samples[i];
@@ -65,7 +104,7 @@ EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recor
 EngineRun runOwnCalibration(const replay::Recording& recording, bool gyro, double bias) {
   EngineRun run = sized(recording.samples.size());
   static compass::Compass whole;  // large: kept off the stack
-  whole = compass::Compass();
+  whole = compass::Compass(tunedSettings());
   for (size_t i = 0; i < recording.samples.size(); ++i) {
     const replay::RecordedSample& s = recording.samples[i];
     const compass::Vec3 raw = vec(s.mag);

@@ -204,7 +204,9 @@ int main(int argc, char** argv) {
   }
   const std::vector<std::string> names = listRecordings(directory);
   std::vector<TruthRecording> recordings;
+  const char* only = std::getenv("QUELTA_ACCURACY_ONLY");  // a substring of the names to run
   for (const std::string& name : names) {
+    if (only != nullptr && name.find(only) == std::string::npos) continue;
     TruthRecording truth;
     std::string problem;
     if (!loadTruthRecording(directory, name, truth, problem)) {
@@ -240,6 +242,10 @@ int main(int argc, char** argv) {
   const std::vector<Engine> all{Engine::Fixed,     Engine::CompassGyro, Engine::CompassNoGyro, Engine::Triad,
                                 Engine::TriadMean, Engine::OwnCalGyro,  Engine::OwnCalNoGyro};
   std::vector<Variant> variants{{"50 Hz", 1, 0.0, kJudgeFrom, all}};
+  if (std::getenv("QUELTA_ACCURACY_ENGINES") != nullptr) {
+    // Tuning: only the compass filter with ideal calibration.
+    variants[0].engines = {Engine::CompassGyro, Engine::CompassNoGyro};
+  }
   if (!quick) {
     variants.push_back({"50 Hz, judged from 30 s", 1, 0.0, 30.0, {Engine::CompassGyro}});
     variants.push_back({"gyroscope bias +0.02 rad/s on each axis, judged from 30 s", 1, 0.02, 30.0,
