@@ -177,7 +177,7 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
     const Vec3 upNow = rotate(q_, (1.0 / na) * acc);
     const double angleNow = std::atan2(std::hypot(upNow.x, upNow.y), upNow.z);
     accelerating_ = kMean < 0.5 * dt / (dt + meanTau) || weight < 0.5 ||
-                    (warm && angleNow > settings_.accRejectAngleDeg * kDeg);
+                    (warm && angleNow > settings_.accFlagAngleDeg * kDeg);
   } else {
     const Vec3 upWorld = rotate(q_, (1.0 / na) * acc);
     err = rotationBetween(upWorld, kUp);  // earth frame, horizontal
@@ -212,6 +212,7 @@ bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& qualit
   const bool own = disturbed_ ? score > 0.7 : score > 1.0;
   const bool disturbed = (own && referenceAge_ >= 5.0) || quality.disturbed;
   disturbedTime_ = disturbed ? disturbedTime_ + dt : 0.0;
+  cleanTime_ = disturbed ? 0.0 : cleanTime_ + dt;
   // References: quick at first, slow afterwards, slower still while
   // disturbed, and they follow a change that lasts.
   const double elapsed = tLast_ - tStart_;
@@ -250,15 +251,11 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   // the more it disagrees.
   const double s2 = score_ * score_;
   double weight = elapsed < 3.0 ? 1.0 : 1.0 / (1.0 + s2 * s2);
-  // A fresh disturbance is not followed at all; one that lasts only
-  // slowly, as the references come round to it.
-  if (disturbed && disturbedTime_ < settings_.fieldRelearnTime / 3.0) {
-    weight = 0.0;
-  } else if (disturbed && withGyro && settings_.disturbedHeadingTau > 0.0) {
-    // A disturbance that lasts: the field's direction on average is still
-    // the best north there is, followed very slowly.
-    weight = std::fmax(weight, settings_.headingTau / settings_.disturbedHeadingTau);
-  }
+  // A fresh disturbance is not followed at all; one that lasts only as
+  // the references come round to it. (Following a lasting disturbance
+  // slowly was tried: along the recordings' disturbed paths the field's
+  // mean direction is no better a north than the gyroscope's.)
+  if (disturbed && disturbedTime_ < settings_.fieldRelearnTime / 3.0) weight = 0.0;
   double tau;
   if (withGyro) {
     tau = warm ? settings_.headingTau : std::fmin(settings_.headingTau, 0.2 + elapsed);
@@ -354,17 +351,27 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
   }
 
   if (withGyro && dt > 0.0 && tLast_ - tStart_ >= settings_.warmUp) {
-    // The pulls that remain on average are the gyroscope's bias.
-    // Only slow motion teaches the bias: fast turns add scale and
-    // alignment errors of the gyroscope that are no bias.
-    const double slow = norm(lastRate_) / 0.5;
-    const double elapsedScale = 1.0 / (1.0 + slow * slow);
-    Vec3 pull = (tiltWeight > 0.0 ? (1.0 / (settings_.biasTiltTau * settings_.biasTiltTau)) : 0.0) *
-                ((1.0 / std::fmax(tiltWeight * dt / (dt + settings_.tiltTau), 1e-12)) * tiltApplied);
-    if (tiltWeight <= 0.0) pull = Vec3{};
-    if (headingWeight > 0.2) {
+    // The pulls that remain on average are the gyroscope's bias. Only slow
+    // motion teaches it (fast turns add the gyroscope's scale and alignment
+    // errors, which are no bias), and it is learnt quickly at first, then
+    // ever more slowly as the estimate firms up.
+    const double slowness = norm(lastRate_) / 0.5;
+    const double elapsedScale = 1.0 / (1.0 + slowness * slowness);
+    const double firm = std::fmin(1.0, biasLearnt_ / settings_.biasSettleTime);
+    Vec3 pull;
+    if (tiltWeight > 0.0) {
+      const double tau = settings_.biasTiltTauStart + (settings_.biasTiltTau - settings_.biasTiltTauStart) * firm;
+      const double k = tiltWeight * dt / (dt + settings_.tiltTau);
+      pull = (1.0 / (k * tau * tau)) * tiltApplied;
+    }
+    // Only a field clean for a while teaches the bias: a clean moment
+    // within a disturbed area is no north to learn from.
+    if (headingWeight > 0.9 && cleanTime_ > settings_.biasCleanTime) {
+      const double tau =
+          settings_.biasHeadingTauStart + (settings_.biasHeadingTau - settings_.biasHeadingTauStart) * firm;
       const double k = dt / (dt + settings_.headingTau);
-      pull.z += headingApplied / k / (settings_.biasHeadingTau * settings_.biasHeadingTau);
+      pull.z += headingApplied / (k * tau * tau);
+      biasLearnt_ += dt * elapsedScale;
     }
     const Vec3 device = rotateBack(q_, elapsedScale * pull);
     bias_ = bias_ - dt * device;

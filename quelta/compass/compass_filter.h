@@ -31,8 +31,12 @@ struct FilterSettings {
   double tiltTau = 1.5;            // s, pull towards gravity
   double accMeanTau = 1.5;         // s, mean of the accelerometer in the earth frame
   double headingTau = 6.0;         // s, pull towards magnetic north
-  double biasTiltTau = 8.0;        // s, bias learning from the tilt pull
-  double biasHeadingTau = 20.0;    // s, bias learning from the heading pull
+  double biasTiltTau = 8.0;        // s, bias learning from the tilt pull, when settled
+  double biasHeadingTau = 20.0;    // s, bias learning from the heading pull, when settled
+  double biasTiltTauStart = 4.0;   // s, the same at first
+  double biasHeadingTauStart = 6.0;
+  double biasSettleTime = 60.0;    // s of learning from a clean field until settled
+  double biasCleanTime = 5.0;      // s a field must stay clean before it teaches the bias
   double restTime = 1.0;           // s of stillness before the rest bias estimate runs
   double restBiasTau = 1.0;        // s, rest bias estimate
   double warmUp = 2.0;             // s of short time constants after the start
@@ -45,14 +49,14 @@ struct FilterSettings {
   double trackPredict = 0.5;          // share of the derived rate used to predict
   // Acceleration gating.
   double accNormTolerance = 0.5;   // g, weight halves at this deviation from 1 g
-  double accRejectAngleDeg = 10.0; // tilt disagreement skipped (with gyroscope)
+  double accRejectAngleDeg = 30.0; // tilt disagreement skipped (with gyroscope)
+  double accFlagAngleDeg = 10.0;   // tilt disagreement flagged as accelerating
   double accRejectMaxTime = 3.0;   // s of skipping before a sustained tilt is accepted
   // Magnetic disturbance (own check).
   double fieldStrengthTolerance = 0.12;  // relative
-  double fieldDipToleranceDeg = 6.0;
+  double fieldDipToleranceDeg = 4.0;
   double fieldReferenceTau = 20.0;       // s, reference learning when undisturbed
   double fieldRelearnTime = 30.0;        // s disturbed before the references follow anyway
-  double disturbedHeadingTau = 40.0;     // s, heading pull of a lasting disturbance (0: none)
   double fieldTiltTau = 3.0;             // s, tilt pull from a trusted field's dip (0: off)
   // Heading accuracy estimate.
   double headingNoiseFloorDeg = 1.0;
@@ -145,6 +149,8 @@ class CompassFilter {
   double fastHeadingUntil_ = -1e300;  // a new calibration: heading re-converges quickly
   double disturbedTime_ = 0.0;
   double score_ = 0.0;
+  double cleanTime_ = 0.0;      // s since the field was last suspect
+  double biasLearnt_ = 0.0;     // s of bias learning from a clean field
   Vec3 fieldTiltApplied_;
   bool disturbed_ = false;
   // Heading accuracy.

@@ -64,7 +64,10 @@ compass::FilterSettings tunedSettings() {
                 {"trackTiltAngleDeg", &s.trackTiltAngleDeg}, {"trackHeadingTau", &s.trackHeadingTau},
                 {"trackHeadingAngleDeg", &s.trackHeadingAngleDeg}, {"trackPredict", &s.trackPredict},
                 {"headingNoiseFloorDeg", &s.headingNoiseFloorDeg}, {"headingDriftRate", &s.headingDriftRate},
-                {"innovationWeight", &s.innovationWeight}, {"restBiasTau", &s.restBiasTau}, {"fieldTiltTau", &s.fieldTiltTau}, {"disturbedHeadingTau", &s.disturbedHeadingTau}};
+                {"innovationWeight", &s.innovationWeight}, {"restBiasTau", &s.restBiasTau}, {"fieldTiltTau", &s.fieldTiltTau},
+                {"biasTiltTauStart", &s.biasTiltTauStart}, {"biasHeadingTauStart", &s.biasHeadingTauStart},
+                {"biasSettleTime", &s.biasSettleTime},
+                {"biasCleanTime", &s.biasCleanTime}};
   std::string text = env;
   size_t start = 0;
   while (start < text.size()) {

@@ -246,6 +246,14 @@ int main(int argc, char** argv) {
     // Tuning: only the compass filter with ideal calibration.
     variants[0].engines = {Engine::CompassGyro, Engine::CompassNoGyro};
   }
+  if (const char* bias = std::getenv("QUELTA_ACCURACY_GYRO_BIAS")) {
+    // Tuning: the first variant with a gyroscope bias, judged from 30 s.
+    variants[0].bias = std::atof(bias);
+    variants[0].judgeFrom = 30.0;
+  }
+  if (const char* decimation = std::getenv("QUELTA_ACCURACY_DECIMATION")) {
+    variants[0].decimation = std::atoi(decimation);
+  }
   if (!quick) {
     variants.push_back({"50 Hz, judged from 30 s", 1, 0.0, 30.0, {Engine::CompassGyro}});
     variants.push_back({"gyroscope bias +0.02 rad/s on each axis, judged from 30 s", 1, 0.02, 30.0,
