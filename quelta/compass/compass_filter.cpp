@@ -194,7 +194,7 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
   return weight;
 }
 
-bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt) {
+bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro) {
   const double strength = norm(field);
   if (quality.newCalibration) referenceAge_ = 0.0;
   const Vec3 upDevice = rotateBack(q_, kUp);
@@ -207,7 +207,9 @@ bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& qualit
   // tilt that is off, and either way the field's heading should not be
   // followed.
   const double strengthScore = std::fabs(strength / strengthRef_ - 1.0) / settings_.fieldStrengthTolerance;
-  const double dipScore = std::fabs(dip - dipRef_) / (settings_.fieldDipToleranceDeg * kDeg);
+  // Without a gyroscope the tilt, and with it the dip, is noisier.
+  const double dipTolerance = settings_.fieldDipToleranceDeg * kDeg * (withGyro ? 1.0 : settings_.trackDipToleranceScale);
+  const double dipScore = std::fabs(dip - dipRef_) / dipTolerance;
   const double score = std::fmax(strengthScore, dipScore);
   const bool own = disturbed_ ? score > 0.7 : score > 1.0;
   const bool disturbed = (own && referenceAge_ >= 5.0) || quality.disturbed;
@@ -235,7 +237,7 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   applied = 0.0;
   const double strength = norm(field);
   if (!(strength > 0.0) || !finite(field)) return 0.0;
-  const bool disturbed = fieldDisturbed(field, quality, dt);
+  const bool disturbed = fieldDisturbed(field, quality, dt, withGyro);
   const Vec3 w = rotate(q_, field);
   const double horizontal = std::hypot(w.x, w.y);
   if (horizontal < 0.05 * strength) return 0.0;
@@ -415,7 +417,16 @@ void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& qualit
   } else {
     const double cal = quality.calibrationHeadingErrorDeg * kDeg;
     const double floor = settings_.headingNoiseFloorDeg * kDeg;
-    const double var = driftVar_ + settings_.innovationWeight * innovationSq_ + cal * cal + floor * floor;
+    double var = cal * cal + floor * floor;
+    if (withGyro) {
+      var += driftVar_ + settings_.innovationWeight * innovationSq_;
+    } else {
+      // Without a gyroscope: the lag behind turns, the field's disagreement,
+      // and next to nothing known while the field is disturbed.
+      const double lag = settings_.trackLagTime * norm(rateWorld_);
+      const double held = (disturbed_ || quality.disturbed) ? settings_.trackDisturbedErrorDeg * kDeg : 0.0;
+      var += settings_.trackInnovationWeight * innovationSq_ + lag * lag + held * held;
+    }
     o.headingAccuracyDeg = std::fmin(180.0, std::sqrt(var) / kDeg);
   }
   int level = o.headingAccuracyDeg <= 10.0 ? 3 : (o.headingAccuracyDeg <= 20.0 ? 2 : (o.headingAccuracyDeg <= 45.0 ? 1 : 0));

@@ -46,7 +46,11 @@ struct FilterSettings {
   double trackTiltAngleDeg = 12;    // disagreement that halves it... and more
   double trackHeadingTau = 0.15;       // s
   double trackHeadingAngleDeg = 4;
-  double trackPredict = 0.5;          // share of the derived rate used to predict
+  double trackPredict = 0.5;
+  double trackDipToleranceScale = 2.5;
+  double trackInnovationWeight = 1.0;   // heading accuracy: of the innovation's running RMS
+  double trackLagTime = 0.3;            // s: heading accuracy grows with the turn rate
+  double trackDisturbedErrorDeg = 30.0; // heading accuracy while the field is disturbed  // the dip check's tolerance, relative to the gyroscope's          // share of the derived rate used to predict
   // Acceleration gating.
   double accNormTolerance = 0.5;   // g, weight halves at this deviation from 1 g
   double accRejectAngleDeg = 30.0; // tilt disagreement skipped (with gyroscope)
@@ -121,7 +125,7 @@ class CompassFilter {
   double tiltCorrection(const Vec3& acc, double dt, bool withGyro, Vec3& applied);
   double headingCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro,
                            double& applied);
-  bool fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt);
+  bool fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro);
   void finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro, bool haveField);
 
   FilterSettings settings_;

@@ -67,7 +67,9 @@ compass::FilterSettings tunedSettings() {
                 {"innovationWeight", &s.innovationWeight}, {"restBiasTau", &s.restBiasTau}, {"fieldTiltTau", &s.fieldTiltTau},
                 {"biasTiltTauStart", &s.biasTiltTauStart}, {"biasHeadingTauStart", &s.biasHeadingTauStart},
                 {"biasSettleTime", &s.biasSettleTime},
-                {"biasCleanTime", &s.biasCleanTime}};
+                {"biasCleanTime", &s.biasCleanTime}, {"trackDipToleranceScale", &s.trackDipToleranceScale},
+                {"trackInnovationWeight", &s.trackInnovationWeight}, {"trackLagTime", &s.trackLagTime},
+                {"trackDisturbedErrorDeg", &s.trackDisturbedErrorDeg}};
   std::string text = env;
   size_t start = 0;
   while (start < text.size()) {
