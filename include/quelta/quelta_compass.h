@@ -98,6 +98,14 @@ QUELTA_LAYER_API int32_t quelta_compass_restore_calibration(quelta_compass* stat
                                                             size_t size);
 /* Copies the latest outputs. Returns 0, or -1. */
 QUELTA_LAYER_API int32_t quelta_compass_get_output(const quelta_compass* state, quelta_compass_output* out);
+/* The magnetic calibration in use: calibrated = soft_iron * (raw - offset).
+ * Returns 0 or -1. */
+QUELTA_LAYER_API int32_t quelta_compass_get_calibration(const quelta_compass* state, quelta_mag_calibration* out);
+/* What the magnetic layer made of the last raw field (calibrated field,
+ * disturbance score and flag, whether the calibration changed with it).
+ * All zero before the first field or after quelta_compass_update_calibrated.
+ * Returns 0 or -1. */
+QUELTA_LAYER_API int32_t quelta_compass_get_field(const quelta_compass* state, quelta_mag_sample* out);
 
 #ifdef __cplusplus
 }

@@ -1,4 +1,5 @@
 // The compass's C interface over caller-owned storage.
+#include <cmath>
 #include <new>
 
 #include "quelta/compass/compass.h"
@@ -156,6 +157,41 @@ QUELTA_LAYER_API int32_t quelta_compass_restore_calibration(quelta_compass* stat
   if (c == nullptr) return -1;
   if (record == nullptr) return QUELTA_MAG_RECORD_TRUNCATED;
   return static_cast<int32_t>(c->calibrator().restore(record, size));
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_get_calibration(const quelta_compass* state, quelta_mag_calibration* out) {
+  const Compass* c = self(state);
+  if (c == nullptr || out == nullptr) return -1;
+  const quelta::magnetic::Calibration& cal = c->calibrator().calibration();
+  out->offset[0] = cal.offset.x;
+  out->offset[1] = cal.offset.y;
+  out->offset[2] = cal.offset.z;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) out->soft_iron[3 * i + j] = cal.softIron.m[i][j];
+  out->strength = cal.strength;
+  const double ratio = cal.strength > 0.0 ? -cal.vertical / cal.strength : 0.0;
+  out->dip_deg = std::asin(ratio < -1.0 ? -1.0 : (ratio > 1.0 ? 1.0 : ratio)) * 57.29577951308232;
+  out->model = static_cast<int>(cal.model);
+  return 0;
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_get_field(const quelta_compass* state, quelta_mag_sample* out) {
+  const Compass* c = self(state);
+  if (c == nullptr || out == nullptr) return -1;
+  const quelta::magnetic::SampleOutput& o = c->field();
+  out->calibrated[0] = o.calibrated.x;
+  out->calibrated[1] = o.calibrated.y;
+  out->calibrated[2] = o.calibrated.z;
+  out->strength = o.strength;
+  out->dip_deg = o.dipDeg;
+  out->strength_deviation = o.strengthDeviation;
+  out->dip_deviation_deg = o.dipDeviationDeg;
+  out->disturbance = o.disturbance;
+  out->disturbed = o.disturbed ? 1 : 0;
+  out->accuracy = o.accuracy;
+  out->new_calibration = o.newCalibration ? 1 : 0;
+  out->valid = o.valid ? 1 : 0;
+  return 0;
 }
 
 }  // extern "C"
