@@ -3,7 +3,9 @@
 #include "include/QueltaAlgo.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
+#include <cmath>
 #include <cstdlib>
 #include <iterator>
 
@@ -32,6 +34,18 @@ const char* usageText() {
          "  --thresholds MOVING,FROZEN,STILL\n"
          "                          variance thresholds\n"
          "  --windows MEDIAN,MEAN   azimuth smoothing window lengths\n"
+         "  --engine algo|compass   what replays the recording: the fixed pipelines of\n"
+         "                          QueltaAlgo.so (default) or libquelta's compass (hard-\n"
+         "                          and soft-iron calibration, disturbance, attitude filter)\n"
+         "  --location LAT,LON[,HEIGHT_M]\n"
+         "                          where the recording was made (degrees, height in metres\n"
+         "                          above the ellipsoid, default 0); with --date the field\n"
+         "                          model gives the compass the expected strength and dip\n"
+         "                          and the declination, so headings refer to true north\n"
+         "  --date YYYY-MM-DD       when the recording was made (with --location)\n"
+         "  --gyro                  feed the recording's gx gy gz to the compass; its rate is\n"
+         "                          then compared with the rate derived from the reference\n"
+         "                          attitude\n"
          "  --version               the version\n"
          "  --help                  this text\n"
          "\n"
@@ -41,12 +55,15 @@ const char* usageText() {
          "or nan where the reference has none; those samples are left out of the\n"
          "comparisons. A warning before the replay says when the data contradict the\n"
          "units (for instance a field in microtesla read as gauss).\n"
+         "--calibration, --log, --log-mode, --axis, --pool, --thresholds and --windows\n"
+         "set up the fixed pipelines; --location, --date and --gyro the compass.\n"
          "Exit status: 0 success, 1 bad input or output failure, 2 usage error.\n";
 }
 
 bool parseOptions(const std::vector<std::string>& args, Options& out, std::string& problem) {
   out = Options{};
   bool optionsEnded = false;  // after "--" every argument is a recording
+  std::vector<std::string> given;  // options with a value, as named
   for (size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
     // "-" (standard input) and anything after "--" name the recording.
@@ -65,17 +82,17 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
     // --name=value or --name value
     const size_t equals = arg.find('=');
     const std::string name = arg.substr(0, equals);
-    if (name == "--help" || name == "-h" || name == "--version") {
+    if (name == "--help" || name == "-h" || name == "--version" || name == "--gyro") {
       if (equals != std::string::npos) {
         problem = "option " + name + " takes no value";
         return false;
       }
-      (name == "--version" ? out.version : out.help) = true;
+      (name == "--version" ? out.version : name == "--gyro" ? out.gyro : out.help) = true;
       continue;
     }
     static const char* const kValueOptions[] = {"--out",  "--report", "--log",        "--log-mode", "--calibration",
                                                 "--acc-unit", "--mag-unit", "--axis", "--pool", "--thresholds",
-                                                "--windows"};
+                                                "--windows", "--engine", "--location", "--date"};
     if (std::find(std::begin(kValueOptions), std::end(kValueOptions), name) == std::end(kValueOptions)) {
       problem = "unknown option " + name;
       return false;
@@ -94,6 +111,7 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
       return false;
     }
     bool ok = true;
+    given.push_back(name);
     if (name == "--out") {
       out.outCsv = value;
     } else if (name == "--report") {
@@ -126,6 +144,16 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
       std::array<float, 3> v{};
       ok = parseList(value, v);
       if (ok) out.setup.thresholds = v;
+    } else if (name == "--engine") {
+      ok = value == "algo" || value == "compass";
+      out.engine = value == "compass" ? Engine::Compass : Engine::Algo;
+    } else if (name == "--location") {
+      Location location;
+      ok = parseLocation(value, location);
+      if (ok) out.location = location;
+    } else if (name == "--date") {
+      ok = parseDate(value);
+      if (ok) out.date = value;
     } else if (name == "--windows") {
       std::array<int32_t, 2> v{};
       ok = parseList(value, v);
@@ -133,10 +161,84 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
     }
     if (!ok) {
       problem = "bad value '" + value + "' for " + name;
+      if (name == "--location") problem += " (LAT,LON[,HEIGHT_M]: degrees, height in metres)";
+      if (name == "--date") problem += " (YYYY-MM-DD)";
+      return false;
+    }
+  }
+  // Options of one engine are refused with the other, rather than ignored.
+  auto named = [&given](const char* option) { return std::find(given.begin(), given.end(), option) != given.end(); };
+  if (out.engine == Engine::Algo) {
+    for (const char* option : {"--location", "--date"}) {
+      if (named(option)) {
+        problem = std::string("option ") + option + " needs --engine compass";
+        return false;
+      }
+    }
+    if (out.gyro) {
+      problem = "option --gyro needs --engine compass";
+      return false;
+    }
+  } else {
+    for (const char* option : {"--calibration", "--log", "--log-mode", "--axis", "--pool", "--thresholds", "--windows"}) {
+      if (named(option)) {
+        problem = std::string("option ") + option + " sets up the fixed pipelines (--engine algo), not the compass";
+        return false;
+      }
+    }
+    if (out.location.has_value() != !out.date.empty()) {
+      problem = "--location and --date go together: the field model needs both";
       return false;
     }
   }
   return true;
+}
+
+namespace {
+
+// A finite number filling the whole text.
+bool parseNumber(const std::string& text, double& out) {
+  if (text.empty() || std::isspace(static_cast<unsigned char>(text[0]))) return false;
+  char* end = nullptr;
+  errno = 0;
+  out = std::strtod(text.c_str(), &end);
+  return end == text.c_str() + text.size() && errno == 0 && std::isfinite(out);
+}
+
+}  // namespace
+
+bool parseLocation(const std::string& text, Location& out) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  while (true) {
+    const size_t comma = text.find(',', start);
+    parts.push_back(text.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  if (parts.size() < 2 || parts.size() > 3) return false;
+  Location l;
+  if (!parseNumber(parts[0], l.latitudeDeg) || !parseNumber(parts[1], l.longitudeDeg)) return false;
+  if (parts.size() == 3 && !parseNumber(parts[2], l.heightM)) return false;
+  // Heights as the field model takes them: -1 km to 100 000 km.
+  if (std::fabs(l.latitudeDeg) > 90.0 || l.longitudeDeg < -180.0 || l.longitudeDeg > 360.0 || l.heightM < -1000.0 ||
+      l.heightM > 1.0e8) {
+    return false;
+  }
+  out = l;
+  return true;
+}
+
+bool parseDate(const std::string& text) {
+  if (text.size() != 10 || text[4] != '-' || text[7] != '-') return false;
+  for (size_t i : {0, 1, 2, 3, 5, 6, 8, 9}) {
+    if (!std::isdigit(static_cast<unsigned char>(text[i]))) return false;
+  }
+  const int year = std::stoi(text.substr(0, 4)), month = std::stoi(text.substr(5, 2)), day = std::stoi(text.substr(8, 2));
+  static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  if (month < 1 || month > 12 || day < 1) return false;
+  const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+  return day <= kDays[month - 1] + (month == 2 && leap ? 1 : 0);
 }
 
 std::string versionText() { return std::string("quelta-replay ") + QUELTA_ALGO_VERSION_STRING + "\n"; }

@@ -1,6 +1,7 @@
 // Command line of quelta-replay.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,15 @@
 #include "tools/replay/recording.h"
 
 namespace quelta::replay {
+
+enum class Engine { Algo, Compass };
+
+// Where the recording was made: degrees, height in metres above the ellipsoid.
+struct Location {
+  double latitudeDeg = 0.0;
+  double longitudeDeg = 0.0;
+  double heightM = 0.0;
+};
 
 struct Options {
   std::string recording;        // empty: the bundled recording
@@ -18,6 +28,10 @@ struct Options {
   std::string calibrationFile;  // --calibration
   Units units;                  // --acc-unit, --mag-unit
   SetupOverrides setup;         // --axis, --pool, --thresholds, --windows
+  Engine engine = Engine::Algo;  // --engine algo|compass
+  std::optional<Location> location;  // --location LAT,LON[,HEIGHT_M] (compass)
+  std::string date;                  // --date YYYY-MM-DD (compass), empty when not given
+  bool gyro = false;                 // --gyro: feed gx gy gz to the compass
   bool help = false;             // --help, -h
   bool version = false;          // --version
 };
@@ -28,6 +42,12 @@ struct Options {
 bool parseOptions(const std::vector<std::string>& args, Options& out, std::string& problem);
 
 const char* usageText();
+
+// "LAT,LON[,HEIGHT_M]": latitude -90..90, longitude -180..360, height in
+// metres (default 0) within what the field model accepts.
+bool parseLocation(const std::string& text, Location& out);
+// "YYYY-MM-DD", a real calendar date.
+bool parseDate(const std::string& text);
 
 // "quelta-replay VERSION\n", the library's version from its header.
 std::string versionText();

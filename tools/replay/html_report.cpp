@@ -56,6 +56,16 @@ ReportBuilder::ReportBuilder(std::string recordingName, bool hasGyro, bool hasAt
   cloud_.reserve(kCloudPoints);
 }
 
+void ReportBuilder::setCompass(bool rateFromAttitude) {
+  compass_ = true;
+  rateFromAttitude_ = rateFromAttitude;
+  hasGyro_ = rateFromAttitude ? hasAttitude_ : hasGyro_;
+  disturbance_ = envelope();
+  disturbed_ = envelope();
+  headingAccuracy_ = envelope();
+  calibrationHeadingError_ = envelope();
+}
+
 void ReportBuilder::add(const RecordedSample& sample, const ReplayRow& row) {
   const double t = row.t;
   accuracy_->add(t, row.accuracy);
@@ -66,7 +76,13 @@ void ReportBuilder::add(const RecordedSample& sample, const ReplayRow& row) {
   roll_->add(t, row.orientation[2]);
   for (int k = 0; k < 3; ++k) {
     vgyro_[k]->add(t, row.vgyro[k]);
-    if (hasGyro_) referenceGyro_[k]->add(t, sample.gyro[k]);
+    if (hasGyro_ && !rateFromAttitude_) referenceGyro_[k]->add(t, sample.gyro[k]);
+  }
+  if (compass_) {
+    disturbance_->add(t, row.compass.disturbance);
+    disturbed_->add(t, row.compass.disturbed ? 1.0 : 0.0);
+    headingAccuracy_->add(t, row.compass.headingAccuracy);
+    calibrationHeadingError_->add(t, row.compass.calibrationHeadingError);
   }
   if (samples_ % stride_ == 0) {
     if (cloud_.size() == kCloudPoints) {
@@ -87,6 +103,9 @@ void ReportBuilder::addErrors(const SampleErrors& e) {
   referenceRoll_->add(e.t, e.referenceAngles[2]);
   rotationVectorError_->add(e.t, e.rotationVectorDeg);
   azimuthError_->add(e.t, e.azimuthDeg);
+  if (rateFromAttitude_) {
+    for (int k = 0; k < 3; ++k) referenceGyro_[k]->add(e.t, e.referenceRate[k]);
+  }
 }
 
 std::string ReportBuilder::render(const std::string& summaryText) const {
@@ -122,12 +141,26 @@ std::string ReportBuilder::render(const std::string& summaryText) const {
   offset.series.push_back(line("radius", kGrey, radius_));
   html += "<section id=\"calibration\">\n<h2>Calibration</h2>\n" + renderSvg(accuracy) + renderSvg(offset) +
           "</section>\n";
+  if (compass_) {
+    Chart disturbance = timeChart("plot-disturbance", "Magnetic disturbance", "score (1: flag threshold)", 220);
+    disturbance.series.push_back(line("disturbance score", kZ, disturbance_));
+    disturbance.series.push_back(line("disturbed flag", kX, disturbed_, Series::Style::Step));
+    disturbance.yMin = 0.0;
+    Chart heading = timeChart("plot-heading-accuracy", "Heading accuracy estimate", "degrees", 220);
+    heading.series.push_back(line("heading accuracy (output)", kZ, headingAccuracy_));
+    heading.series.push_back(line("heading error left by the calibration", kGrey, calibrationHeadingError_));
+    heading.yMin = 0.0;
+    html += "<section id=\"compass\">\n<h2>Disturbance and heading accuracy</h2>\n" + renderSvg(disturbance) +
+            renderSvg(heading) + "</section>\n";
+  }
 
   // Field cloud and the final fit.
   html += "<section id=\"field\">\n<h2>Field samples and fitted sphere</h2>\n"
           "<p>Uncalibrated field in three orthogonal projections";
   if (stride_ > 1) html += " (every " + std::to_string(stride_) + "th sample)";
-  html += "; the circle is the final fit (centre: offset, radius: field strength).</p>\n<div class=\"row\">\n";
+  html += "; the circle is the final fit (centre: offset, radius: field strength)";
+  if (compass_) html += ", without the soft-iron matrix (in the summary)";
+  html += ".</p>\n<div class=\"row\">\n";
   const int pairs[3][2] = {{0, 1}, {0, 2}, {1, 2}};
   for (const auto& pair : pairs) {
     const int a = pair[0], b = pair[1];
@@ -170,13 +203,16 @@ std::string ReportBuilder::render(const std::string& summaryText) const {
   html += "<section id=\"orientation\">\n<h2>Orientation</h2>\n" + renderSvg(azimuth) + renderSvg(tilt) +
           "</section>\n";
 
-  // Virtual gyroscope.
-  html += "<section id=\"vgyro\">\n<h2>Virtual gyroscope</h2>\n";
+  // Virtual gyroscope, or the compass's angular rate.
+  html += compass_ ? "<section id=\"vgyro\">\n<h2>Angular rate</h2>\n" : "<section id=\"vgyro\">\n<h2>Virtual gyroscope</h2>\n";
   for (int k = 0; k < 3; ++k) {
     Chart chart = timeChart(std::string("plot-vgyro-") + axes[k], std::string("Angular rate about ") + axes[k],
                             "rad/s", 220);
-    chart.series.push_back(line("virtual gyroscope", colours[k], vgyro_[k]));
-    if (hasGyro_) chart.series.push_back(line("reference gyroscope", "#222222", referenceGyro_[k], Series::Style::Dashed));
+    chart.series.push_back(line(compass_ ? "compass angular rate" : "virtual gyroscope", colours[k], vgyro_[k]));
+    if (hasGyro_) {
+      chart.series.push_back(line(rateFromAttitude_ ? "rate from the reference attitude" : "reference gyroscope",
+                                  "#222222", referenceGyro_[k], Series::Style::Dashed));
+    }
     html += renderSvg(chart);
   }
   html += "</section>\n";
@@ -184,7 +220,7 @@ std::string ReportBuilder::render(const std::string& summaryText) const {
   if (hasAttitude_) {
     Chart chart = timeChart("plot-attitude-error", "Error against the reference attitude (after heading alignment)",
                             "degrees");
-    chart.series.push_back(line("rotation vector", kZ, rotationVectorError_));
+    chart.series.push_back(line(compass_ ? "attitude" : "rotation vector", kZ, rotationVectorError_));
     chart.series.push_back(line("azimuth", kX, azimuthError_));
     // The azimuth error is periodic and fixes no range: take both series' extent.
     double lo = 0.0, hi = 1.0;

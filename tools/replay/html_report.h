@@ -19,6 +19,10 @@ namespace quelta::replay {
 class ReportBuilder {
  public:
   ReportBuilder(std::string recordingName, bool hasGyro, bool hasAttitude);
+  // The rows come from the compass engine: its disturbance and heading
+  // accuracy are drawn too. rateFromAttitude: the reference rate is the one
+  // the comparison derives from the reference attitude (SampleErrors).
+  void setCompass(bool rateFromAttitude);
   // First pass: every sample with what the library reported.
   void add(const RecordedSample& sample, const ReplayRow& row);
   // Second pass: the errors against the reference (from ReferenceComparator::finish).
@@ -33,6 +37,8 @@ class ReportBuilder {
   std::string name_;
   bool hasGyro_;
   bool hasAttitude_;
+  bool compass_ = false;
+  bool rateFromAttitude_ = false;
   size_t samples_ = 0;
   ReplayRow last_;
   EnvelopePtr accuracy_, offset_[3], radius_;
@@ -40,6 +46,7 @@ class ReportBuilder {
   EnvelopePtr referenceAzimuth_, referencePitch_, referenceRoll_;
   EnvelopePtr vgyro_[3], referenceGyro_[3];
   EnvelopePtr rotationVectorError_, azimuthError_;
+  EnvelopePtr disturbance_, disturbed_, headingAccuracy_, calibrationHeadingError_;
   // Every stride-th raw field sample; the stride doubles when full.
   std::vector<std::array<float, 3>> cloud_;
   size_t stride_ = 1;

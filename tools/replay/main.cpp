@@ -16,6 +16,7 @@
 #include "tools/replay/algo_setup.h"
 #include "tools/replay/bundled_recording.h"
 #include "tools/replay/cli_options.h"
+#include "tools/replay/compass_driver.h"
 #include "tools/replay/html_report.h"
 #include "tools/replay/log_prefix.h"
 #include "tools/replay/output_csv.h"
@@ -115,6 +116,36 @@ int run(const Options& options) {
     std::fprintf(stderr, "quelta-replay: warning: %s\n", warning.c_str());
   }
   const double period = nominalPeriod(first);
+  const bool compass = options.engine == Engine::Compass;
+  const bool rateFromAttitude = compass && options.gyro;
+  CompassDriverOptions compassOptions;
+  std::string compassSetup;
+  if (compass) {
+    if (options.gyro && !reader.hasGyroColumns()) {
+      return fail("--gyro: the recording has no gyroscope columns (gx gy gz) to feed");
+    }
+    compassOptions.feedGyro = options.gyro;
+    compassSetup = options.gyro ? "gyroscope fed (gx gy gz)" : "no gyroscope";
+    if (options.location) {
+      const Location& l = *options.location;
+      ExpectedField expected;
+      std::vector<std::string> warnings;
+      if (!expectedFieldAt(l.latitudeDeg, l.longitudeDeg, l.heightM, options.date, expected, warnings, problem)) {
+        return fail(problem);
+      }
+      for (const std::string& warning : warnings) std::fprintf(stderr, "quelta-replay: warning: %s\n", warning.c_str());
+      compassOptions.expected = expected;
+      char text[256];
+      std::snprintf(text, sizeof text,
+                    "; field model at %.5f,%.5f,%.0f m on %s: strength %.4f gauss, dip %.2f deg, declination %.2f deg "
+                    "(headings to true north)",
+                    l.latitudeDeg, l.longitudeDeg, l.heightM, options.date.c_str(), expected.strengthGauss,
+                    expected.dipDeg, expected.declinationDeg);
+      compassSetup += text;
+    } else {
+      compassSetup += "; no location (headings to magnetic north)";
+    }
+  }
   const size_t total = 0;  // not known before the end
   const std::string name = reader.name();
   const bool hasGyro = reader.hasGyroColumns(), hasAttitude = reader.hasAttitudeColumns();
@@ -131,25 +162,35 @@ int run(const Options& options) {
   }
   if (csv) {
     if (!csv->open(problem)) return fail(problem);
-    writeOutputCsvHeader(csv->stream());
+    (compass ? writeCompassCsvHeader : writeOutputCsvHeader)(csv->stream());
   }
   driver.progress = [&progress](size_t done, size_t all) { progress.show("replaying", done, all); };
+  compassOptions.progress = driver.progress;
 
   SummaryBuilder summaryBuilder(name, period);
-  ReferenceComparator comparator(hasGyro, hasAttitude);
+  if (compass) summaryBuilder.setCompass(compassSetup);
+  ReferenceComparator comparator(hasGyro, hasAttitude, rateFromAttitude);
   std::unique_ptr<ReportBuilder> reportBuilder;
-  if (report) reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);
+  if (report) {
+    reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);
+    if (compass) reportBuilder->setCompass(rateFromAttitude);
+  }
   FILE* const csvStream = csv ? csv->stream() : nullptr;
   std::optional<ReplayRow> lastFit;
-  replayStream(source, period, total, driver, [&](const RecordedSample& sample, const ReplayRow& row) {
-    if (csvStream != nullptr) writeOutputCsvRow(csvStream, row);
+  const RowSink sink = [&](const RecordedSample& sample, const ReplayRow& row) {
+    if (csvStream != nullptr) (compass ? writeCompassCsvRow : writeOutputCsvRow)(csvStream, row);
     summaryBuilder.add(row);
     comparator.add(sample, row);
     if (reportBuilder) reportBuilder->add(sample, row);
     if (row.newCalibration) lastFit = row;
-  });
-  RegisterLogCallback(nullptr);
-  setLogStream(nullptr);
+  };
+  if (compass) {
+    replayCompassStream(source, total, compassOptions, sink);
+  } else {
+    replayStream(source, period, total, driver, sink);
+    RegisterLogCallback(nullptr);
+    setLogStream(nullptr);
+  }
   // A problem further down the recording: nothing is kept (the outputs'
   // temporaries go with their OutputFile).
   if (reader.failed()) {
@@ -164,7 +205,9 @@ int run(const Options& options) {
     if (reportBuilder) reportBuilder->addErrors(errors);
     if (++compared % 65536 == 0) progress.show("comparing with the reference", compared, replayed);
   });
-  std::string summary = formatSummary(summaryBuilder.finish(), reference);
+  Summary summaryFigures = summaryBuilder.finish();
+  if (summaryFigures.compass) summaryFigures.compass->reasonText = calibrationReasonText(summaryFigures.compass->last.reason);
+  std::string summary = formatSummary(summaryFigures, reference);
 
   if (!storedProblem.empty()) summary += "stored calibration not used: " + storedProblem + "\n";
   std::string calibrationText;

@@ -14,6 +14,11 @@ void writeOutputCsvHeader(FILE* out);
 // exact same float; times with 9 significant digits.
 void writeOutputCsvRow(FILE* out, const ReplayRow& row);
 
+// The compass engine's table: the columns above whose meaning is the same
+// (without pool and saturation), then its own.
+void writeCompassCsvHeader(FILE* out);
+void writeCompassCsvRow(FILE* out, const ReplayRow& row);
+
 // Header, then one row per sample.
 void writeOutputCsv(FILE* out, const std::vector<ReplayRow>& rows);
 

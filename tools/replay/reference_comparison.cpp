@@ -29,6 +29,16 @@ bool allFinite(const double* v, int n) {
 
 Quat fromLibraryOrder(const std::array<float, 4>& xyzw) { return {xyzw[3], xyzw[0], xyzw[1], xyzw[2]}; }
 
+// The constant rate (device frame, rad/s) that turns attitude a into b in dt.
+std::array<double, 3> rateBetween(const Quat& a, const Quat& b, double dt) {
+  Quat d = multiply(conjugate(a), b);
+  if (d[0] < 0.0) d = {-d[0], -d[1], -d[2], -d[3]};
+  const double v = std::sqrt(d[1] * d[1] + d[2] * d[2] + d[3] * d[3]);
+  const double angle = 2.0 * std::atan2(v, d[0]);
+  const double scale = v > 1e-12 ? angle / v / dt : 2.0 / dt;
+  return {d[1] * scale, d[2] * scale, d[3] * scale};
+}
+
 }  // namespace
 
 // ErrorStatistics ------------------------------------------------------------
@@ -129,8 +139,23 @@ struct ReferenceComparator::Record {
   float referenceAzimuth;  // NaN when the reference attitude is missing
   float libraryAzimuth;
   float pitch, roll;       // reference
+  float referenceRate[3];  // derived from the reference attitude; NaN when not derived
   uint8_t calibrated;      // accuracy 3
   uint8_t azimuthUsable;   // reference tilted at most kAzimuthMaxTiltDeg
+};
+
+// A sample whose derived rate waits for the next sample's attitude.
+struct ReferenceComparator::Pending {
+  Record record{};
+  std::array<float, 3> rate{};
+  bool calibrated = false;
+  bool valid = false;         // there is a pending sample
+  bool attitudeUsable = false;
+  double previousT = 0.0;     // the sample before it
+  Quat previousAttitude{};
+  bool previousUsable = false;
+  double t = 0.0;
+  Quat attitude{};
 };
 
 struct ReferenceComparator::Selection {
@@ -148,9 +173,11 @@ struct ReferenceComparator::Selection {
   size_t gyroCount = 0;
 };
 
-ReferenceComparator::ReferenceComparator(bool hasGyro, bool hasAttitude)
-    : hasGyro_(hasGyro),
+ReferenceComparator::ReferenceComparator(bool hasGyro, bool hasAttitude, bool rateFromAttitude)
+    : hasGyro_(rateFromAttitude ? hasAttitude : hasGyro),
       hasAttitude_(hasAttitude),
+      rateFromAttitude_(rateFromAttitude),
+      pending_(std::make_unique<Pending>()),
       calibrated_(std::make_unique<Selection>(hasAttitude)),
       all_(std::make_unique<Selection>(hasAttitude)) {}
 
@@ -183,30 +210,58 @@ bool ReferenceComparator::readBack(Record& record) {
   return true;
 }
 
+void ReferenceComparator::addRate(const std::array<float, 3>& rate, const double* reference, bool calibrated) {
+  if (reference == nullptr || !allFinite(reference, 3)) {
+    ++missingGyro_;
+    return;
+  }
+  double error2 = 0.0, reference2 = 0.0;
+  std::array<double, 3> axis2{};
+  for (int k = 0; k < 3; ++k) {
+    const double e = static_cast<double>(rate[k]) - reference[k];
+    axis2[k] = e * e;
+    error2 += e * e;
+    reference2 += reference[k] * reference[k];
+  }
+  for (Selection* s : {all_.get(), calibrated ? calibrated_.get() : nullptr}) {
+    if (s == nullptr) continue;
+    for (int k = 0; k < 3; ++k) s->gyroSumAxis[k] += axis2[k];
+    s->gyroSum += error2;
+    s->gyroSumReference += reference2;
+    ++s->gyroCount;
+  }
+}
+
+void ReferenceComparator::settlePending(const double* nextAttitude, double nextT) {
+  Pending& p = *pending_;
+  if (!p.valid) return;
+  double reference[3] = {kNaN, kNaN, kNaN};
+  // Central difference between the neighbours, as referenceRates.
+  if (nextAttitude != nullptr && p.previousUsable && nextT - p.previousT > 0.0) {
+    const std::array<double, 3> r =
+        rateBetween(p.previousAttitude, {nextAttitude[0], nextAttitude[1], nextAttitude[2], nextAttitude[3]},
+                    nextT - p.previousT);
+    for (int k = 0; k < 3; ++k) reference[k] = r[k];
+  }
+  addRate(p.rate, reference, p.calibrated);
+  for (int k = 0; k < 3; ++k) p.record.referenceRate[k] = static_cast<float>(reference[k]);
+  keep(p.record);
+  // The settled sample becomes the previous one of the next.
+  p.previousT = p.t;
+  p.previousAttitude = p.attitude;
+  p.previousUsable = p.attitudeUsable;
+  p.valid = false;
+}
+
 void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row) {
   ++samples_;
   const bool calibrated = row.accuracy == 3;
   anyCalibrated_ = anyCalibrated_ || calibrated;
-  if (hasGyro_) {
-    if (!sample.hasGyro || !allFinite(sample.gyro.data(), 3)) {
-      ++missingGyro_;
-    } else {
-      double error2 = 0.0, reference2 = 0.0;
-      std::array<double, 3> axis2{};
-      for (int k = 0; k < 3; ++k) {
-        const double e = static_cast<double>(row.vgyro[k]) - sample.gyro[k];
-        axis2[k] = e * e;
-        error2 += e * e;
-        reference2 += sample.gyro[k] * sample.gyro[k];
-      }
-      for (Selection* s : {all_.get(), calibrated ? calibrated_.get() : nullptr}) {
-        if (s == nullptr) continue;
-        for (int k = 0; k < 3; ++k) s->gyroSumAxis[k] += axis2[k];
-        s->gyroSum += error2;
-        s->gyroSumReference += reference2;
-        ++s->gyroCount;
-      }
-    }
+  const bool attitudeUsable = sample.hasAttitude && allFinite(sample.attitude.data(), 4);
+  if (rateFromAttitude_) {
+    if (hasAttitude_) settlePending(attitudeUsable ? sample.attitude.data() : nullptr, sample.t);
+  } else if (hasGyro_) {
+    addRate(row.vgyro, sample.hasGyro ? sample.gyro.data() : nullptr, calibrated);
   }
   if (!hasAttitude_) return;
 
@@ -215,6 +270,7 @@ void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row
   record.calibrated = calibrated ? 1 : 0;
   record.libraryAzimuth = row.orientation[0];
   record.difference[0] = static_cast<float>(kNaN);
+  for (float& r : record.referenceRate) r = static_cast<float>(kNaN);
   record.referenceAzimuth = record.pitch = record.roll = static_cast<float>(kNaN);
   if (!sample.hasAttitude || !allFinite(sample.attitude.data(), 4)) {
     ++missingAttitude_;
@@ -238,11 +294,25 @@ void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row
       s->azimuth->add(azimuthDifference);
     }
   }
-  keep(record);
+  if (!rateFromAttitude_) {
+    keep(record);
+    return;
+  }
+  Pending& p = *pending_;
+  p.record = record;
+  p.rate = row.vgyro;
+  p.calibrated = calibrated;
+  p.t = sample.t;
+  p.attitudeUsable = attitudeUsable;
+  if (attitudeUsable) p.attitude = sample.attitude;
+  p.valid = true;
 }
 
 ReferenceComparison ReferenceComparator::finish(const std::function<void(const SampleErrors&)>& visit) {
+  // The last sample has no successor to derive its rate from.
+  if (rateFromAttitude_) settlePending(nullptr, 0.0);
   ReferenceComparison result;
+  result.rateFromAttitude = rateFromAttitude_;
   result.calibratedOnly = anyCalibrated_;
   result.missingGyro = missingGyro_;
   result.missingAttitude = missingAttitude_;
@@ -302,6 +372,7 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
       magnetic -= 360.0 * std::floor(magnetic / 360.0);
       errors.referenceAngles = {magnetic, record.pitch, record.roll};
     }
+    for (int k = 0; k < 3; ++k) errors.referenceRate[k] = record.referenceRate[k];
     if (visit) visit(errors);
   }
   if (spill_ != nullptr) {
@@ -381,12 +452,7 @@ std::vector<std::array<double, 3>> referenceRates(const std::vector<double>& t,
     if (!usable(i - 1) || !usable(i + 1)) continue;
     const double dt = t[i + 1] - t[i - 1];
     if (!(dt > 0.0)) continue;
-    Quat d = multiply(conjugate(reference[i - 1]), reference[i + 1]);
-    if (d[0] < 0.0) d = {-d[0], -d[1], -d[2], -d[3]};
-    const double v = std::sqrt(d[1] * d[1] + d[2] * d[2] + d[3] * d[3]);
-    const double angle = 2.0 * std::atan2(v, d[0]);
-    const double scale = v > 1e-12 ? angle / v / dt : 2.0 / dt;
-    rates[i] = {d[1] * scale, d[2] * scale, d[3] * scale};
+    rates[i] = rateBetween(reference[i - 1], reference[i + 1], dt);
   }
   return rates;
 }

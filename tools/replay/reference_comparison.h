@@ -95,11 +95,15 @@ struct AngleComparison {
 };
 
 struct ReferenceComparison {
+  // True when the rate was compared with the rate derived from the
+  // reference attitude instead of the reference gyroscope.
+  bool rateFromAttitude = false;
   // True when the comparisons cover only the samples at accuracy 3 (the
   // usual case); false when the calibration never completed and they cover
   // every sample.
   bool calibratedOnly = false;
-  // Samples whose reference gyroscope or attitude was missing.
+  // Samples whose reference rate (gyroscope, or derived from the attitude)
+  // or attitude was missing.
   size_t missingGyro = 0;
   size_t missingAttitude = 0;
   std::optional<GyroComparison> gyro;
@@ -120,11 +124,21 @@ struct SampleErrors {
   std::array<double, 3> referenceAngles{std::numeric_limits<double>::quiet_NaN(),
                                         std::numeric_limits<double>::quiet_NaN(),
                                         std::numeric_limits<double>::quiet_NaN()};
+  // The rate derived from the reference attitude (rad/s, device frame),
+  // when the comparator derives it; NaN otherwise.
+  std::array<double, 3> referenceRate{std::numeric_limits<double>::quiet_NaN(),
+                                      std::numeric_limits<double>::quiet_NaN(),
+                                      std::numeric_limits<double>::quiet_NaN()};
 };
 
 class ReferenceComparator {
  public:
-  ReferenceComparator(bool hasGyro, bool hasAttitude);
+  // rateFromAttitude: compare the reported rate (ReplayRow::vgyro) with the
+  // rate derived from the reference attitude (central differences, as
+  // referenceRates) rather than with the reference gyroscope, for an engine
+  // that was fed that gyroscope. The derivation needs the next sample, so
+  // each sample is settled one sample late.
+  ReferenceComparator(bool hasGyro, bool hasAttitude, bool rateFromAttitude = false);
   ~ReferenceComparator();
   ReferenceComparator(const ReferenceComparator&) = delete;
   ReferenceComparator& operator=(const ReferenceComparator&) = delete;
@@ -138,11 +152,16 @@ class ReferenceComparator {
  private:
   struct Record;
   struct Selection;
+  struct Pending;
   void keep(const Record& record);
   bool readBack(Record& record);
+  void addRate(const std::array<float, 3>& rate, const double* reference, bool calibrated);
+  void settlePending(const double* nextAttitude, double nextT);
 
   bool hasGyro_;
   bool hasAttitude_;
+  bool rateFromAttitude_;
+  std::unique_ptr<Pending> pending_;  // the sample waiting for its successor
   size_t samples_ = 0;
   bool anyCalibrated_ = false;
   size_t missingGyro_ = 0;

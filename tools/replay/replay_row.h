@@ -6,6 +6,23 @@
 
 namespace quelta::replay {
 
+// What the compass engine (libquelta) reports beyond the columns it shares
+// with the fixed pipelines; unused by them.
+struct CompassRow {
+  std::array<float, 9> softIron{1, 0, 0, 0, 1, 0, 0, 0, 1};  // row-major: calibrated = softIron * (raw - offset)
+  int32_t model = 0;              // 0 none, 1 sphere, 2 ellipsoid
+  float disturbance = 0.0f;       // score: 0 undisturbed, 1 at the flag's threshold
+  bool disturbed = false;
+  float coverage = 0.0f;          // share of directions seen, 0..1
+  float residual = 0.0f;          // gauss, robust rms of the fit
+  float expectedStrength = 0.0f;  // gauss, 0 without a location
+  float fittedStrength = 0.0f;    // gauss
+  int32_t reason = 0;             // why the calibration is not yet good (0: it is)
+  float calibrationHeadingError = 0.0f;  // deg, heading error the calibration leaves (estimate)
+  float headingAccuracy = 0.0f;          // deg, estimated heading error of the output
+  uint32_t flags = 0;                    // calibrating, disturbed, accelerating, ...
+};
+
 struct ReplayRow {
   double t = 0.0;
   int32_t accuracy = 0;         // 0..3
@@ -23,6 +40,7 @@ struct ReplayRow {
   std::array<float, 4> rotVec{};       // rotation vector x, y, z, w
   std::array<float, 3> gravity{};      // unit gravity direction
   std::array<float, 3> linearAcc{};    // g
+  CompassRow compass;                  // the compass engine only
 };
 
 }  // namespace quelta::replay

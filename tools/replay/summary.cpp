@@ -20,6 +20,19 @@ void appendf(std::string& text, const char* format, ...) {
   text += line;
 }
 
+// The compass's flags (quelta_compass.h) by name.
+std::string flagsText(uint32_t flags) {
+  static const char* const kNames[6] = {"calibrating", "magnetically disturbed", "accelerating",
+                                        "no heading",  "gyroscope",              "resting"};
+  std::string text;
+  for (int bit = 0; bit < 6; ++bit) {
+    if ((flags & (1u << bit)) == 0) continue;
+    if (!text.empty()) text += ", ";
+    text += kNames[bit];
+  }
+  return text.empty() ? "none" : text;
+}
+
 template <size_t N>
 bool finite(const std::array<float, N>& values) {
   for (float v : values) {
@@ -45,11 +58,46 @@ std::string nonFiniteOutputs(const ReplayRow& r) {
   return names;
 }
 
+void appendCompass(std::string& text, const Summary& s) {
+  const CompassSummary& c = *s.compass;
+  const CompassRow& q = c.last;
+  static const char* const kModels[3] = {"none", "sphere", "ellipsoid"};
+  appendf(text, "engine           compass, %s\n", c.setup.c_str());
+  const auto& m = q.softIron;
+  appendf(text, "soft iron        %.4f %.4f %.4f / %.4f %.4f %.4f / %.4f %.4f %.4f (%s)\n", m[0], m[1], m[2], m[3],
+          m[4], m[5], m[6], m[7], m[8], kModels[std::clamp(q.model, 0, 2)]);
+  appendf(text, "quality          coverage %.0f %%, residual %.4f gauss, heading error estimate %.1f deg, %s\n",
+          100.0 * q.coverage, q.residual, q.calibrationHeadingError,
+          c.reasonText.empty() ? ("reason " + std::to_string(q.reason)).c_str() : c.reasonText.c_str());
+  if (q.expectedStrength > 0.0f) {
+    appendf(text, "field strength   fitted %.4f gauss, expected %.4f gauss (field model)\n", q.fittedStrength,
+            q.expectedStrength);
+  } else {
+    appendf(text, "field strength   fitted %.4f gauss (no expected value without --location and --date)\n",
+            q.fittedStrength);
+  }
+  const double total = s.samples > 0 ? static_cast<double>(s.samples) : 1.0;
+  appendf(text, "disturbance      flagged on %zu samples (%.1f %%, %.2f s), highest score %.2f\n", c.disturbedSamples,
+          100.0 * static_cast<double>(c.disturbedSamples) / total, c.disturbedTime, c.maxDisturbance);
+  if (c.headingAccuracyCount > 0) {
+    appendf(text, "heading accuracy mean %.1f deg at accuracy 3, final %.1f deg\n",
+            c.headingAccuracySum / static_cast<double>(c.headingAccuracyCount), q.headingAccuracy);
+  } else {
+    appendf(text, "heading accuracy final %.1f deg (accuracy 3 never reached)\n", q.headingAccuracy);
+  }
+  appendf(text, "flags            %s\n", flagsText(q.flags).c_str());
+}
+
 }  // namespace
 
 SummaryBuilder::SummaryBuilder(std::string recordingName, double period) : period_(period) {
   s_.recording = std::move(recordingName);
   s_.rate = period > 0.0 ? 1.0 / period : 0.0;
+}
+
+void SummaryBuilder::setCompass(std::string setup) {
+  s_.compass = CompassSummary{};
+  s_.compass->setup = std::move(setup);
 }
 
 void SummaryBuilder::add(const ReplayRow& row) {
@@ -59,6 +107,18 @@ void SummaryBuilder::add(const ReplayRow& row) {
   } else {
     // The time since the previous sample counts at the previous sample's level.
     s_.timeAtAccuracy[previousLevel_] += row.t - previousT_;
+    if (s_.compass && previousDisturbed_) s_.compass->disturbedTime += row.t - previousT_;
+  }
+  if (s_.compass) {
+    CompassSummary& c = *s_.compass;
+    c.last = row.compass;
+    if (row.compass.disturbed) ++c.disturbedSamples;
+    if (std::isfinite(row.compass.disturbance)) c.maxDisturbance = std::max(c.maxDisturbance, row.compass.disturbance);
+    if (level == 3 && std::isfinite(row.compass.headingAccuracy)) {
+      c.headingAccuracySum += row.compass.headingAccuracy;
+      ++c.headingAccuracyCount;
+    }
+    previousDisturbed_ = row.compass.disturbed;
   }
   ++s_.samples;
 
@@ -104,6 +164,7 @@ Summary SummaryBuilder::finish() {
     s_.duration = previousT_ - firstT_;
     // The last sample stands for one interval; drops still open last to the end.
     s_.timeAtAccuracy[previousLevel_] += period_;
+    if (s_.compass && previousDisturbed_) s_.compass->disturbedTime += period_;
     for (size_t index : openDrops_) s_.drops[index].duration = previousT_ + period_ - s_.drops[index].at;
   }
   openDrops_.clear();
@@ -159,27 +220,40 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
   } else {
     text += "accepted fits    0\n";
   }
-  appendf(text, "field geometry   horizontal %.4f gauss, vertical %.4f gauss, inclination %.2f deg\n",
-          s.geometry[0], s.geometry[1], s.geometry[2]);
+  if (s.compass) {
+    appendCompass(text, s);
+  } else {
+    appendf(text, "field geometry   horizontal %.4f gauss, vertical %.4f gauss, inclination %.2f deg\n",
+            s.geometry[0], s.geometry[1], s.geometry[2]);
+  }
   if (s.saturations > 0) appendf(text, "saturations      %d\n", s.saturations);
   if (s.nonFiniteSamples > 0) {
     appendf(text, "non-finite       %zu samples with outputs that are not finite numbers, first at %.2f s (%s)\n",
             s.nonFiniteSamples, *s.firstNonFiniteAt, s.firstNonFiniteOutput.c_str());
   }
   if (reference.missingGyro > 0 || reference.missingAttitude > 0) {
-    appendf(text, "no reference     gyroscope on %zu samples, attitude on %zu samples (left out of the comparisons)\n",
+    appendf(text, "no reference     %s on", reference.rateFromAttitude ? "rate" : "gyroscope");
+    appendf(text, " %zu samples, attitude on %zu samples (left out of the comparisons)\n",
             reference.missingGyro, reference.missingAttitude);
   }
   const char* part = reference.calibratedOnly ? "calibrated" : "uncalibrated";
   if (reference.gyro) {
     const GyroComparison& g = *reference.gyro;
-    appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) over %zu %s samples; reference RMS %.4f rad/s\n",
+    // The compass reports an angular rate; fed the gyroscope, it is judged
+    // against the rate derived from the reference attitude instead.
+    if (s.compass) {
+      appendf(text, "angular rate     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) against the %s over %zu %s samples; reference RMS %.4f rad/s\n",
+              g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2],
+              reference.rateFromAttitude ? "rate from the reference attitude" : "reference gyroscope", g.count, part,
+              g.referenceRms);
+    } else appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) over %zu %s samples; reference RMS %.4f rad/s\n",
             g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2], g.count, part, g.referenceRms);
   }
   if (reference.rotationVector) {
     const AngleComparison& r = *reference.rotationVector;
-    appendf(text, "rotation vector  RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples, heading alignment %.2f deg\n",
-            r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part, r.alignmentDeg);
+    appendf(text, "%s  RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples, heading alignment %.2f deg\n",
+            s.compass ? "attitude       " : "rotation vector", r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part,
+            r.alignmentDeg);
   }
   if (reference.azimuth) {
     const AngleComparison& a = *reference.azimuth;

@@ -25,6 +25,18 @@ struct AccuracyDrop {
   bool recovered = false;
 };
 
+// What the compass engine adds to the summary.
+struct CompassSummary {
+  std::string setup;                      // engine line: gyroscope, field model
+  CompassRow last;                        // the final sample's quality, soft iron, ...
+  std::string reasonText;                 // the library's text for last.reason (set by the caller)
+  size_t disturbedSamples = 0;            // disturbance flag raised
+  double disturbedTime = 0.0;             // s
+  float maxDisturbance = 0.0f;
+  double headingAccuracySum = 0.0;        // over the samples at accuracy 3
+  size_t headingAccuracyCount = 0;
+};
+
 struct Summary {
   std::string recording;
   size_t samples = 0;
@@ -44,6 +56,7 @@ struct Summary {
   size_t nonFiniteSamples = 0;
   std::optional<double> firstNonFiniteAt;
   std::string firstNonFiniteOutput;  // names of the outputs affected there
+  std::optional<CompassSummary> compass;  // --engine compass
 };
 
 class SummaryBuilder {
@@ -51,6 +64,8 @@ class SummaryBuilder {
   // period: the recording's nominal sample interval (s), for the rate and
   // for the time the last sample stands for.
   SummaryBuilder(std::string recordingName, double period);
+  // The rows come from the compass engine; setup describes it for the summary.
+  void setCompass(std::string setup);
   void add(const ReplayRow& row);
   Summary finish();
 
@@ -60,6 +75,7 @@ class SummaryBuilder {
   double firstT_ = 0.0;
   double previousT_ = 0.0;
   int previousLevel_ = 0;
+  bool previousDisturbed_ = false;
   std::vector<size_t> openDrops_;  // indices into s_.drops, outermost first
 };
 

@@ -1,0 +1,111 @@
+#include "tools/replay/compass_driver.h"
+
+#include <cmath>
+#include <memory>
+
+#include "quelta/quelta_compass.h"
+#include "quelta/quelta_geomag.h"
+
+namespace quelta::replay {
+
+namespace {
+
+template <size_t N>
+void toFloats(const double* in, std::array<float, N>& out) {
+  for (size_t k = 0; k < N; ++k) out[k] = static_cast<float>(in[k]);
+}
+
+}  // namespace
+
+size_t replayCompassStream(const SampleSource& source, size_t total, const CompassDriverOptions& options,
+                           const RowSink& sink) {
+  // The state is large (tens of kilobytes): kept off the stack.
+  auto state = std::make_unique<quelta_compass>();
+  quelta_compass_init(state.get());
+  if (options.expected) {
+    quelta_compass_set_expected_field(state.get(), options.expected->strengthGauss, options.expected->dipDeg);
+    quelta_compass_set_declination(state.get(), options.expected->declinationDeg);
+  }
+  const size_t progressStep = total > 0 ? total / 100 + 1 : 65536;
+  RecordedSample sample;
+  ReplayRow row;
+  quelta_compass_output out{};
+  quelta_mag_sample field{};
+  quelta_mag_calibration calibration{};
+  quelta_mag_quality quality{};
+  size_t count = 0;
+  while (source(sample)) {
+    // A sample without a gyroscope reading (empty or nan) gets none.
+    const bool gyro = options.feedGyro && sample.hasGyro && std::isfinite(sample.gyro[0]) &&
+                      std::isfinite(sample.gyro[1]) && std::isfinite(sample.gyro[2]);
+    quelta_compass_update(state.get(), sample.t, sample.acc.data(), sample.mag.data(),
+                          gyro ? sample.gyro.data() : nullptr);
+    quelta_compass_get_output(state.get(), &out);
+    quelta_compass_get_field(state.get(), &field);
+    quelta_compass_get_calibration(state.get(), &calibration);
+    quelta_compass_get_calibration_quality(state.get(), &quality);
+
+    row = ReplayRow{};
+    row.t = sample.t;
+    row.accuracy = out.accuracy;
+    row.newCalibration = field.new_calibration != 0;
+    toFloats(calibration.offset, row.offset);
+    row.radius = static_cast<float>(calibration.strength);
+    toFloats(sample.mag.data(), row.rawField);
+    toFloats(field.calibrated, row.calField);
+    const double angles[3] = {out.azimuth_deg, out.pitch_deg, out.roll_deg};
+    toFloats(angles, row.orientation);
+    toFloats(out.angular_rate, row.vgyro);
+    const double xyzw[4] = {out.quaternion[1], out.quaternion[2], out.quaternion[3], out.quaternion[0]};
+    toFloats(xyzw, row.rotVec);
+    toFloats(out.gravity, row.gravity);
+    toFloats(out.linear_acceleration, row.linearAcc);
+
+    CompassRow& c = row.compass;
+    toFloats(calibration.soft_iron, c.softIron);
+    c.model = calibration.model;
+    c.disturbance = static_cast<float>(field.disturbance);
+    c.disturbed = field.disturbed != 0;
+    c.coverage = static_cast<float>(quality.coverage);
+    c.residual = static_cast<float>(quality.residual_gauss);
+    c.expectedStrength = static_cast<float>(quality.expected_strength);
+    c.fittedStrength = static_cast<float>(quality.fitted_strength);
+    c.reason = quality.reason;
+    c.calibrationHeadingError = static_cast<float>(quality.heading_error_deg);
+    c.headingAccuracy = static_cast<float>(out.heading_accuracy_deg);
+    c.flags = out.flags;
+
+    sink(sample, row);
+    ++count;
+    if (options.progress && count % progressStep == 0) options.progress(count, total);
+  }
+  if (options.progress) options.progress(count, total);
+  return count;
+}
+
+bool expectedFieldAt(double latitudeDeg, double longitudeDeg, double heightM, const std::string& date,
+                     ExpectedField& out, std::vector<std::string>& warnings, std::string& problem) {
+  double year = 0.0;
+  int status = quelta_geomag_decimal_year_from_text(date.c_str(), &year);
+  if (status != QUELTA_GEOMAG_OK) {
+    problem = "--date " + date + ": " + quelta_geomag_status_text(status);
+    return false;
+  }
+  quelta_geomag_expected expected{};
+  status = quelta_geomag_expected_at(latitudeDeg, longitudeDeg, heightM, year, &expected);
+  if (status != QUELTA_GEOMAG_OK) {
+    problem = std::string("--location: ") + quelta_geomag_status_text(status);
+    return false;
+  }
+  for (uint32_t flag = 1; flag != 0 && flag <= expected.flags; flag <<= 1) {
+    if ((expected.flags & flag) != 0) warnings.push_back(std::string("field model: ") + quelta_geomag_flag_text(flag));
+  }
+  out.strengthGauss = expected.strength_gauss;
+  out.dipDeg = expected.dip_deg;
+  out.declinationDeg = expected.declination_deg;
+  return true;
+}
+
+const char* calibrationReasonText(int reason) { return quelta_mag_reason_text(reason); }
+
+}  // namespace quelta::replay
