@@ -49,6 +49,12 @@ add_test(NAME replay.cli.interrupted_runs_leave_no_temporaries
 
 add_test(NAME replay.cli.usage_error COMMAND ${REPLAY_CHECK} usage $<TARGET_FILE:quelta-replay>)
 
+# --engine compass (libquelta) with --location/--date and --gyro, and the
+# default engine unchanged.
+add_test(NAME replay.cli.compass_engine
+  COMMAND ${REPLAY_CHECK} compass $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/compass
+          ${PROJECT_SOURCE_DIR}/data/handheld.csv)
+
 # The real recordings beside the repository (../shared/recordings, or two
 # levels up from a worktree); tests that need them skip when absent.
 if(NOT DEFINED QUELTA_SHARED_RECORDINGS)

@@ -39,6 +39,12 @@
       and replaced by the run's fit.
   cli_check.py version REPLAY HEADER
       --version prints the version macro of HEADER.
+  cli_check.py compass REPLAY WORKDIR RECORDING
+      --engine compass on the bundled simulated recording: its columns, the
+      calibration against the simulator's truth, the heading against the
+      reference, the report; --location/--date turn the azimuth by the
+      declination; --gyro and the rate it is judged against; --engine algo
+      is the default, byte for byte; bad values are usage errors.
 """
 import gzip
 import shutil
@@ -636,6 +642,167 @@ def check_browser(program, workdir, recording, render):
         os.remove(w(name))  # large; the reports and images stay to be looked at
 
 
+COMPASS_COLUMNS = ("t,accuracy,new_calibration,offset_x,offset_y,offset_z,radius,cal_mx,cal_my,cal_mz,azimuth,pitch,"
+                   "roll,vgyro_x,vgyro_y,vgyro_z,rv_x,rv_y,rv_z,rv_w,gravity_x,gravity_y,gravity_z,linacc_x,linacc_y,"
+                   "linacc_z,soft_xx,soft_xy,soft_xz,soft_yx,soft_yy,soft_yz,soft_zx,soft_zy,soft_zz,model,"
+                   "disturbance,disturbed,coverage,residual,expected_strength,fitted_strength,reason,"
+                   "cal_heading_error,heading_accuracy,flags").split(",")
+
+
+def wrap180(angle):
+    return (angle + 180.0) % 360.0 - 180.0
+
+
+def summary_figure(summary, key, pattern):
+    match = re.search(pattern, summary_value(summary, key))
+    if not match:
+        fail("summary line '%s' does not match %r:\n%s" % (key, pattern, summary))
+    return float(match.group(1))
+
+
+def check_compass(program, workdir, recording):
+    os.makedirs(workdir, exist_ok=True)
+    out, report = os.path.join(workdir, "compass.csv"), os.path.join(workdir, "compass.html")
+    truth_offset = [0.12, -0.25, 0.08]  # data/handheld.csv: the simulator's hard iron; field 0.5 gauss
+
+    def run(args, name):
+        status, summary, errors = replay(program, [recording, "--engine", "compass"] + args, workdir)
+        if status != 0:
+            fail("%s: exit status %d: %s" % (name, status, errors))
+        return summary
+
+    # Magnetic north, no gyroscope.
+    summary = run(["--out", out, "--report", report], "compass")
+    print(summary)
+    table = open(out).read()
+    header = table.split("\n", 1)[0].split(",")
+    if header != COMPASS_COLUMNS:
+        fail("compass columns %s, want %s" % (header, COMPASS_COLUMNS))
+    rows = list(csv.DictReader(table.splitlines()))
+    if len(rows) != int(summary_value(summary, "samples").split()[0]):
+        fail("%d rows for %s" % (len(rows), summary_value(summary, "samples")))
+    if not re.search(r"\b3 at [0-9.]+ s", summary_value(summary, "accuracy reached")) or rows[-1]["accuracy"] != "3":
+        fail("the compass did not calibrate:\n" + summary)
+    last = rows[-1]
+    offset = [float(last["offset_" + a]) for a in "xyz"]
+    if max(abs(a - b) for a, b in zip(offset, truth_offset)) > 0.015:
+        fail("final offset %s not within 15 milligauss of the truth %s" % (offset, truth_offset))
+    if abs(float(last["radius"]) - 0.5) > 0.015 or abs(float(last["fitted_strength"]) - 0.5) > 0.015:
+        fail("fitted strength %s, want 0.5 gauss" % last["radius"])
+    soft = [float(last["soft_" + a + b]) for a in "xyz" for b in "xyz"]
+    if max(abs(v - (1.0 if i % 4 == 0 else 0.0)) for i, v in enumerate(soft)) > 0.03:
+        fail("soft-iron matrix %s is not near identity (the simulator has none)" % soft)
+    for row in rows:
+        q = [float(row[k]) for k in ("rv_x", "rv_y", "rv_z", "rv_w")]
+        if abs(sum(v * v for v in q) - 1.0) > 1e-4 or not 0.0 <= float(row["azimuth"]) <= 360.0:
+            fail("row at t=%s: attitude %s, azimuth %s" % (row["t"], q, row["azimuth"]))
+    flags = [int(row["flags"]) for row in rows]
+    if any(f & 0x10 for f in flags):
+        fail("the gyroscope flag is set without --gyro")
+    # The simulated hand is undisturbed: the flag is (almost) never raised.
+    if sum(int(row["disturbed"]) for row in rows) > len(rows) // 20:
+        fail("disturbance flagged on more than 5 %% of an undisturbed recording:\n" + summary)
+    for key in ("engine", "soft iron", "quality", "field strength", "disturbance", "heading accuracy", "flags"):
+        summary_value(summary, key)
+    if "against the reference gyroscope" not in summary_value(summary, "angular rate"):
+        fail("without --gyro the rate is judged against the recorded gyroscope:\n" + summary)
+    azimuth_rms = summary_figure(summary, "azimuth", r"RMS error ([0-9.]+) deg")
+    attitude_rms = summary_figure(summary, "attitude", r"RMS error ([0-9.]+) deg")
+    if azimuth_rms > 5.0 or attitude_rms > 5.0:
+        fail("heading against the reference: azimuth RMS %.2f, attitude RMS %.2f deg (want <= 5)" %
+             (azimuth_rms, attitude_rms))
+    magnetic_alignment = summary_figure(summary, "azimuth", r"heading alignment (-?[0-9.]+) deg")
+    global PLOTS
+    plots = PLOTS
+    PLOTS = plots + ["plot-disturbance", "plot-heading-accuracy"]
+    try:
+        check_report(report)
+    finally:
+        PLOTS = plots
+    # The same run again gives the same table.
+    run(["--out", out + ".again"], "compass again")
+    if open(out + ".again").read() != table:
+        fail("two compass runs of the same recording differ")
+
+    # True north: the field model's declination turns every azimuth.
+    summary = run(["--out", out, "--location", "48.1,11.6,520", "--date=2026-06-01"], "compass with location")
+    declination = summary_figure(summary, "engine", r"declination (-?[0-9.]+) deg")
+    if not 3.0 < declination < 6.0:
+        fail("declination %.2f deg at 48.1 N 11.6 E in 2026 is implausible" % declination)
+    expected = summary_figure(summary, "field strength", r"expected ([0-9.]+) gauss")
+    if not 0.45 < expected < 0.52:
+        fail("expected strength %.4f gauss at 48.1 N 11.6 E is implausible" % expected)
+    true_rows = list(csv.DictReader(open(out)))
+    shifts = sorted(wrap180(float(b["azimuth"]) - float(a["azimuth"]))
+                    for a, b in zip(rows, true_rows) if a["accuracy"] == "3" and b["accuracy"] == "3")
+    if len(shifts) < len(rows) // 3:
+        fail("only %d samples at accuracy 3 in both runs" % len(shifts))
+    median = shifts[len(shifts) // 2]
+    if abs(median - declination) > 0.3:
+        fail("azimuths turned by %.2f deg (median), want the declination %.2f" % (median, declination))
+    true_alignment = summary_figure(summary, "azimuth", r"heading alignment (-?[0-9.]+) deg")
+    if abs(wrap180(magnetic_alignment - true_alignment - declination)) > 0.3:
+        fail("heading alignment %.2f on magnetic, %.2f on true north: not the declination %.2f apart" %
+             (magnetic_alignment, true_alignment, declination))
+
+    # The gyroscope fed: its flag, and the rate judged against the reference attitude.
+    summary = run(["--out", out, "--gyro"], "compass with gyroscope")
+    print(summary)
+    if "against the rate from the reference attitude" not in summary_value(summary, "angular rate"):
+        fail("with --gyro the rate must be judged against the reference attitude:\n" + summary)
+    rate_rms = summary_figure(summary, "angular rate", r"RMS error ([0-9.]+) rad/s")
+    if rate_rms > 0.02:
+        fail("rate RMS %.4f rad/s against the reference attitude with the simulator's exact gyroscope" % rate_rms)
+    gyro_rows = list(csv.DictReader(open(out)))
+    if not all(int(row["flags"]) & 0x10 for row in gyro_rows[1:]):
+        fail("the gyroscope flag is not set on every row with --gyro")
+    if summary_figure(summary, "attitude", r"RMS error ([0-9.]+) deg") > 5.0:
+        fail("attitude RMS with the gyroscope above 5 deg:\n" + summary)
+    # A recording without gyroscope columns has nothing to feed.
+    bare = os.path.join(workdir, "no_gyro.csv")
+    with open(bare, "w") as handle:
+        for line in open(recording):
+            if line.startswith("#"):
+                continue
+            handle.write(",".join(line.rstrip("\n").split(",")[:7]) + "\n")
+    status, summary, errors = replay(program, [bare, "--engine", "compass", "--gyro"], workdir)
+    if status != 1 or "--gyro: the recording has no gyroscope columns" not in errors:
+        fail("--gyro without gx gy gz: status %d, %r" % (status, errors))
+
+    # The default engine is the fixed pipelines, unchanged.
+    outputs = []
+    for args in ([], ["--engine", "algo"], ["--engine=algo"]):
+        status, summary, errors = replay(program, [recording, "--out", out] + args, workdir)
+        if status != 0:
+            fail("%s: exit status %d: %s" % (args, status, errors))
+        outputs.append((summary, open(out).read()))
+    if outputs[1] != outputs[0] or outputs[2] != outputs[0]:
+        fail("--engine algo differs from the default")
+    if not outputs[0][1].startswith("t,accuracy,pool,new_calibration,saturation,") or re.search(r"^engine ", outputs[0][0], re.M):
+        fail("the default run is not the fixed pipelines' one")
+
+    # Bad values and options of the other engine: usage errors, nothing written.
+    os.remove(out)
+    for args, pattern in ((["--engine", "fast"], "bad value 'fast' for --engine"),
+                          (["--engine=compass", "--location", "91,0", "--date", "2026-01-01"],
+                           r"bad value '91,0' for --location \(LAT,LON\[,HEIGHT_M\]"),
+                          (["--engine=compass", "--location", "48.1", "--date", "2026-01-01"],
+                           "bad value '48.1' for --location"),
+                          (["--engine=compass", "--location", "48.1,11.6,high", "--date", "2026-01-01"],
+                           "bad value '48.1,11.6,high' for --location"),
+                          (["--engine=compass", "--location", "48.1,11.6", "--date", "2026-02-30"],
+                           r"bad value '2026-02-30' for --date \(YYYY-MM-DD\)"),
+                          (["--engine=compass", "--location", "48.1,11.6", "--date", "1.6.2026"],
+                           "bad value '1.6.2026' for --date"),
+                          (["--engine=compass", "--location", "48.1,11.6"], "--location and --date go together"),
+                          (["--location", "48.1,11.6", "--date", "2026-01-01"], "--location needs --engine compass"),
+                          (["--gyro"], "--gyro needs --engine compass"),
+                          (["--engine=compass", "--windows", "9,8"], "--windows sets up the fixed pipelines")):
+        status, summary, errors = replay(program, [recording, "--out", out] + args, workdir)
+        if status != 2 or not re.search(pattern, errors) or summary or os.path.exists(out):
+            fail("%s: status %d, message %r" % (args, status, errors))
+
+
 def main(args):
     if len(args) >= 5 and args[0] == "run":
         check_run(args[1], args[2], args[3], args[4], args[5:])
@@ -659,6 +826,8 @@ def main(args):
         check_recordings(*args[1:])
     elif len(args) == 3 and args[0] == "stored":
         check_stored(args[1], args[2])
+    elif len(args) == 4 and args[0] == "compass":
+        check_compass(*args[1:])
     elif len(args) == 3 and args[0] == "version":
         check_version(args[1], args[2])
     else:
