@@ -317,6 +317,13 @@ def check_recordings(program, workdir, directory):
         # every recording's converted samples).
         if name not in (first_of("broad_"), first_of("n5_")):
             continue
+        # The compass engine, fed the gyroscope, on the same real recordings.
+        status, summary, errors = replay(program, [path, "--engine=compass", "--gyro"], workdir)
+        if status != 0 or "warning" in errors:
+            fail("%s with the compass: status %d, %r" % (name, status, errors))
+        if ("gyroscope fed" not in summary_value(summary, "engine") or
+                "rate from the reference attitude" not in summary_value(summary, "angular rate")):
+            fail("%s with the compass: summary\n%s" % (name, summary))
         si = os.path.join(workdir, name[:-len(".gz")])
         with open(si, "w") as handle:
             handle.write(si_version(gzip.open(path, "rt").read()))
