@@ -144,9 +144,10 @@ int run(const Options& options) {
     setLogStream(log->stream());
     driver.log = prefixedLog;
   }
+  std::unique_ptr<OutputCsvWriter> csvWriter;
   if (csv) {
     if (!csv->open(problem)) return fail(problem);
-    writeOutputCsvHeader(csv->stream());
+    csvWriter = std::make_unique<OutputCsvWriter>(csv->stream());
   }
   driver.progress = [&progress](size_t done, size_t all) { progress.show("replaying", done, all); };
 
@@ -154,10 +155,9 @@ int run(const Options& options) {
   ReferenceComparator comparator(hasGyro, hasAttitude);
   std::unique_ptr<ReportBuilder> reportBuilder;
   if (report) reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);
-  FILE* const csvStream = csv ? csv->stream() : nullptr;
   std::optional<ReplayRow> lastFit;
   replayStream(source, period, total, driver, [&](const RecordedSample& sample, const ReplayRow& row) {
-    if (csvStream != nullptr) writeOutputCsvRow(csvStream, row);
+    if (csvWriter) csvWriter->add(row);
     summaryBuilder.add(row);
     comparator.add(sample, row);
     if (reportBuilder) reportBuilder->add(sample, row);
@@ -165,6 +165,7 @@ int run(const Options& options) {
   });
   RegisterLogCallback(nullptr);
   setLogStream(nullptr);
+  if (csvWriter) csvWriter->finish();
   // A problem further down the recording: nothing is kept (the outputs'
   // temporaries go with their OutputFile).
   if (reader.failed()) {
