@@ -9,11 +9,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <sstream>
 
 #include "tools/replay/algo_setup.h"
 #include "tools/replay/bundled_recording.h"
@@ -28,7 +26,6 @@
 #include "tools/replay/replay_driver.h"
 #include "tools/replay/summary.h"
 #include "tools/replay/units_check.h"
-#include "tools/replay/units_check.h"
 
 namespace {
 
@@ -40,15 +37,6 @@ constexpr int kExitUsage = 2;
 int fail(const std::string& message) {
   std::fprintf(stderr, "quelta-replay: %s\n", message.c_str());
   return kExitBadInput;
-}
-
-bool readTextFile(const std::string& path, std::string& text) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return false;
-  std::ostringstream content;
-  content << file.rdbuf();
-  text = content.str();
-  return true;
 }
 
 // Progress on standard error, when it is a terminal: one line, rewritten.
@@ -107,11 +95,9 @@ int run(const Options& options) {
   AlgoSetup setup;
   SetupOverrides fromFile;
   if (!options.calibrationFile.empty()) {
-    std::string text;
-    if (readTextFile(options.calibrationFile, text)) {
-      if (!parseCalibrationFile(text, fromFile, problem)) return fail(options.calibrationFile + ":" + problem);
-      fromFile.applyTo(setup);
-    }
+    bool found = false;
+    if (!readCalibrationFile(options.calibrationFile, fromFile, found, problem)) return fail(problem);
+    fromFile.applyTo(setup);
   }
   options.setup.applyTo(setup);
   // AlgoInitial adopts any stored offset: a wrong one would stay for the run.
