@@ -453,6 +453,13 @@ def check_outputs(program, workdir, recording):
     if status != 0 or not stat.S_ISCHR(os.stat("/dev/null").st_mode):
         fail("--report /dev/null: status %d, %s" % (status, errors))
 
+    # A full device: the write fails with its reason, and the device stays.
+    status, out, errors = replay(program, [recording, "--report", "/dev/full"], workdir)
+    if status != 1 or "--report /dev/full: write failed: No space left on device" not in errors:
+        fail("--report /dev/full: status %d, %r" % (status, errors))
+    if not stat.S_ISCHR(os.stat("/dev/full").st_mode):
+        fail("/dev/full was replaced")
+
     # A FIFO is written in place: its reader gets the table, the FIFO stays.
     os.mkfifo(w("pipe.csv"))
     received = []

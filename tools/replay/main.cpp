@@ -160,9 +160,10 @@ int run(const Options& options) {
     setLogStream(log->stream());
     driver.log = prefixedLog;
   }
+  std::unique_ptr<OutputCsvWriter> csvWriter;
   if (csv) {
     if (!csv->open(problem)) return fail(problem);
-    (compass ? writeCompassCsvHeader : writeOutputCsvHeader)(csv->stream());
+    csvWriter = std::make_unique<OutputCsvWriter>(csv->stream(), compass);
   }
   driver.progress = [&progress](size_t done, size_t all) { progress.show("replaying", done, all); };
   compassOptions.progress = driver.progress;
@@ -175,10 +176,9 @@ int run(const Options& options) {
     reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);
     if (compass) reportBuilder->setCompass(rateFromAttitude);
   }
-  FILE* const csvStream = csv ? csv->stream() : nullptr;
   std::optional<ReplayRow> lastFit;
   const RowSink sink = [&](const RecordedSample& sample, const ReplayRow& row) {
-    if (csvStream != nullptr) (compass ? writeCompassCsvRow : writeOutputCsvRow)(csvStream, row);
+    if (csvWriter) csvWriter->add(row);
     summaryBuilder.add(row);
     comparator.add(sample, row);
     if (reportBuilder) reportBuilder->add(sample, row);
@@ -191,6 +191,7 @@ int run(const Options& options) {
     RegisterLogCallback(nullptr);
     setLogStream(nullptr);
   }
+  if (csvWriter) csvWriter->finish();
   // A problem further down the recording: nothing is kept (the outputs'
   // temporaries go with their OutputFile).
   if (reader.failed()) {

@@ -100,4 +100,50 @@ void writeOutputCsv(FILE* out, const std::vector<ReplayRow>& rows) {
   for (const ReplayRow& row : rows) writeOutputCsvRow(out, row);
 }
 
+OutputCsvWriter::OutputCsvWriter(FILE* out, bool compass) : out_(out), compass_(compass) {
+  (compass_ ? writeCompassCsvHeader : writeOutputCsvHeader)(out_);
+  filling_.reserve(kBatch);
+  writing_.reserve(kBatch);
+  thread_ = std::thread([this] { work(); });
+}
+
+OutputCsvWriter::~OutputCsvWriter() { finish(); }
+
+void OutputCsvWriter::add(const ReplayRow& row) {
+  filling_.push_back(row);
+  if (filling_.size() == kBatch) handOver();
+}
+
+void OutputCsvWriter::handOver() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait(lock, [this] { return writing_.empty(); });
+  writing_.swap(filling_);
+  changed_.notify_all();
+}
+
+void OutputCsvWriter::finish() {
+  if (!thread_.joinable()) return;
+  if (!filling_.empty()) handOver();
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return writing_.empty(); });
+    done_ = true;
+    changed_.notify_all();
+  }
+  thread_.join();
+}
+
+void OutputCsvWriter::work() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return done_ || !writing_.empty(); });
+    if (writing_.empty()) return;  // done, and nothing left
+    lock.unlock();
+    for (const ReplayRow& row : writing_) (compass_ ? writeCompassCsvRow : writeOutputCsvRow)(out_, row);
+    lock.lock();
+    writing_.clear();
+    changed_.notify_all();
+  }
+}
+
 }  // namespace quelta::replay

@@ -179,7 +179,7 @@ ReferenceComparator::ReferenceComparator(bool hasGyro, bool hasAttitude, bool ra
       rateFromAttitude_(rateFromAttitude),
       pending_(std::make_unique<Pending>()),
       calibrated_(std::make_unique<Selection>(hasAttitude)),
-      all_(std::make_unique<Selection>(hasAttitude)) {}
+      uncalibrated_(std::make_unique<Selection>(hasAttitude)) {}
 
 ReferenceComparator::~ReferenceComparator() {
   if (spill_ != nullptr) std::fclose(spill_);
@@ -223,13 +223,11 @@ void ReferenceComparator::addRate(const std::array<float, 3>& rate, const double
     error2 += e * e;
     reference2 += reference[k] * reference[k];
   }
-  for (Selection* s : {all_.get(), calibrated ? calibrated_.get() : nullptr}) {
-    if (s == nullptr) continue;
-    for (int k = 0; k < 3; ++k) s->gyroSumAxis[k] += axis2[k];
-    s->gyroSum += error2;
-    s->gyroSumReference += reference2;
-    ++s->gyroCount;
-  }
+  Selection& s = calibrated ? *calibrated_ : *uncalibrated_;
+  for (int k = 0; k < 3; ++k) s.gyroSumAxis[k] += axis2[k];
+  s.gyroSum += error2;
+  s.gyroSumReference += reference2;
+  ++s.gyroCount;
 }
 
 void ReferenceComparator::settlePending(const double* nextAttitude, double nextT) {
@@ -288,11 +286,9 @@ void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row
     }
     const double azimuthDifference =
         record.azimuthUsable ? wrapDeg(angles.azimuth - static_cast<double>(row.orientation[0])) : kNaN;
-    for (Selection* s : {all_.get(), calibrated ? calibrated_.get() : nullptr}) {
-      if (s == nullptr) continue;
-      s->heading->add(headingDifference);
-      s->azimuth->add(azimuthDifference);
-    }
+    Selection& s = calibrated ? *calibrated_ : *uncalibrated_;
+    s.heading->add(headingDifference);
+    s.azimuth->add(azimuthDifference);
   }
   if (!rateFromAttitude_) {
     keep(record);
@@ -316,7 +312,8 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
   result.calibratedOnly = anyCalibrated_;
   result.missingGyro = missingGyro_;
   result.missingAttitude = missingAttitude_;
-  const Selection& selection = anyCalibrated_ ? *calibrated_ : *all_;
+  // Without a single calibrated sample, the uncalibrated ones are all of them.
+  const Selection& selection = anyCalibrated_ ? *calibrated_ : *uncalibrated_;
   if (hasGyro_ && samples_ > 0) {
     GyroComparison g;
     g.count = selection.gyroCount;
@@ -334,7 +331,7 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
   azimuth.alignmentDeg = selection.azimuth->median();
   // The histograms are no longer needed: give their memory back.
   calibrated_.reset();
-  all_.reset();
+  uncalibrated_.reset();
 
   if (spill_ != nullptr) {
     if (!kept_.empty() && std::fwrite(kept_.data(), sizeof(Record), kept_.size(), spill_) != kept_.size()) {
