@@ -154,7 +154,11 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
     // a device that goes nowhere average out, gravity stays.
     const double meanTau = warm ? settings_.accMeanTau : std::fmin(settings_.accMeanTau, 0.05 + 0.5 * elapsed);
     const double kMean = weight * dt / (dt + meanTau);
-    accWorld_ = accWorld_ + kMean * (rotate(q_, acc) - accWorld_);
+    // Each sample's pull on the mean is limited: a shock moves it little.
+    Vec3 step = rotate(q_, acc) - accWorld_;
+    const double stepNorm = norm(step);
+    if (stepNorm > settings_.accStepLimit) step = (settings_.accStepLimit / stepNorm) * step;
+    accWorld_ = accWorld_ + kMean * step;
     const double nm = norm(accWorld_);
     if (!(nm > 0.2)) {
       accelerating_ = true;

@@ -52,7 +52,8 @@ struct FilterSettings {
   double trackLagTime = 0.3;            // s: heading accuracy grows with the turn rate
   double trackDisturbedErrorDeg = 30.0; // heading accuracy while the field is disturbed  // the dip check's tolerance, relative to the gyroscope's          // share of the derived rate used to predict
   // Acceleration gating.
-  double accNormTolerance = 0.5;   // g, weight halves at this deviation from 1 g
+  double accNormTolerance = 3.0;   // g, weight halves at this deviation from 1 g
+  double accStepLimit = 1.5;       // g, largest pull of one sample on the earth-frame mean
   double accRejectAngleDeg = 30.0; // tilt disagreement skipped (with gyroscope)
   double accFlagAngleDeg = 10.0;   // tilt disagreement flagged as accelerating
   double accRejectMaxTime = 3.0;   // s of skipping before a sustained tilt is accepted

@@ -222,7 +222,9 @@ TEST(CompassFilter, AccelerationShocksAndSustainedAcceleration) {
     if (t > 35.0) after = std::fmax(after, e);
     if (t > 21.0 && t < 25.0) accelerating = accelerating || (filter.output().flags & kFlagAccelerating);
   });
-  EXPECT_LT(worstTaps, 1.0);
+  // A 3 g tap tilts a plain accelerometer by 72 degrees; the limited pull
+  // of each sample on the earth-frame mean keeps it to a few degrees.
+  EXPECT_LT(worstTaps, 3.0);
   // 0.3 g tilts a plain accelerometer by 16.7 degrees; the filter follows
   // slowly and recovers.
   EXPECT_LT(worstSustained, 16.0);
