@@ -116,6 +116,7 @@ void CompassFilter::initialise(double t, const Vec3& acc, const Vec3* field) {
       headingKnown_ = true;
     }
   }
+  qMeas_ = q_;
   gyroLp_ = Vec3{};
   accLp_ = acc;
   accWorld_ = {0.0, 0.0, norm(acc)};
@@ -155,7 +156,7 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
     const double meanTau = warm ? settings_.accMeanTau : std::fmin(settings_.accMeanTau, 0.05 + 0.5 * elapsed);
     const double kMean = weight * dt / (dt + meanTau);
     // Each sample's pull on the mean is limited: a shock moves it little.
-    Vec3 step = rotate(q_, acc) - accWorld_;
+    Vec3 step = rotate(qMeas_, acc) - accWorld_;
     const double stepNorm = norm(step);
     if (stepNorm > settings_.accStepLimit) step = (settings_.accStepLimit / stepNorm) * step;
     accWorld_ = accWorld_ + kMean * step;
@@ -178,12 +179,12 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
     } else {
       rejectTime_ = std::fmax(0.0, rejectTime_ - 0.5 * dt);
     }
-    const Vec3 upNow = rotate(q_, (1.0 / na) * acc);
+    const Vec3 upNow = rotate(qMeas_, (1.0 / na) * acc);
     const double angleNow = std::atan2(std::hypot(upNow.x, upNow.y), upNow.z);
     accelerating_ = kMean < 0.5 * dt / (dt + meanTau) || weight < 0.5 ||
                     (warm && angleNow > settings_.accFlagAngleDeg * kDeg);
   } else {
-    const Vec3 upWorld = rotate(q_, (1.0 / na) * acc);
+    const Vec3 upWorld = rotate(qMeas_, (1.0 / na) * acc);
     err = rotationBetween(upWorld, kUp);  // earth frame, horizontal
     const double m = norm(err) / (settings_.trackTiltAngleDeg * kDeg);
     tau = settings_.trackTiltTau / (1.0 + m * m);
@@ -194,6 +195,7 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
   applied = k * err;
   const Quat turn = fromRotationVector(applied);
   q_ = normalised(turn * q_);
+  qMeas_ = normalised(turn * qMeas_);
   if (withGyro) accWorld_ = rotate(turn, accWorld_);
   return weight;
 }
@@ -201,7 +203,7 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
 bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro) {
   const double strength = norm(field);
   if (quality.newCalibration) referenceAge_ = 0.0;
-  const Vec3 upDevice = rotateBack(q_, kUp);
+  const Vec3 upDevice = rotateBack(qMeas_, kUp);
   const double dip = std::asin(clampTo(-dot(field, upDevice) / strength, -1.0, 1.0));
   if (referenceAge_ <= 0.0) {
     strengthRef_ = strength;
@@ -242,12 +244,13 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   const double strength = norm(field);
   if (!(strength > 0.0) || !finite(field)) return 0.0;
   const bool disturbed = fieldDisturbed(field, quality, dt, withGyro);
-  const Vec3 w = rotate(q_, field);
+  const Vec3 w = rotate(qMeas_, field);
   const double horizontal = std::hypot(w.x, w.y);
   if (horizontal < 0.05 * strength) return 0.0;
   const double psi = wrapPi(std::atan2(w.x, w.y) - settings_.declinationDeg * kDeg);
   if (!headingKnown_) {
     q_ = normalised(aboutUp(psi) * q_);
+    qMeas_ = normalised(aboutUp(psi) * qMeas_);
     headingKnown_ = true;
     return 1.0;
   }
@@ -284,10 +287,11 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   const double k = weight * dt / (dt + tau);
   applied = k * psi;
   q_ = normalised(aboutUp(applied) * q_);
+  qMeas_ = normalised(aboutUp(applied) * qMeas_);
   // A trusted field also knows its dip: the tilt about the east-west axis
   // of the field is pulled towards the dip of the references.
   if (withGyro && settings_.fieldTiltTau > 0.0 && referenceAge_ > 5.0 && score_ < 0.5 && warm) {
-    const Vec3 m = rotate(q_, (1.0 / strength) * field);
+    const Vec3 m = rotate(qMeas_, (1.0 / strength) * field);
     const double h = std::hypot(m.x, m.y);
     if (h > 0.1) {
       const double dipNow = std::atan2(-m.z, h);
@@ -296,6 +300,7 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
       const Vec3 axis{m.y / h, -m.x / h, 0.0};
       const double kTilt = dt / (dt + settings_.fieldTiltTau);
       q_ = normalised(fromRotationVector((kTilt * dipError) * axis) * q_);
+      qMeas_ = normalised(fromRotationVector((kTilt * dipError) * axis) * qMeas_);
       fieldTiltApplied_ = (kTilt * dipError) * axis;
     }
   }
@@ -329,12 +334,15 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
   if (withGyro) {
     const Vec3 w = *usableGyro - bias_;
     q_ = normalised(q_ * fromRotationVector(dt * w));
+    // The readings are means over the interval: they belong to its middle.
+    qMeas_ = normalised(q_ * fromRotationVector((-settings_.readingDelay * dt) * w));
     if (accOk) restBias(*usableGyro, acc, dt);
     lastRate_ = *usableGyro - bias_;
     driftVar_ += dt * settings_.headingDriftRate * settings_.headingDriftRate +
                  std::pow(settings_.headingScaleError * norm(w) * dt, 2.0);
   } else {
     q_ = normalised(fromRotationVector((settings_.trackPredict * dt) * rateWorld_) * q_);
+    qMeas_ = q_;
     driftVar_ += dt * 4.0 * settings_.headingDriftRate * settings_.headingDriftRate +
                  std::pow(0.05 * norm(rateWorld_) * dt, 2.0);
   }

@@ -40,6 +40,7 @@ struct FilterSettings {
   double restTime = 1.0;           // s of stillness before the rest bias estimate runs
   double restBiasTau = 1.0;        // s, rest bias estimate
   double warmUp = 2.0;             // s of short time constants after the start
+  double readingDelay = 0.5;       // accelerometer and field: fraction of the interval they lag the gyroscope
   // Without a gyroscope: smoothing of gravity's and the field's attitude,
   // shortened as the disagreement grows past what noise explains (a turn).
   double trackTiltTau = 0.2;          // s
@@ -137,6 +138,7 @@ class CompassFilter {
   double tStart_ = 0.0;
   double tLast_ = 0.0;
   Quat q_;
+  Quat qMeas_;           // the attitude the accelerometer and field readings belong to
   Vec3 bias_;
   Vec3 accWorld_;        // mean specific force in the earth frame, g
   Vec3 rateWorld_;       // tracker's rate without a gyroscope, east-north-up frame
