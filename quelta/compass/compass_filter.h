@@ -34,8 +34,8 @@ struct FilterSettings {
   double biasTiltTau = 8.0;        // s, bias learning from the tilt pull, when settled
   double biasHeadingTau = 20.0;    // s, bias learning from the heading pull, when settled
   double biasTiltTauStart = 4.0;   // s, the same at first
-  double biasHeadingTauStart = 6.0;
-  double biasSettleTime = 60.0;    // s of learning from a clean field until settled
+  double biasHeadingTauStart = 4.0;
+  double biasSettleTime = 120.0;   // s of learning from a clean field until settled
   double biasCleanTime = 5.0;      // s a field must stay clean before it teaches the bias
   double restTime = 1.0;           // s of stillness before the rest bias estimate runs
   double restBiasTau = 1.0;        // s, rest bias estimate
