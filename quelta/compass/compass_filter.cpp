@@ -48,7 +48,6 @@ Quat levelFrom(const Vec3& acc) {
   return fromRotationVector(rotationBetween(up, kUp));
 }
 
-double smoothStep(double x) { return x <= 0.0 ? 0.0 : (x >= 1.0 ? 1.0 : x * x * (3.0 - 2.0 * x)); }
 
 }  // namespace
 
@@ -301,7 +300,6 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
       const double kTilt = dt / (dt + settings_.fieldTiltTau);
       q_ = normalised(fromRotationVector((kTilt * dipError) * axis) * q_);
       qMeas_ = normalised(fromRotationVector((kTilt * dipError) * axis) * qMeas_);
-      fieldTiltApplied_ = (kTilt * dipError) * axis;
     }
   }
   return weight;
@@ -322,7 +320,7 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
     }
     if (std::fabs(norm(acc) - 1.0) > 0.5 && t - tFirst_ < 0.5) return;
     initialise(t, acc, usableField);
-    finish(t, acc, quality, usableGyro != nullptr, usableField != nullptr);
+    finish(t, acc, quality, usableGyro != nullptr);
     return;
   }
   double dt = t - tLast_;
@@ -370,7 +368,7 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
     // errors, which are no bias), and it is learnt quickly at first, then
     // ever more slowly as the estimate firms up.
     const double slowness = norm(lastRate_) / 0.5;
-    const double elapsedScale = 1.0 / (1.0 + slowness * slowness);
+    const double slowOnly = 1.0 / (1.0 + slowness * slowness);
     const double firm = std::fmin(1.0, biasLearnt_ / settings_.biasSettleTime);
     Vec3 pull;
     if (tiltWeight > 0.0) {
@@ -385,9 +383,9 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
           settings_.biasHeadingTauStart + (settings_.biasHeadingTau - settings_.biasHeadingTauStart) * firm;
       const double k = dt / (dt + settings_.headingTau);
       pull.z += headingApplied / (k * tau * tau);
-      biasLearnt_ += dt * elapsedScale;
+      biasLearnt_ += dt * slowOnly;
     }
-    const Vec3 device = rotateBack(q_, elapsedScale * pull);
+    const Vec3 device = rotateBack(q_, slowOnly * pull);
     bias_ = bias_ - dt * device;
     const double maxBias = 0.2;
     bias_ = {clampTo(bias_.x, -maxBias, maxBias), clampTo(bias_.y, -maxBias, maxBias),
@@ -402,11 +400,10 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
     rateWorld_ = rateWorld_ + k * ((1.0 / dt) * change - rateWorld_);
     lastRate_ = rotateBack(q_, rateWorld_);
   }
-  finish(t, acc, quality, withGyro, usableField != nullptr);
+  finish(t, acc, quality, withGyro);
 }
 
-void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro, bool haveField) {
-  (void)haveField;
+void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro) {
   CompassOutput& o = out_;
   o.t = t;
   o.attitude = q_;
@@ -444,7 +441,6 @@ void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& qualit
   int level = o.headingAccuracyDeg <= 10.0 ? 3 : (o.headingAccuracyDeg <= 20.0 ? 2 : (o.headingAccuracyDeg <= 45.0 ? 1 : 0));
   if (quality.calibrationAccuracy < level) level = quality.calibrationAccuracy < 0 ? 0 : quality.calibrationAccuracy;
   o.accuracy = level;
-  (void)smoothStep;
 }
 
 }  // namespace quelta::compass
