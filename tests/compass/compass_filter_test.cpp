@@ -325,6 +325,7 @@ TEST(CompassCInterface, CalibratesTheRawFieldAndRestoresTheCalibration) {
   double t = 0.0;
   double worstLate = 0.0;
   bool calibrating = false;
+  test::AllocationCounter allocations;  // calibration included: still no heap
   for (int i = 0; i < 50 * 90; ++i) {
     const Vec3 w{1.2 * std::sin(0.31 * t), 0.9 * std::cos(0.23 * t), 0.8 * std::sin(0.17 * t + 1.0)};
     q = normalised(q * fromRotationVector(0.02 * w));
@@ -340,6 +341,7 @@ TEST(CompassCInterface, CalibratesTheRawFieldAndRestoresTheCalibration) {
       worstLate = std::fmax(worstLate, std::fabs(headingErrorDeg(q, e)));
     }
   }
+  EXPECT_EQ(allocations.count(), 0);
   EXPECT_TRUE(calibrating);
   EXPECT_LT(worstLate, 2.0);
   quelta_mag_quality quality;
