@@ -331,9 +331,17 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
 
   if (withGyro) {
     const Vec3 w = *usableGyro - bias_;
-    q_ = normalised(q_ * fromRotationVector(dt * w));
+    // Each reading is the mean rate over its interval: at low rates and
+    // fast turns about a changing axis the coning term of two successive
+    // intervals keeps the integration right.
+    Vec3 turn = dt * w;
+    if (settings_.coning > 0.0 && dt > 0.0 && prevDt_ > 0.0)
+      turn = turn + (settings_.coning / 12.0 * dt * prevDt_) * cross(prevGyro_, w);
+    prevGyro_ = w;
+    prevDt_ = dt;
+    q_ = normalised(q_ * fromRotationVector(turn));
     // The readings are means over the interval: they belong to its middle.
-    qMeas_ = normalised(q_ * fromRotationVector((-settings_.readingDelay * dt) * w));
+    qMeas_ = normalised(q_ * fromRotationVector((-settings_.readingDelay) * turn));
     if (accOk) restBias(*usableGyro, acc, dt);
     lastRate_ = *usableGyro - bias_;
     driftVar_ += dt * settings_.headingDriftRate * settings_.headingDriftRate +

@@ -57,6 +57,7 @@ struct FilterSettings {
   double restTime = 1.0;             // s of stillness before the rest bias estimate runs
   double restBiasTau = 1.0;          // s, rest bias estimate
   double warmUp = 2.0;               // s of short time constants after the start
+  double coning = 1.0;               // share of the two-interval coning term in the integration
   double readingDelay = 0.5;         // accelerometer and field lag the gyroscope, fraction of the interval
   // Without a gyroscope.
   double trackTiltTau = 0.2;            // s, smoothing of gravity's tilt when it agrees ...
@@ -147,7 +148,9 @@ class CompassFilter {
   double tStart_ = 0.0;
   double tLast_ = 0.0;
   Quat q_;
-  Quat qMeas_;           // the attitude the accelerometer and field readings belong to
+  Quat qMeas_;
+  Vec3 prevGyro_;        // previous bias-corrected gyroscope reading
+  double prevDt_ = 0.0;           // the attitude the accelerometer and field readings belong to
   Vec3 bias_;
   Vec3 accWorld_;        // mean specific force in the earth frame, g
   Vec3 rateWorld_;       // tracker's rate without a gyroscope, east-north-up frame
