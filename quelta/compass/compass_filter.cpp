@@ -276,8 +276,8 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
     tau = settings_.trackHeadingTau / (1.0 + m * m);
     if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
     // Without a gyroscope only the field tells a turn: a disturbed field is
-    // followed slowly rather than not at all.
-    if (disturbed) weight = std::fmax(weight, 0.05);
+    // still followed (the flag and the heading accuracy say it is suspect).
+    if (disturbed) weight = std::fmax(weight, settings_.trackDisturbedWeight);
   }
   if (weight > 0.5) {
     const double kInn = dt / (dt + 3.0);

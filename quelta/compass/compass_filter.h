@@ -24,7 +24,7 @@
 // Without a gyroscope gravity's and the field's attitude are followed with
 // smoothing that shortens as their disagreement with the estimate grows past
 // what noise explains (a turn), partly predicted from the derived rate; a
-// disturbed field is followed only slowly.
+// disturbed field, the only sign of a turn, is still followed and flagged.
 //
 // No heap, no globals: the whole state lives in the object.
 #pragma once
@@ -66,6 +66,8 @@ struct FilterSettings {
   double trackHeadingAngleDeg = 4.0;    // ... shortened past this disagreement
   double trackPredict = 0.5;            // share of the derived rate used to predict
   double trackDipToleranceScale = 2.5;  // the dip check's tolerance, relative to the gyroscope's
+  double trackDisturbedWeight = 1.0;    // weight of a disturbed field: the only sign of a turn (holding
+                                        // it back measured worse on every disturbed recording)
   // Magnetic disturbance (own check).
   double fieldStrengthTolerance = 0.12;  // relative
   double fieldDipToleranceDeg = 4.0;
