@@ -48,7 +48,6 @@ Quat levelFrom(const Vec3& acc) {
   return fromRotationVector(rotationBetween(up, kUp));
 }
 
-double smoothStep(double x) { return x <= 0.0 ? 0.0 : (x >= 1.0 ? 1.0 : x * x * (3.0 - 2.0 * x)); }
 
 }  // namespace
 
@@ -116,6 +115,7 @@ void CompassFilter::initialise(double t, const Vec3& acc, const Vec3* field) {
       headingKnown_ = true;
     }
   }
+  qMeas_ = q_;
   gyroLp_ = Vec3{};
   accLp_ = acc;
   accWorld_ = {0.0, 0.0, norm(acc)};
@@ -154,7 +154,11 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
     // a device that goes nowhere average out, gravity stays.
     const double meanTau = warm ? settings_.accMeanTau : std::fmin(settings_.accMeanTau, 0.05 + 0.5 * elapsed);
     const double kMean = weight * dt / (dt + meanTau);
-    accWorld_ = accWorld_ + kMean * (rotate(q_, acc) - accWorld_);
+    // Each sample's pull on the mean is limited: a shock moves it little.
+    Vec3 step = rotate(qMeas_, acc) - accWorld_;
+    const double stepNorm = norm(step);
+    if (stepNorm > settings_.accStepLimit) step = (settings_.accStepLimit / stepNorm) * step;
+    accWorld_ = accWorld_ + kMean * step;
     const double nm = norm(accWorld_);
     if (!(nm > 0.2)) {
       accelerating_ = true;
@@ -174,12 +178,12 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
     } else {
       rejectTime_ = std::fmax(0.0, rejectTime_ - 0.5 * dt);
     }
-    const Vec3 upNow = rotate(q_, (1.0 / na) * acc);
+    const Vec3 upNow = rotate(qMeas_, (1.0 / na) * acc);
     const double angleNow = std::atan2(std::hypot(upNow.x, upNow.y), upNow.z);
     accelerating_ = kMean < 0.5 * dt / (dt + meanTau) || weight < 0.5 ||
                     (warm && angleNow > settings_.accFlagAngleDeg * kDeg);
   } else {
-    const Vec3 upWorld = rotate(q_, (1.0 / na) * acc);
+    const Vec3 upWorld = rotate(qMeas_, (1.0 / na) * acc);
     err = rotationBetween(upWorld, kUp);  // earth frame, horizontal
     const double m = norm(err) / (settings_.trackTiltAngleDeg * kDeg);
     tau = settings_.trackTiltTau / (1.0 + m * m);
@@ -190,6 +194,7 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
   applied = k * err;
   const Quat turn = fromRotationVector(applied);
   q_ = normalised(turn * q_);
+  qMeas_ = normalised(turn * qMeas_);
   if (withGyro) accWorld_ = rotate(turn, accWorld_);
   return weight;
 }
@@ -197,7 +202,7 @@ double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, 
 bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro) {
   const double strength = norm(field);
   if (quality.newCalibration) referenceAge_ = 0.0;
-  const Vec3 upDevice = rotateBack(q_, kUp);
+  const Vec3 upDevice = rotateBack(qMeas_, kUp);
   const double dip = std::asin(clampTo(-dot(field, upDevice) / strength, -1.0, 1.0));
   if (referenceAge_ <= 0.0) {
     strengthRef_ = strength;
@@ -238,12 +243,13 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   const double strength = norm(field);
   if (!(strength > 0.0) || !finite(field)) return 0.0;
   const bool disturbed = fieldDisturbed(field, quality, dt, withGyro);
-  const Vec3 w = rotate(q_, field);
+  const Vec3 w = rotate(qMeas_, field);
   const double horizontal = std::hypot(w.x, w.y);
   if (horizontal < 0.05 * strength) return 0.0;
   const double psi = wrapPi(std::atan2(w.x, w.y) - settings_.declinationDeg * kDeg);
   if (!headingKnown_) {
     q_ = normalised(aboutUp(psi) * q_);
+    qMeas_ = normalised(aboutUp(psi) * qMeas_);
     headingKnown_ = true;
     return 1.0;
   }
@@ -270,8 +276,8 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
     tau = settings_.trackHeadingTau / (1.0 + m * m);
     if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
     // Without a gyroscope only the field tells a turn: a disturbed field is
-    // followed slowly rather than not at all.
-    if (disturbed) weight = std::fmax(weight, 0.05);
+    // still followed (the flag and the heading accuracy say it is suspect).
+    if (disturbed) weight = std::fmax(weight, settings_.trackDisturbedWeight);
   }
   if (weight > 0.5) {
     const double kInn = dt / (dt + 3.0);
@@ -280,10 +286,11 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
   const double k = weight * dt / (dt + tau);
   applied = k * psi;
   q_ = normalised(aboutUp(applied) * q_);
+  qMeas_ = normalised(aboutUp(applied) * qMeas_);
   // A trusted field also knows its dip: the tilt about the east-west axis
   // of the field is pulled towards the dip of the references.
   if (withGyro && settings_.fieldTiltTau > 0.0 && referenceAge_ > 5.0 && score_ < 0.5 && warm) {
-    const Vec3 m = rotate(q_, (1.0 / strength) * field);
+    const Vec3 m = rotate(qMeas_, (1.0 / strength) * field);
     const double h = std::hypot(m.x, m.y);
     if (h > 0.1) {
       const double dipNow = std::atan2(-m.z, h);
@@ -292,7 +299,7 @@ double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& q
       const Vec3 axis{m.y / h, -m.x / h, 0.0};
       const double kTilt = dt / (dt + settings_.fieldTiltTau);
       q_ = normalised(fromRotationVector((kTilt * dipError) * axis) * q_);
-      fieldTiltApplied_ = (kTilt * dipError) * axis;
+      qMeas_ = normalised(fromRotationVector((kTilt * dipError) * axis) * qMeas_);
     }
   }
   return weight;
@@ -313,7 +320,7 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
     }
     if (std::fabs(norm(acc) - 1.0) > 0.5 && t - tFirst_ < 0.5) return;
     initialise(t, acc, usableField);
-    finish(t, acc, quality, usableGyro != nullptr, usableField != nullptr);
+    finish(t, acc, quality, usableGyro != nullptr);
     return;
   }
   double dt = t - tLast_;
@@ -324,13 +331,24 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
 
   if (withGyro) {
     const Vec3 w = *usableGyro - bias_;
-    q_ = normalised(q_ * fromRotationVector(dt * w));
+    // Each reading is the mean rate over its interval: at low rates and
+    // fast turns about a changing axis the coning term of two successive
+    // intervals keeps the integration right.
+    Vec3 turn = dt * w;
+    if (settings_.coning > 0.0 && dt > 0.0 && prevDt_ > 0.0)
+      turn = turn + (settings_.coning / 12.0 * dt * prevDt_) * cross(prevGyro_, w);
+    prevGyro_ = w;
+    prevDt_ = dt;
+    q_ = normalised(q_ * fromRotationVector(turn));
+    // The readings are means over the interval: they belong to its middle.
+    qMeas_ = normalised(q_ * fromRotationVector((-settings_.readingDelay) * turn));
     if (accOk) restBias(*usableGyro, acc, dt);
     lastRate_ = *usableGyro - bias_;
     driftVar_ += dt * settings_.headingDriftRate * settings_.headingDriftRate +
                  std::pow(settings_.headingScaleError * norm(w) * dt, 2.0);
   } else {
     q_ = normalised(fromRotationVector((settings_.trackPredict * dt) * rateWorld_) * q_);
+    qMeas_ = q_;
     driftVar_ += dt * 4.0 * settings_.headingDriftRate * settings_.headingDriftRate +
                  std::pow(0.05 * norm(rateWorld_) * dt, 2.0);
   }
@@ -358,7 +376,7 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
     // errors, which are no bias), and it is learnt quickly at first, then
     // ever more slowly as the estimate firms up.
     const double slowness = norm(lastRate_) / 0.5;
-    const double elapsedScale = 1.0 / (1.0 + slowness * slowness);
+    const double slowOnly = 1.0 / (1.0 + slowness * slowness);
     const double firm = std::fmin(1.0, biasLearnt_ / settings_.biasSettleTime);
     Vec3 pull;
     if (tiltWeight > 0.0) {
@@ -373,9 +391,9 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
           settings_.biasHeadingTauStart + (settings_.biasHeadingTau - settings_.biasHeadingTauStart) * firm;
       const double k = dt / (dt + settings_.headingTau);
       pull.z += headingApplied / (k * tau * tau);
-      biasLearnt_ += dt * elapsedScale;
+      biasLearnt_ += dt * slowOnly;
     }
-    const Vec3 device = rotateBack(q_, elapsedScale * pull);
+    const Vec3 device = rotateBack(q_, slowOnly * pull);
     bias_ = bias_ - dt * device;
     const double maxBias = 0.2;
     bias_ = {clampTo(bias_.x, -maxBias, maxBias), clampTo(bias_.y, -maxBias, maxBias),
@@ -390,11 +408,10 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
     rateWorld_ = rateWorld_ + k * ((1.0 / dt) * change - rateWorld_);
     lastRate_ = rotateBack(q_, rateWorld_);
   }
-  finish(t, acc, quality, withGyro, usableField != nullptr);
+  finish(t, acc, quality, withGyro);
 }
 
-void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro, bool haveField) {
-  (void)haveField;
+void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro) {
   CompassOutput& o = out_;
   o.t = t;
   o.attitude = q_;
@@ -432,7 +449,6 @@ void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& qualit
   int level = o.headingAccuracyDeg <= 10.0 ? 3 : (o.headingAccuracyDeg <= 20.0 ? 2 : (o.headingAccuracyDeg <= 45.0 ? 1 : 0));
   if (quality.calibrationAccuracy < level) level = quality.calibrationAccuracy < 0 ? 0 : quality.calibrationAccuracy;
   o.accuracy = level;
-  (void)smoothStep;
 }
 
 }  // namespace quelta::compass

@@ -3,19 +3,28 @@
 // device has one, the gyroscope. Any rate from about 10 to 400 Hz, irregular
 // intervals; every tuning value is in seconds, none counts calls.
 //
-// With a gyroscope the attitude is integrated from the rate and pulled
-// towards gravity (tilt) and towards magnetic north (heading) with time
-// constants of a few seconds; the gyroscope bias is learnt from those pulls
-// and, faster, while the device rests. Without one, a second-order tracker
-// follows the attitude that gravity and field give, with an angular rate
-// of its own and smoothing that shortens as the device turns faster.
+// With a gyroscope the attitude is integrated from the rate. Tilt: the
+// accelerometer is averaged in the earth frame (the linear accelerations of
+// a device that goes nowhere average out, gravity stays; each sample's pull
+// on the mean is limited, so shocks move it little) and the attitude is
+// pulled towards that mean. Heading: pulled towards the field's horizontal
+// direction, and a trusted field's dip steadies the tilt as well. The
+// gyroscope bias is learnt from the pulls that remain on average (quickly at
+// first, then more slowly; only from slow motion and a field clean for a
+// while) and, faster, while the device rests. The accelerometer and field
+// readings are taken to belong to the middle of their interval, as the
+// means that anti-aliased sensors report.
 //
-// Acceleration gating: a sample whose specific force is far from 1 g or
-// whose tilt disagrees with the integrated one is weighted down or
-// skipped; sustained disagreement is accepted after a while. Magnetic
-// disturbance: the host's indication or the filter's own check of field
-// strength and dip against their running references; while disturbed the
-// gyroscope alone carries the heading.
+// Magnetic disturbance: the host's flag, or the filter's own check of the
+// field's strength and dip against running references. A fresh disturbance
+// is not followed at all (the gyroscope carries the heading), the heading
+// re-converges smoothly when it ends, and references follow a change that
+// lasts.
+//
+// Without a gyroscope gravity's and the field's attitude are followed with
+// smoothing that shortens as their disagreement with the estimate grows past
+// what noise explains (a turn), partly predicted from the derived rate; a
+// disturbed field, the only sign of a turn, is still followed and flagged.
 //
 // No heap, no globals: the whole state lives in the object.
 #pragma once
@@ -26,47 +35,52 @@
 
 namespace quelta::compass {
 
+// One set of settings serves every device and rate (tuned on the recordings
+// of the accuracy tool).
 struct FilterSettings {
   // With a gyroscope.
-  double tiltTau = 1.5;            // s, pull towards gravity
-  double accMeanTau = 1.5;         // s, mean of the accelerometer in the earth frame
-  double headingTau = 6.0;         // s, pull towards magnetic north
-  double biasTiltTau = 8.0;        // s, bias learning from the tilt pull, when settled
-  double biasHeadingTau = 20.0;    // s, bias learning from the heading pull, when settled
-  double biasTiltTauStart = 4.0;   // s, the same at first
-  double biasHeadingTauStart = 6.0;
-  double biasSettleTime = 60.0;    // s of learning from a clean field until settled
-  double biasCleanTime = 5.0;      // s a field must stay clean before it teaches the bias
-  double restTime = 1.0;           // s of stillness before the rest bias estimate runs
-  double restBiasTau = 1.0;        // s, rest bias estimate
-  double warmUp = 2.0;             // s of short time constants after the start
-  // Without a gyroscope: smoothing of gravity's and the field's attitude,
-  // shortened as the disagreement grows past what noise explains (a turn).
-  double trackTiltTau = 0.2;          // s
-  double trackTiltAngleDeg = 12;    // disagreement that halves it... and more
-  double trackHeadingTau = 0.15;       // s
-  double trackHeadingAngleDeg = 4;
-  double trackPredict = 0.5;
-  double trackDipToleranceScale = 2.5;
-  double trackInnovationWeight = 1.0;   // heading accuracy: of the innovation's running RMS
-  double trackLagTime = 0.3;            // s: heading accuracy grows with the turn rate
-  double trackDisturbedErrorDeg = 30.0; // heading accuracy while the field is disturbed  // the dip check's tolerance, relative to the gyroscope's          // share of the derived rate used to predict
-  // Acceleration gating.
-  double accNormTolerance = 0.5;   // g, weight halves at this deviation from 1 g
-  double accRejectAngleDeg = 30.0; // tilt disagreement skipped (with gyroscope)
-  double accFlagAngleDeg = 10.0;   // tilt disagreement flagged as accelerating
-  double accRejectMaxTime = 3.0;   // s of skipping before a sustained tilt is accepted
+  double tiltTau = 1.5;              // s, pull towards the accelerometer's mean
+  double accMeanTau = 1.5;           // s, mean of the accelerometer in the earth frame
+  double accStepLimit = 1.5;         // g, largest pull of one sample on that mean
+  double accNormTolerance = 3.0;     // g, a sample's weight halves at this deviation from 1 g
+  double accRejectAngleDeg = 30.0;   // tilt disagreement that is skipped ...
+  double accRejectMaxTime = 3.0;     // s ... for at most this long (then sustained: accepted)
+  double accFlagAngleDeg = 10.0;     // tilt disagreement flagged as accelerating
+  double headingTau = 6.0;           // s, pull towards magnetic north
+  double fieldTiltTau = 3.0;         // s, tilt pull from a trusted field's dip (0: off)
+  double biasTiltTau = 8.0;          // s, bias learning from the tilt pull, when settled
+  double biasHeadingTau = 20.0;      // s, bias learning from the heading pull, when settled
+  double biasTiltTauStart = 4.0;     // s, the same at first
+  double biasHeadingTauStart = 4.0;  // s
+  double biasSettleTime = 120.0;     // s of learning from a clean field until settled
+  double biasCleanTime = 5.0;        // s a field must stay clean before it teaches the bias
+  double restTime = 1.0;             // s of stillness before the rest bias estimate runs
+  double restBiasTau = 1.0;          // s, rest bias estimate
+  double warmUp = 2.0;               // s of short time constants after the start
+  double coning = 1.0;               // share of the two-interval coning term in the integration
+  double readingDelay = 0.5;         // accelerometer and field lag the gyroscope, fraction of the interval
+  // Without a gyroscope.
+  double trackTiltTau = 0.2;            // s, smoothing of gravity's tilt when it agrees ...
+  double trackTiltAngleDeg = 12.0;      // ... shortened past this disagreement
+  double trackHeadingTau = 0.15;        // s, smoothing of the field's heading ...
+  double trackHeadingAngleDeg = 4.0;    // ... shortened past this disagreement
+  double trackPredict = 0.5;            // share of the derived rate used to predict
+  double trackDipToleranceScale = 2.5;  // the dip check's tolerance, relative to the gyroscope's
+  double trackDisturbedWeight = 1.0;    // weight of a disturbed field: the only sign of a turn (holding
+                                        // it back measured worse on every disturbed recording)
   // Magnetic disturbance (own check).
   double fieldStrengthTolerance = 0.12;  // relative
   double fieldDipToleranceDeg = 4.0;
   double fieldReferenceTau = 20.0;       // s, reference learning when undisturbed
   double fieldRelearnTime = 30.0;        // s disturbed before the references follow anyway
-  double fieldTiltTau = 3.0;             // s, tilt pull from a trusted field's dip (0: off)
   // Heading accuracy estimate.
   double headingNoiseFloorDeg = 1.0;
   double headingDriftRate = 0.004;       // rad/sqrt(s), growth while the field is not used
   double headingScaleError = 0.01;       // fraction of each rotation
   double innovationWeight = 0.15;        // of the heading innovation's running RMS
+  double trackInnovationWeight = 1.0;    // the same without a gyroscope
+  double trackLagTime = 0.3;             // s: without a gyroscope, grows with the turn rate
+  double trackDisturbedErrorDeg = 30.0;  // without a gyroscope, while the field is disturbed
   // True north: declination added to magnetic north, degrees east.
   double declinationDeg = 0.0;
 };
@@ -126,7 +140,7 @@ class CompassFilter {
   double headingCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro,
                            double& applied);
   bool fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro);
-  void finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro, bool haveField);
+  void finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro);
 
   FilterSettings settings_;
   bool started_ = false;
@@ -136,6 +150,9 @@ class CompassFilter {
   double tStart_ = 0.0;
   double tLast_ = 0.0;
   Quat q_;
+  Quat qMeas_;
+  Vec3 prevGyro_;        // previous bias-corrected gyroscope reading
+  double prevDt_ = 0.0;           // the attitude the accelerometer and field readings belong to
   Vec3 bias_;
   Vec3 accWorld_;        // mean specific force in the earth frame, g
   Vec3 rateWorld_;       // tracker's rate without a gyroscope, east-north-up frame
@@ -155,7 +172,6 @@ class CompassFilter {
   double score_ = 0.0;
   double cleanTime_ = 0.0;      // s since the field was last suspect
   double biasLearnt_ = 0.0;     // s of bias learning from a clean field
-  Vec3 fieldTiltApplied_;
   bool disturbed_ = false;
   // Heading accuracy.
   double driftVar_ = 0.0;       // rad^2

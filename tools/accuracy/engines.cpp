@@ -67,7 +67,7 @@ compass::FilterSettings tunedSettings() {
                 {"innovationWeight", &s.innovationWeight}, {"restBiasTau", &s.restBiasTau}, {"fieldTiltTau", &s.fieldTiltTau},
                 {"biasTiltTauStart", &s.biasTiltTauStart}, {"biasHeadingTauStart", &s.biasHeadingTauStart},
                 {"biasSettleTime", &s.biasSettleTime},
-                {"biasCleanTime", &s.biasCleanTime}, {"trackDipToleranceScale", &s.trackDipToleranceScale},
+                {"biasCleanTime", &s.biasCleanTime}, {"trackDipToleranceScale", &s.trackDipToleranceScale}, {"accStepLimit", &s.accStepLimit}, {"readingDelay", &s.readingDelay}, {"coning", &s.coning}, {"trackDisturbedWeight", &s.trackDisturbedWeight},
                 {"trackInnovationWeight", &s.trackInnovationWeight}, {"trackLagTime", &s.trackLagTime},
                 {"trackDisturbedErrorDeg", &s.trackDisturbedErrorDeg}};
   std::string text = env;
