@@ -728,7 +728,8 @@ def check_compass(program, workdir, recording):
     magnetic_alignment = summary_figure(summary, "azimuth", r"heading alignment (-?[0-9.]+) deg")
     global PLOTS
     plots = PLOTS
-    PLOTS = plots + ["plot-disturbance", "plot-heading-accuracy"]
+    PLOTS = plots + ["plot-disturbance", "plot-heading-accuracy", "plot-calibration-quality", "plot-coverage",
+                     "plot-soft-iron"]
     try:
         check_report(report)
     finally:

@@ -64,6 +64,11 @@ void ReportBuilder::setCompass(bool rateFromAttitude) {
   disturbed_ = envelope();
   headingAccuracy_ = envelope();
   calibrationHeadingError_ = envelope();
+  coverage_ = envelope();
+  fittedStrength_ = envelope();
+  expectedStrength_ = envelope();
+  residual_ = envelope();
+  for (auto& e : softIron_) e = envelope();
 }
 
 void ReportBuilder::add(const RecordedSample& sample, const ReplayRow& row) {
@@ -83,6 +88,13 @@ void ReportBuilder::add(const RecordedSample& sample, const ReplayRow& row) {
     disturbed_->add(t, row.compass.disturbed ? 1.0 : 0.0);
     headingAccuracy_->add(t, row.compass.headingAccuracy);
     calibrationHeadingError_->add(t, row.compass.calibrationHeadingError);
+    coverage_->add(t, row.compass.coverage);
+    fittedStrength_->add(t, row.compass.fittedStrength);
+    expectedStrength_->add(t, row.compass.expectedStrength > 0.0f ? row.compass.expectedStrength : NAN);
+    residual_->add(t, row.compass.residual);
+    // The symmetric matrix's six distinct elements: xx yy zz xy xz yz.
+    const int elements[6] = {0, 4, 8, 1, 2, 5};
+    for (int k = 0; k < 6; ++k) softIron_[k]->add(t, row.compass.softIron[elements[k]]);
   }
   if (samples_ % stride_ == 0) {
     if (cloud_.size() == kCloudPoints) {
@@ -150,8 +162,22 @@ std::string ReportBuilder::render(const std::string& summaryText) const {
     heading.series.push_back(line("heading accuracy (output)", kZ, headingAccuracy_));
     heading.series.push_back(line("heading error left by the calibration", kGrey, calibrationHeadingError_));
     heading.yMin = 0.0;
-    html += "<section id=\"compass\">\n<h2>Disturbance and heading accuracy</h2>\n" + renderSvg(disturbance) +
-            renderSvg(heading) + "</section>\n";
+    Chart quality = timeChart("plot-calibration-quality", "Calibration quality", "gauss", 220);
+    quality.series.push_back(line("fitted strength", kZ, fittedStrength_));
+    quality.series.push_back(line("expected strength (field model)", kReference, expectedStrength_, Series::Style::Dashed));
+    quality.series.push_back(line("fit residual", kX, residual_));
+    quality.yMin = 0.0;
+    Chart coverage = timeChart("plot-coverage", "Directions covered by the calibration's samples", "share", 180);
+    coverage.series.push_back(line("coverage", kZ, coverage_));
+    coverage.yMin = 0.0;
+    coverage.yMax = 1.0;
+    Chart soft = timeChart("plot-soft-iron", "Soft-iron matrix", "", 220);
+    const char* names[6] = {"xx", "yy", "zz", "xy", "xz", "yz"};
+    const char* softColours[6] = {kX, kY, kZ, "#9467bd", "#8c564b", "#e377c2"};
+    for (int k = 0; k < 6; ++k) soft.series.push_back(line(std::string("soft ") + names[k], softColours[k], softIron_[k]));
+    html += "<section id=\"compass\">\n<h2>Calibration quality, disturbance and heading accuracy</h2>\n" +
+            renderSvg(quality) + renderSvg(coverage) + renderSvg(soft) + renderSvg(disturbance) + renderSvg(heading) +
+            "</section>\n";
   }
 
   // Field cloud and the final fit.
