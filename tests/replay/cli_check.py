@@ -761,7 +761,9 @@ def check_compass(program, workdir, recording):
              (magnetic_alignment, true_alignment, declination))
 
     # The gyroscope fed: its flag, and the rate judged against the reference attitude.
-    summary = run(["--out", out, "--gyro"], "compass with gyroscope")
+    summary = run(["--out", out, "--gyro", "--report", report], "compass with gyroscope")
+    if open(report).read().count("rate from the reference attitude") < 3:
+        fail("the report's rate plots do not show the rate from the reference attitude with --gyro")
     print(summary)
     if "against the rate from the reference attitude" not in summary_value(summary, "angular rate"):
         fail("with --gyro the rate must be judged against the reference attitude:\n" + summary)
