@@ -11,6 +11,7 @@
 #include "tools/replay/attitude_math.h"
 #include "tools/replay/html_report.h"
 #include "tools/replay/reference_comparison.h"
+#include "tools/replay/replay_driver.h"
 #include "tools/replay/summary.h"
 #include "tools/replay/svg_chart.h"
 
@@ -153,6 +154,26 @@ TEST(ReferenceComparator, StreamsThroughItsSpillAndCountsMissingReferences) {
   EXPECT_NEAR(result.rotationVector->maxDeg, 1.0, 0.01);  // +-0.5 around an alignment within [-0.5, 0.5]
   EXPECT_NEAR(result.azimuth->alignmentDeg, 21.25, 0.001);
   EXPECT_LT(result.azimuth->maxDeg, 0.01);
+}
+
+TEST(RowPipeline, DeliversEveryPairInOrderBeforeFinishReturns) {
+  std::vector<double> seen;
+  size_t mismatched = 0;
+  RowPipeline pipeline([&](const RecordedSample& sample, const ReplayRow& row) {
+    seen.push_back(sample.t);
+    if (row.t != sample.t) ++mismatched;
+  });
+  const int n = 10007;  // not a whole number of batches
+  for (int i = 0; i < n; ++i) {
+    RecordedSample sample;
+    sample.t = i;
+    pipeline.add(sample, rowAt(i, 3));
+  }
+  pipeline.finish();
+  ASSERT_EQ(seen.size(), static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) ASSERT_EQ(seen[i], i);
+  EXPECT_EQ(mismatched, 0u);
+  pipeline.finish();  // a second time does nothing
 }
 
 TEST(Envelope, KeepsSpikesWrapsAndGapsInFixedMemory) {

@@ -130,10 +130,9 @@ int run(const Options& options) {
     setLogStream(log->stream());
     driver.log = prefixedLog;
   }
-  std::unique_ptr<OutputCsvWriter> csvWriter;
   if (csv) {
     if (!csv->open(problem)) return fail(problem);
-    csvWriter = std::make_unique<OutputCsvWriter>(csv->stream());
+    writeOutputCsvHeader(csv->stream());
   }
   driver.progress = [&progress](size_t done, size_t all) { progress.show("replaying", done, all); };
 
@@ -142,16 +141,22 @@ int run(const Options& options) {
   std::unique_ptr<ReportBuilder> reportBuilder;
   if (report) reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);
   std::optional<ReplayRow> lastFit;
-  replayStream(source, period, total, driver, [&](const RecordedSample& sample, const ReplayRow& row) {
-    if (csvWriter) csvWriter->add(row);
-    summaryBuilder.add(row);
-    comparator.add(sample, row);
-    if (reportBuilder) reportBuilder->add(sample, row);
-    if (row.newCalibration) lastFit = row;
-  });
-  RegisterLogCallback(nullptr);
-  setLogStream(nullptr);
-  if (csvWriter) csvWriter->finish();
+  FILE* const csvStream = csv ? csv->stream() : nullptr;
+  {
+    // The library runs on this thread; everything made of its outputs on another.
+    RowPipeline consumers([&](const RecordedSample& sample, const ReplayRow& row) {
+      if (csvStream != nullptr) writeOutputCsvRow(csvStream, row);
+      summaryBuilder.add(row);
+      comparator.add(sample, row);
+      if (reportBuilder) reportBuilder->add(sample, row);
+      if (row.newCalibration) lastFit = row;
+    });
+    replayStream(source, period, total, driver,
+                 [&consumers](const RecordedSample& sample, const ReplayRow& row) { consumers.add(sample, row); });
+    RegisterLogCallback(nullptr);
+    setLogStream(nullptr);
+    consumers.finish();
+  }
   // A problem further down the recording: nothing is kept (the outputs'
   // temporaries go with their OutputFile).
   if (reader.failed()) {
