@@ -171,7 +171,8 @@ int run(const Options& options) {
     if (reportBuilder) reportBuilder->addErrors(errors);
     if (++compared % 65536 == 0) progress.show("comparing with the reference", compared, replayed);
   });
-  std::string summary = formatSummary(summaryBuilder.finish(), reference);
+  const Summary figures = summaryBuilder.finish();
+  std::string summary = formatSummary(figures, reference);
 
   if (!storedProblem.empty()) summary += "stored calibration not used: " + storedProblem + "\n";
   std::string calibrationText;
@@ -187,7 +188,7 @@ int run(const Options& options) {
   if (reportBuilder) {
     progress.phase("writing the report");
     if (!report->open(problem)) return fail(problem);
-    const std::string html = reportBuilder->render(summary);
+    const std::string html = reportBuilder->render(summary, figures.drops);
     std::fwrite(html.data(), 1, html.size(), report->stream());
   }
   if (!calibrationText.empty()) {
