@@ -8,7 +8,7 @@
 #include <limits>
 
 #include "QueltaAlgo.h"
-#include "orientation/orientation.h"
+#include "interface/compass.h"
 #include "rotvec/rotation_vector.h"
 #include "tools/sim/device_sim.h"
 #include "vgyro/virtual_gyro.h"
@@ -123,8 +123,8 @@ TEST(LatchedState, OrientationKeepsNaNSamplesOutOfItsState) {
     GetCalOri(out);
     ASSERT_TRUE(finite(out, 3)) << i;
   }
-  const quelta::Orientation& o = quelta::defaultOrientation();
-  EXPECT_TRUE(finite(&o.dOriMatrix[0][0], 9) && finite(o.smoother.dAziLpfOut, 2));
+  const quelta::Orientation& o = quelta::defaultCompass().orientation();
+  EXPECT_TRUE(finite(&o.matrix()[0][0], 9) && o.smoother().filterFinite());
 }
 
 }  // namespace

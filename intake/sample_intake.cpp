@@ -1,0 +1,105 @@
+#include "intake/sample_intake.h"
+
+#include "core/float4.h"
+
+namespace quelta {
+
+namespace {
+
+constexpr Float4 kZero4 = {0.0f, 0.0f, 0.0f, 0.0f};
+
+}  // namespace
+
+void SampleIntake::take(const float* acc, const float* mag, const float* probe) {
+  if (!primed_) {
+    // Until real samples arrive, gravity is assumed straight along z: every
+    // slot gets it, and the histories then fill from their first slot.
+    const SampleSet up = {{0.0f, 0.0f, 1.0f, 0.0f}, {}, {}};
+    for (int32_t k = 0; k < kHistoryLength; ++k) history_.push(up);
+    history_.clear();
+    primed_ = true;
+  }
+
+  const float(&m)[3][3] = settings.axisMatrix;
+  for (int32_t c = 0; c < 3; ++c) {
+    field_[c] = (mag[0] * m[0][c] + mag[1] * m[1][c]) + mag[2] * m[2][c];
+  }
+  for (int32_t k = 0; k < 3; ++k) acc_[k] = acc[k];
+
+  windowMoved_ = history_.full();
+  SampleSet& set = history_.pushSlot();
+  for (int32_t k = 0; k < 3; ++k) {
+    set.acc[k] = acc_[k];
+    set.field[k] = field_[k];
+    set.probe[k] = probe[k];
+  }
+  history_.commitPush();
+  meansValid_ = false;
+  if (windowMoved_) computeVariances();
+}
+
+void SampleIntake::accMean(float* out) const {
+  if (!meansValid_) computeMeans();
+  out[0] = accMean_[0];
+  out[1] = accMean_[1];
+  out[2] = accMean_[2];
+}
+
+void SampleIntake::fieldMean(float* out) const {
+  if (!meansValid_) computeMeans();
+  out[0] = fieldMean_[0];
+  out[1] = fieldMean_[1];
+  out[2] = fieldMean_[2];
+}
+
+// All 30 slots from the oldest on: while the histories fill, that is slot 0
+// up, entries not yet written included.
+void SampleIntake::computeMeans() const {
+  Float4 accSum = kZero4;
+  Float4 fieldSum = kZero4;
+  const int32_t first = history_.full() ? history_.slots().nextSlot() : 0;
+  auto add = [&](int32_t s) {
+    accSum = accSum + load4(history_.slot(s).acc);
+    fieldSum = fieldSum + load4(history_.slot(s).field);
+  };
+  for (int32_t s = first; s < kHistoryLength; ++s) add(s);
+  for (int32_t s = 0; s < first; ++s) add(s);
+  store4(accMean_, accSum / 30.0f);
+  store4(fieldMean_, fieldSum / 30.0f);
+  meansValid_ = true;
+}
+
+// Population variances of the acceleration and the probe, each axis about
+// its mean, summed oldest to newest side by side; the means of the
+// acceleration and the field are kept.
+void SampleIntake::computeVariances() {
+  Float4 accSum = kZero4;
+  Float4 probeSum = kZero4;
+  Float4 fieldSum = kZero4;
+  history_.forEachOldestFirst([&](const SampleSet& e) {
+    accSum = accSum + load4(e.acc);
+    probeSum = probeSum + load4(e.probe);
+    fieldSum = fieldSum + load4(e.field);
+  });
+  const Float4 accMean = accSum / 30.0f;
+  const Float4 probeMean = probeSum / 30.0f;
+  store4(accMean_, accMean);
+  store4(fieldMean_, fieldSum / 30.0f);
+  meansValid_ = true;
+
+  accSum = probeSum = kZero4;
+  history_.forEachOldestFirst([&](const SampleSet& e) {
+    const Float4 dAcc = load4(e.acc) - accMean;
+    const Float4 dProbe = load4(e.probe) - probeMean;
+    accSum = accSum + dAcc * dAcc;
+    probeSum = probeSum + dProbe * dProbe;
+  });
+  const Float4 accVar = accSum / 30.0f;
+  const Float4 probeVar = probeSum / 30.0f;
+  for (int32_t k = 0; k < 3; ++k) {
+    accVariance_[k] = accVar[k];
+    probeVariance_[k] = probeVar[k];
+  }
+}
+
+}  // namespace quelta
