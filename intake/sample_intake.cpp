@@ -38,20 +38,6 @@ void SampleIntake::take(const float* acc, const float* mag, const float* probe) 
   if (windowMoved_) computeVariances();
 }
 
-void SampleIntake::accMean(float* out) const {
-  if (!meansValid_) computeMeans();
-  out[0] = accMean_[0];
-  out[1] = accMean_[1];
-  out[2] = accMean_[2];
-}
-
-void SampleIntake::fieldMean(float* out) const {
-  if (!meansValid_) computeMeans();
-  out[0] = fieldMean_[0];
-  out[1] = fieldMean_[1];
-  out[2] = fieldMean_[2];
-}
-
 // All 30 slots from the oldest on: while the histories fill, that is slot 0
 // up, entries not yet written included.
 void SampleIntake::computeMeans() const {

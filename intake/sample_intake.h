@@ -45,8 +45,8 @@ class SampleIntake {
   // Per-axis means of all 30 entries, summed oldest to newest, whatever the
   // fill count says: entries not yet written count as they stand (gravity
   // along z for the acceleration, zero for the field).
-  void accMean(float* out) const;
-  void fieldMean(float* out) const;
+  void accMean(float* out) const { copyMean(accMean_, out); }
+  void fieldMean(float* out) const { copyMean(fieldMean_, out); }
 
   // Population variances of the last full window, per axis: acceleration in
   // (host unit)^2, probe in gauss^2. Zero until the histories first overflow;
@@ -63,6 +63,12 @@ class SampleIntake {
     alignas(16) float probe[4];
   };
 
+  void copyMean(const float* mean, float* out) const {
+    if (!meansValid_) computeMeans();
+    out[0] = mean[0];
+    out[1] = mean[1];
+    out[2] = mean[2];
+  }
   void computeMeans() const;
   void computeVariances();
 

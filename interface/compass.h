@@ -31,11 +31,15 @@ class Compass {
   int32_t configure(const HostSetUp& setUp);
   // MainAlgorithmProcess.
   int32_t process(const float* acc, const float* mag, const float* probe, int32_t restart,
-                  int32_t logMode);
+                  int32_t logMode) {
+    intake_.take(acc, mag, probe);
+    calibrator_.process(intake_, restart, logMode);
+    return 1;
+  }
 
   // GetCalMag computes the calibrated field; GetRawMag and GetCalOri read the
   // field as of its last call (the host calls it first in every sample set).
-  int32_t calibrateLatestField(float* out);
+  int32_t calibrateLatestField(float* out) { return calibrator_.calibrateLatestField(intake_, out); }
   void rawFieldOfLastCalibratedField(float* out) const;
   int32_t orientationFromLastCalibratedField(float* out);
 
@@ -53,6 +57,44 @@ class Compass {
   Calibrator calibrator_;
   Orientation orientation_;
 };
+
+// The field GetCalMag calibrated, with the offset in force now added back.
+inline void Compass::rawFieldOfLastCalibratedField(float* out) const {
+  const float* field = calibrator_.lastCalibratedField();
+  const float* offset = calibrator_.offset();
+  for (int32_t k = 0; k < 3; ++k) out[k] = field[k] + offset[k];
+}
+
+inline int32_t Compass::orientationFromLastCalibratedField(float* out) {
+  CalibrationValues values;
+  const float* offset = calibrator_.offset();
+  const float* field = calibrator_.lastCalibratedField();
+  for (int32_t k = 0; k < 3; ++k) {
+    values.offset[k] = offset[k];
+    values.calibratedField[k] = field[k];
+  }
+  values.radius = calibrator_.radius();
+  values.accuracy = calibrator_.accuracy();
+  values.accStillVariance = calibrator_.settings().accStillVariance;
+  return orientation_.compute(intake_, values, out);
+}
+
+// Offset and radius from the calibration, the field geometry from the
+// orientation: offset x, y, z, radius, horizontal, vertical, inclination.
+inline int32_t Compass::calibrationParameters(float* out) {
+  const int32_t fresh = calibrator_.takeParameters(out, &out[3]);
+  const FieldGeometry& geometry = orientation_.fieldGeometry();
+  out[4] = geometry.horizontal;
+  out[5] = geometry.vertical;
+  out[6] = geometry.inclination;
+  return fresh;
+}
+
+inline int32_t Compass::offset(float* out) const {
+  const float* offset = calibrator_.offset();
+  for (int32_t k = 0; k < 3; ++k) out[k] = offset[k];
+  return 1;
+}
 
 // The process-wide instance behind the exported functions.
 Compass& defaultCompass();

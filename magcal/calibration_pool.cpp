@@ -52,28 +52,8 @@ PoolOffer CalibrationPool::offer(PoolPhase phase, const float* sample,
                                  const CalibrationSettings& settings) {
   const PhaseRule& rule = kPhaseRules[static_cast<int32_t>(phase)];
   if (rule.minDistance != nullptr) minDistance_ = settings.*rule.minDistance;
-  PoolOffer result{PoolVerdict::kAdmitted, false, count_, 0.0f, rule.logRejection, false};
-
-  // The pooled samples in order; the first one too close (checked first) or
-  // too far decides.
-  int32_t decider = count_;
-  for (int32_t i = 0; i < count_; ++i) {
-    const float* p = samples_[i];
-    const float dx = p[0] - sample[0];
-    const float dy = p[1] - sample[1];
-    const float dz = p[2] - sample[2];
-    const float distance = std::sqrt((dx * dx + dy * dy) + dz * dz);
-    if (distance < minDistance_) {
-      result.verdict = PoolVerdict::kTooClose;
-    } else if (distance > settings.maxDistance) {
-      result.verdict = PoolVerdict::kTooFar;
-    } else {
-      continue;
-    }
-    result.distance = distance;
-    decider = i;
-    break;
-  }
+  const Scan scan = scanFor(sample, settings.maxDistance);
+  PoolOffer result{scan.verdict, false, count_, scan.distance, rule.logRejection, false};
 
   switch (result.verdict) {
     case PoolVerdict::kTooClose:
@@ -83,7 +63,7 @@ PoolOffer CalibrationPool::offer(PoolPhase phase, const float* sample,
       result.fallBack = rule.fallBackWhenTooFar;
       // Far from a later sample: dropped. Far from the first: it opens the
       // fresh pool.
-      if (decider != 0) return result;
+      if (scan.index != 0) return result;
       result.position = 0;
       break;
     case PoolVerdict::kAdmitted:
@@ -92,6 +72,21 @@ PoolOffer CalibrationPool::offer(PoolPhase phase, const float* sample,
   append(result.position, sample);
   result.pooled = true;
   return result;
+}
+
+// The pooled samples in order; the first one too close (checked first) or
+// too far decides.
+CalibrationPool::Scan CalibrationPool::scanFor(const float* sample, float maxDistance) const {
+  for (int32_t i = 0; i < count_; ++i) {
+    const float* p = samples_[i];
+    const float dx = p[0] - sample[0];
+    const float dy = p[1] - sample[1];
+    const float dz = p[2] - sample[2];
+    const float distance = std::sqrt((dx * dx + dy * dy) + dz * dz);
+    if (distance < minDistance_) return {PoolVerdict::kTooClose, i, distance};
+    if (distance > maxDistance) return {PoolVerdict::kTooFar, i, distance};
+  }
+  return {PoolVerdict::kAdmitted, count_, 0.0f};
 }
 
 void CalibrationPool::append(int32_t position, const float* sample) {

@@ -57,6 +57,12 @@ class CalibrationPool {
   PoolOffer offer(PoolPhase phase, const float* sample, const CalibrationSettings& settings);
 
  private:
+  struct Scan {
+    PoolVerdict verdict;
+    int32_t index;   // the pooled sample that decided
+    float distance;  // gauss, from it
+  };
+  Scan scanFor(const float* sample, float maxDistance) const;
   void append(int32_t position, const float* sample);
   // The full-pool count, capped at the capacity.
   static int32_t fullCount(const CalibrationSettings& settings);

@@ -97,16 +97,15 @@ float AzimuthSmoother::rawAzimuth(const float* filtered) {
 float AzimuthSmoother::medianStage(float azimuth) {
   azimuths_.push(azimuth);
   const int32_t length = azimuths_.length();
-  float window[kMedianCapacity] = {};
-  if (azimuths_.full()) {
-    for (int32_t j = 0; j + 1 < length; ++j) window[j] = azimuths_.oldest(j + 1);
-    window[length - 1] = azimuth;
-  } else {
-    int32_t j = 0;
-    azimuths_.forEachOldestFirst([&](float v) { window[j++] = v; });
+  float held[kMedianCapacity + 1];
+  int32_t j = 0;
+  azimuths_.forEachOldestFirst([&held, &j](float v) { held[j++] = v; });
+  if (!azimuths_.full()) {
+    for (; j < length; ++j) held[j] = 0.0f;
+    return medianAcrossNorth(held, length);
   }
-
-  return medianAcrossNorth(window, length);
+  held[length] = azimuth;
+  return medianAcrossNorth(held + 1, length);
 }
 
 float AzimuthSmoother::medianAcrossNorth(float* window, int32_t length) {
@@ -125,32 +124,28 @@ float AzimuthSmoother::medianAcrossNorth(float* window, int32_t length) {
 float AzimuthSmoother::meanStage(float median) {
   medians_.push(median);
   if (!medians_.full()) return 0.0f;
-
-  float window[kMeanCapacity] = {};
-  int32_t j = 0;
-  medians_.forEachOldestFirst([&](float v) { window[j++] = v; });
-  return meanAcrossNorth(window, medians_.length());
+  return meanAcrossNorth(medians_);
 }
 
-float AzimuthSmoother::meanAcrossNorth(float* window, int32_t length) {
+float AzimuthSmoother::meanAcrossNorth(const MeanWindow& window) {
+  float values[kMeanCapacity];
+  int32_t n = 0;
   int32_t nLow = 0;
   int32_t nHigh = 0;
-  for (int32_t j = 0; j < length; ++j) {
-    if (window[j] < kLowGroupBelow) ++nLow;
-    if (window[j] > kHighGroupAbove) ++nHigh;
-  }
-  if (nLow != 0 && nHigh != 0) {
-    for (int32_t j = 0; j < length; ++j) {
-      if (nLow > nHigh) {
-        if (window[j] > kHighGroupAbove) window[j] = window[j] - 360.0f;
-      } else {
-        if (window[j] < kLowGroupBelow) window[j] = window[j] + 360.0f;
-      }
-    }
-  }
+  window.forEachOldestFirst([&](float v) {
+    values[n++] = v;
+    if (v < kLowGroupBelow) ++nLow;
+    if (v > kHighGroupAbove) ++nHigh;
+  });
   float sum = 0.0f;
-  for (int32_t j = 0; j < length; ++j) sum = sum + window[j];
-  return sum / static_cast<float>(length);
+  if (nLow != 0 && nHigh != 0 && nLow > nHigh) {
+    for (int32_t j = 0; j < n; ++j) sum = sum + (values[j] > kHighGroupAbove ? values[j] - 360.0f : values[j]);
+  } else if (nLow != 0 && nHigh != 0) {
+    for (int32_t j = 0; j < n; ++j) sum = sum + (values[j] < kLowGroupBelow ? values[j] + 360.0f : values[j]);
+  } else {
+    for (int32_t j = 0; j < n; ++j) sum = sum + values[j];
+  }
+  return sum / static_cast<float>(n);
 }
 
 // Corrects the angle within its 45-degree sector. An angle of 0 (start-up)

@@ -14,6 +14,7 @@ class AzimuthSmoother {
  public:
   static constexpr int32_t kMedianCapacity = 31;  // samples
   static constexpr int32_t kMeanCapacity = 30;    // samples
+  using MeanWindow = Ring<float, kMeanCapacity>;
 
   // Azimuth in degrees, [0, 360), of the heading (east, north). The window
   // lengths (samples) are clamped to 1..capacity; a length that differs from
@@ -35,9 +36,10 @@ class AzimuthSmoother {
   // or adjust in place. The median: the middle of the sorted window, taken
   // with the angles above 300 as negative when the window spans 300 or more.
   static float medianAcrossNorth(float* window, int32_t length);
-  // The mean, with the smaller group on either side of North (below 60,
-  // above 300) moved across it; the low group on a tie.
-  static float meanAcrossNorth(float* window, int32_t length);
+  // The mean of a full window, oldest first, with the smaller group on
+  // either side of North (below 60, above 300) moved across it; the low
+  // group on a tie.
+  static float meanAcrossNorth(const MeanWindow& window);
 
   // For watchdogs: the filter state and every window entry are finite.
   bool filterFinite() const;
@@ -59,7 +61,7 @@ class AzimuthSmoother {
   // The latest raw azimuths and the latest medians (degrees); their lengths
   // are the window lengths in force.
   Ring<float, kMedianCapacity> azimuths_;
-  Ring<float, kMeanCapacity> medians_;
+  MeanWindow medians_;
 
   float reported_ = 0.0f;  // degrees, the azimuth reported last
   SectorEnds sectorEnds_;

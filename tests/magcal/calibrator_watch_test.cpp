@@ -81,11 +81,16 @@ TEST(CalibratorWatch, DowngradesAfterFiveSecondsOffTheSphere) {
 }
 
 TEST(CalibratorWatch, RestartEmptiesOnlyThePool) {
+  startCapture();
   Rig rig;
+  rig.configure(0.1f, 0.0f, 0.0f, 0.5f);  // refining: no pool lines
   for (int i = 0; i < 4; ++i) rig.feed(0.3f * i, 0.0f, 0.0f);
   const float next[3] = {0.0f, 0.5f, 0.0f};
   rig.process(kUp, next, next, 2);  // not a restart
   EXPECT_EQ(rig.count(), 5);
-  rig.process(kUp, next, next, 1);  // the same call reopens the pool
-  EXPECT_TRUE(rig.count() == 1 && rig.intake.count() == 6);
+  capturedLines().clear();
+  rig.process(kUp, next, next, 1, 2);  // the same call reopens the pool; silent at log mode 2
+  EXPECT_TRUE(rig.count() == 1 && rig.intake.count() == 6 && capturedLines().empty());
+  rig.process(kUp, next, next, 1, 0);  // one line at log mode 0
+  EXPECT_EQ(capturedLines().size(), 1u);
 }

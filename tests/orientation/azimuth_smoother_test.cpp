@@ -59,7 +59,12 @@ TEST(AzimuthSmoother, MedianAndMeanAcrossNorth) {
   EXPECT_EQ(median({10, 10, 100, 310, 310}), 10.0f);
   EXPECT_EQ(median({10, 10, 100, 309, 309}), 100.0f);
 
-  auto mean = [](std::vector<float> w) { return AzimuthSmoother::meanAcrossNorth(w.data(), static_cast<int32_t>(w.size())); };
+  auto mean = [](std::vector<float> w) {
+    AzimuthSmoother::MeanWindow window;
+    window.setLength(static_cast<int32_t>(w.size()));
+    for (float v : w) window.push(v);
+    return AzimuthSmoother::meanAcrossNorth(window);
+  };
   EXPECT_EQ(mean({10, 350, 10, 350, 10, 350, 10, 10}), 2.5f);       // high ones lowered
   EXPECT_EQ(mean({350, 10, 350, 10, 350, 10, 350, 350}), 357.5f);  // low ones raised
   EXPECT_EQ(mean({10, 350, 10, 350, 10, 350, 10, 350}), 360.0f);   // tie: low ones raised
