@@ -39,7 +39,9 @@ class Compass {
 
   // GetCalMag computes the calibrated field; GetRawMag and GetCalOri read the
   // field as of its last call (the host calls it first in every sample set).
-  int32_t calibrateLatestField(float* out) { return calibrator_.calibrateLatestField(intake_, out); }
+  int32_t calibrateLatestField(float* out) {
+    return calibrator_.calibrateLatestField(intake_, out);
+  }
   void rawFieldOfLastCalibratedField(float* out) const;
   int32_t orientationFromLastCalibratedField(float* out);
 

@@ -30,9 +30,8 @@ struct CalibrationLogTexts {
   LogText calibratedFieldMilli{LogGate::kAlways, "TRVQX4e20180206 calimag %d %d %d\n"};
   LogText offsetMilli{LogGate::kAlways, "TRVQX4e20180206 dSphereOffset %d %d %d\n"};
   LogText singularMatrix{LogGate::kAlways, "MatInv Err******"};
-  LogText sampleOffSphere{
-      LogGate::kTrace,
-      "queltagbp MCP cali failed!!! i=%d dDistance=%f dRadius=%f dRatio=%f\n"};
+  LogText sampleOffSphere{LogGate::kTrace,
+                          "queltagbp MCP cali failed!!! i=%d dDistance=%f dRadius=%f dRatio=%f\n"};
 };
 
 inline constexpr CalibrationLogTexts kCalibrationLog{};

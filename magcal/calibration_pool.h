@@ -18,8 +18,8 @@ enum class PoolPhase : uint8_t {
   kLate,    // accuracy 0-2: a partial fit after every pooled sample
   kRefine,  // accuracy 3: spaced samples for a refit
   // Fitting phases: the sample only triggers the fit.
-  kFull,    // accuracy 0-2, full count reached: the full fit, then a fresh pool
-  kRefit,   // accuracy 3, full count reached: the refit, then a fresh pool
+  kFull,   // accuracy 0-2, full count reached: the full fit, then a fresh pool
+  kRefit,  // accuracy 3, full count reached: the refit, then a fresh pool
 };
 
 enum class PoolVerdict : uint8_t { kAdmitted, kTooClose, kTooFar };
@@ -27,11 +27,11 @@ enum class PoolVerdict : uint8_t { kAdmitted, kTooClose, kTooFar };
 // What offer() did with a sample.
 struct PoolOffer {
   PoolVerdict verdict;
-  bool pooled;         // the sample is in the pool now
-  int32_t position;    // its index there, when pooled
-  float distance;      // gauss, from the pooled sample that rejected it
-  bool logRejection;   // the phase writes its rejections to the log
-  bool fallBack;       // the phase drops back to the saved calibration
+  bool pooled;        // the sample is in the pool now
+  int32_t position;   // its index there, when pooled
+  float distance;     // gauss, from the pooled sample that rejected it
+  bool logRejection;  // the phase writes its rejections to the log
+  bool fallBack;      // the phase drops back to the saved calibration
 };
 
 class CalibrationPool {

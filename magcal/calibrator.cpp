@@ -117,8 +117,8 @@ void Calibrator::poolStep(const float* field) {
 
   const PoolOffer offer = pool_.offer(phase, field, settings_);
   if (offer.verdict != PoolVerdict::kAdmitted && offer.logRejection) {
-    const LogText& text = offer.verdict == PoolVerdict::kTooClose ? kCalibrationLog.tooClose
-                                                                  : kCalibrationLog.tooFar;
+    const LogText& text =
+        offer.verdict == PoolVerdict::kTooClose ? kCalibrationLog.tooClose : kCalibrationLog.tooFar;
     logLine(text, logMode_, static_cast<double>(offer.distance));
   }
   if (offer.fallBack) {

@@ -63,15 +63,15 @@ class Calibrator {
   float radius_ = 0.5f;                   // gauss
   float savedOffset_[3] = {0.0f, 0.0f, 0.0f};
   float savedRadius_ = 0.5f;
-  int32_t accuracy_ = 0;                  // 0 to 3
-  bool newParameters_ = false;            // a full fit since GetCalPara last read it
+  int32_t accuracy_ = 0;        // 0 to 3
+  bool newParameters_ = false;  // a full fit since GetCalPara last read it
 
-  float lastCalibratedField_[3] = {};     // gauss, written by calibrateLatestField only
-  int32_t logMode_ = 0;                   // of the last MainAlgorithmProcess
+  float lastCalibratedField_[3] = {};  // gauss, written by calibrateLatestField only
+  int32_t logMode_ = 0;                // of the last MainAlgorithmProcess
 
   int32_t frozenProbeCount_ = 0;  // moving samples in a row with a frozen probe axis
   bool saturated_ = false;
-  int32_t offSphereCount_ = 0;    // samples in a row off the sphere in force
+  int32_t offSphereCount_ = 0;  // samples in a row off the sphere in force
 
   CalibrationPool pool_;
 };

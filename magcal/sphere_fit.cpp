@@ -133,8 +133,8 @@ SphereFitResult fitSphere(const CalibrationPool::Samples& pool, int32_t n, float
     const float distance = std::sqrt((dx * dx + dy * dy) + dz * dz);
     const float ratio = distance / radius;
     if (ratio > ratioHigh || ratio < ratioLow) {
-      logLine(kCalibrationLog.sampleOffSphere, logMode, i, static_cast<double>(distance), static_cast<double>(radius),
-                static_cast<double>(ratio));
+      logLine(kCalibrationLog.sampleOffSphere, logMode, i, static_cast<double>(distance),
+              static_cast<double>(radius), static_cast<double>(ratio));
       return result;
     }
   }

@@ -10,7 +10,7 @@
 namespace quelta {
 
 struct SphereFitResult {
-  bool accepted = false;  // the fit passed the radius and spread tests
+  bool accepted = false;                 // the fit passed the radius and spread tests
   float offset[3] = {0.0f, 0.0f, 0.0f};  // gauss
   float radius = 0.5f;                   // gauss
 };

@@ -63,7 +63,8 @@ float AzimuthSmoother::smooth(float east, float north, int32_t medianLength, int
 }
 
 void AzimuthSmoother::useWindowLengths(int32_t medianLength, int32_t meanLength) {
-  const int32_t n1 = medianLength < 1 ? 1 : (medianLength > kMedianCapacity ? kMedianCapacity : medianLength);
+  const int32_t n1 =
+      medianLength < 1 ? 1 : (medianLength > kMedianCapacity ? kMedianCapacity : medianLength);
   if (n1 != azimuths_.length()) azimuths_.setLength(n1);
   const int32_t n2 = meanLength < 1 ? 1 : (meanLength > kMeanCapacity ? kMeanCapacity : meanLength);
   if (n2 != medians_.length()) medians_.setLength(n2);
@@ -139,9 +140,11 @@ float AzimuthSmoother::meanAcrossNorth(const MeanWindow& window) {
   });
   float sum = 0.0f;
   if (nLow != 0 && nHigh != 0 && nLow > nHigh) {
-    for (int32_t j = 0; j < n; ++j) sum = sum + (values[j] > kHighGroupAbove ? values[j] - 360.0f : values[j]);
+    for (int32_t j = 0; j < n; ++j)
+      sum = sum + (values[j] > kHighGroupAbove ? values[j] - 360.0f : values[j]);
   } else if (nLow != 0 && nHigh != 0) {
-    for (int32_t j = 0; j < n; ++j) sum = sum + (values[j] < kLowGroupBelow ? values[j] + 360.0f : values[j]);
+    for (int32_t j = 0; j < n; ++j)
+      sum = sum + (values[j] < kLowGroupBelow ? values[j] + 360.0f : values[j]);
   } else {
     for (int32_t j = 0; j < n; ++j) sum = sum + values[j];
   }

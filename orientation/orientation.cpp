@@ -16,7 +16,6 @@ constexpr float kFlatHorizontalSquared = 1e-7f;
 // newest, so the mean vectors have seen both sides of a change.
 constexpr int32_t kDelayedEntry = 20;
 
-
 void subtract(const float* a, const float* b, float* out) {
   out[0] = a[0] - b[0];
   out[1] = a[1] - b[1];
