@@ -3,16 +3,7 @@
 #include "QueltaAlgo.h"
 #include "rotvec/cn2b_from_directions.h"
 #include "rotvec/rotation_vector.h"
-
-// Demands constant initialisation of the process-wide instance: no static
-// constructor may run when the library loads.
-#if defined(__clang__)
-#define QUELTA_CONSTANT_INIT [[clang::require_constant_initialization]]
-#elif defined(__GNUC__) && __GNUC__ >= 10
-#define QUELTA_CONSTANT_INIT __constinit
-#else
-#define QUELTA_CONSTANT_INIT
-#endif
+#include "core/constant_init.h"
 
 extern "C" {
 
