@@ -76,7 +76,7 @@ TEST(VirtualGyroPipeline, FreshLibraryPublishesTheFirstThreeDrawsAndTheFirstAtti
   // An independent pipeline has its own generator and leaves the exported state alone.
   quelta::StandaloneVirtualGyro own;
   own.gyro.process(kMag, kAcc, 0, -1, 0.01f);
-  own.gyro.calGyr(q);
+  own.gyro.copyRate(q);
   EXPECT_EQ(q[0], w[0]);
   EXPECT_TRUE(own.buffers.magRaw.count == 1 && bfMagRaw.count == 1);
 }
@@ -185,7 +185,7 @@ void expectSpinMeasured(Vec3 axis, double rate, Quat start) {
     const SensorSample s = spin.read(i);
     gyro.gyro.process(s.mag, s.acc, 0, -1, 0.01f);
     float w[3];
-    gyro.gyro.calGyr(w);
+    gyro.gyro.copyRate(w);
     const double ex = w[0] - rate * axis.x, ey = w[1] - rate * axis.y, ez = w[2] - rate * axis.z;
     ASSERT_TRUE(i < 100 || std::sqrt(ex * ex + ey * ey + ez * ez) <= 0.02 * rate)
         << "sample " << i << " rate " << rate << " published " << w[0] << " " << w[1] << " " << w[2];
@@ -210,8 +210,8 @@ TEST(VirtualGyroEndToEnd, DeviceAtRestPublishesOnlySmallNoiseAndItsAttitude) {
       const SensorSample s = still.read(i);
       gyro.gyro.process(s.mag, s.acc, 0, -1, 0.01f);
       float w[3], q[4];
-      gyro.gyro.calGyr(w);
-      gyro.gyro.rotVecInVG(q);
+      gyro.gyro.copyRate(w);
+      gyro.gyro.copyAttitude(q);
       for (float c : w) ASSERT_LE(std::fabs(c), 0.005f) << "sample " << i;
       ASSERT_TRUE(i < 50 || angleBetween(q, attitude) < kHalfDegree) << "sample " << i;
     }
