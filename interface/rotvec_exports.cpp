@@ -3,7 +3,7 @@
 // objects and reads its hold threshold from movethd at every call.
 #include "QueltaAlgo.h"
 #include "core/attitude.h"
-#include "core/constant_init.h"
+#include "interface/constant_init.h"
 #include "rotvec/rotation_vector.h"
 
 extern "C" {

@@ -8,7 +8,7 @@
 // runs on across the pipeline's draws and the host's own calls of myRand.
 #include "QueltaAlgo.h"
 #include "core/attitude.h"
-#include "core/constant_init.h"
+#include "interface/constant_init.h"
 #include "vgyro/data_buffer.h"
 #include "vgyro/filter_compensation.h"
 #include "vgyro/smoothing_filters.h"

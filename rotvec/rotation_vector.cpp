@@ -11,19 +11,19 @@ namespace quelta {
 
 namespace {
 
-// Every line the rotation vector writes, all at log mode 1.
+// Every line the rotation vector writes.
 struct RotationVectorLogTexts {
-  const char* input;    // field x, y, z, acceleration x, y, z
-  const char* output;   // published x, y, z, w
-  const char* gravity;  // copied gravity x, y, z
-  const char* linear;   // copied linear acceleration x, y, z
+  LogText input;    // field x, y, z, acceleration x, y, z
+  LogText output;   // published x, y, z, w
+  LogText gravity;  // copied gravity x, y, z
+  LogText linear;   // copied linear acceleration x, y, z
 };
 
 constexpr RotationVectorLogTexts kLog{
-    "TRVQX4e20180709 InputRotVec  %f %f %f %f %f %f \n",
-    "TRVQX4e InRotVec output %f %f %f %f \n",
-    "In GetQueltaGravityAcc %f %f %f \n",
-    "In GetQueltaLinearAcc %f %f %f \n",
+    {LogGate::kDetail, "TRVQX4e20180709 InputRotVec  %f %f %f %f %f %f \n"},
+    {LogGate::kDetail, "TRVQX4e InRotVec output %f %f %f %f \n"},
+    {LogGate::kDetail, "In GetQueltaGravityAcc %f %f %f \n"},
+    {LogGate::kDetail, "In GetQueltaLinearAcc %f %f %f \n"},
 };
 
 using SensorPair = RotationVectorFusion::SensorPair;
@@ -46,8 +46,9 @@ SensorPair meanOf(const Ring<SensorPair, Slots>& ring) {
   return mean;
 }
 
-void logVec3(const char* text, const float* v) {
-  logLine(text, static_cast<double>(v[0]), static_cast<double>(v[1]), static_cast<double>(v[2]));
+void logVec3(const LogText& text, int32_t mode, const float* v) {
+  logLine(text, mode, static_cast<double>(v[0]), static_cast<double>(v[1]),
+          static_cast<double>(v[2]));
 }
 
 }  // namespace
@@ -86,11 +87,9 @@ void RotationVectorFusion::publish(const float* quat) {
 
 void RotationVectorFusion::update(const float* mag, const float* acc, int32_t logMode) {
   lastLogMode = logMode;
-  if (verbose()) {
-    logLine(kLog.input, static_cast<double>(mag[0]), static_cast<double>(mag[1]),
-            static_cast<double>(mag[2]), static_cast<double>(acc[0]), static_cast<double>(acc[1]),
-            static_cast<double>(acc[2]));
-  }
+  logLine(kLog.input, logMode, static_cast<double>(mag[0]), static_cast<double>(mag[1]),
+          static_cast<double>(mag[2]), static_cast<double>(acc[0]), static_cast<double>(acc[1]),
+          static_cast<double>(acc[2]));
 
   const SensorPair sample{{mag[0], mag[1], mag[2], acc[0], acc[1], acc[2], 0.0f, 0.0f}};
   SensorPair firstOut;
@@ -124,10 +123,8 @@ void RotationVectorFusion::update(const float* mag, const float* acc, int32_t lo
   // A held call publishes the previous value again, w included.
   publish(holdsPrevious(quat) ? quatPrev : quat);
 
-  if (verbose()) {
-    logLine(kLog.output, static_cast<double>(out.rov[0]), static_cast<double>(out.rov[1]),
-            static_cast<double>(out.rov[2]), static_cast<double>(out.rov[3]));
-  }
+  logLine(kLog.output, logMode, static_cast<double>(out.rov[0]), static_cast<double>(out.rov[1]),
+          static_cast<double>(out.rov[2]), static_cast<double>(out.rov[3]));
 }
 
 void RotationVectorFusion::copyRotationVector(float* dst) const {
@@ -136,12 +133,12 @@ void RotationVectorFusion::copyRotationVector(float* dst) const {
 
 void RotationVectorFusion::copyGravity(float* dst) const {
   for (int32_t i = 0; i < 3; ++i) dst[i] = out.gravity[i];
-  if (verbose()) logVec3(kLog.gravity, dst);
+  logVec3(kLog.gravity, lastLogMode, dst);
 }
 
 void RotationVectorFusion::copyLinearAcceleration(float* dst) const {
   for (int32_t i = 0; i < 3; ++i) dst[i] = out.linear[i];
-  if (verbose()) logVec3(kLog.linear, dst);
+  logVec3(kLog.linear, lastLogMode, dst);
 }
 
 }  // namespace quelta

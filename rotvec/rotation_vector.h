@@ -69,7 +69,6 @@ class RotationVectorFusion {
   bool secondStage(const SensorPair& firstMean, SensorPair& dst);
   void publish(const float* quat);
   bool holdsPrevious(const float* quat) const;
-  bool verbose() const { return lastLogMode == 1; }
 
   RotationVectorOutputs out;
   RotationVectorSettings settings;

@@ -25,27 +25,28 @@ constexpr double kMaxCompensatedInterval = 0.03;   // s
 constexpr double kMaxCompensationGain = 1.05;
 constexpr float kStillNoiseDivisor = 200.0f;  // noise of at most 0.005 rad/s
 
-// Every line the virtual gyroscope writes, with the log mode it needs.
+// Every line the virtual gyroscope writes.
 struct VirtualGyroLogTexts {
-  const char* input;             // verbose: field, acceleration, interval
-  const char* inputNorms;        // verbose: input norms (truncated), error count and flag
-  const char* badInterval;       // errors: restart request, replacing interval x 1e4
-  const char* badAcceleration;   // errors: acceleration x 1000, flag
-  const char* badField;          // errors: field x 1000
-  const char* startupErrorRate;  // errors: the constant rate x 1e6
-  const char* startupErrorEnd;   // errors: error count, flag
-  const char* output;            // verbose: published rate
+  LogText input;             // field, acceleration, interval
+  LogText inputNorms;        // input norms (truncated), error count and flag
+  LogText badInterval;       // restart request, replacing interval x 1e4
+  LogText badAcceleration;   // acceleration x 1000, flag
+  LogText badField;          // field x 1000
+  LogText startupErrorRate;  // the constant rate x 1e6
+  LogText startupErrorEnd;   // error count, flag
+  LogText output;            // published rate
 };
 
 constexpr VirtualGyroLogTexts kLog{
-    "TRVQX4e 20210430 inVG  mag %f %f %f acc %f %f %f ts %f \n",
-    "TRVQX4e 20210430 norm2(acc,3)= %d norm2(mag,3)=%d StartErrCount=%d ErrCountFlag = %d \n",
-    "TRVQX4e tsbug algoRestart= %d  ts= %d \n",
-    "TRVQX4e 20210430 accbug %d %d %d ErrCountFlag= %d \n",
-    "TRVQX4e 20210430 magbug %d %d %d \n",
-    "TRVQX4e 20200831 tmpW %d %d %d \n",
-    "TRVQX4e 20200831 StartErrCount= %d ErrCountFlag= %d \n",
-    "TRVQX4e 20210430 inVG  gyrodataOut %f %f %f \n",
+    {LogGate::kDetail, "TRVQX4e 20210430 inVG  mag %f %f %f acc %f %f %f ts %f \n"},
+    {LogGate::kDetail,
+     "TRVQX4e 20210430 norm2(acc,3)= %d norm2(mag,3)=%d StartErrCount=%d ErrCountFlag = %d \n"},
+    {LogGate::kTrace, "TRVQX4e tsbug algoRestart= %d  ts= %d \n"},
+    {LogGate::kTrace, "TRVQX4e 20210430 accbug %d %d %d ErrCountFlag= %d \n"},
+    {LogGate::kTrace, "TRVQX4e 20210430 magbug %d %d %d \n"},
+    {LogGate::kTrace, "TRVQX4e 20200831 tmpW %d %d %d \n"},
+    {LogGate::kTrace, "TRVQX4e 20200831 StartErrCount= %d ErrCountFlag= %d \n"},
+    {LogGate::kDetail, "TRVQX4e 20210430 inVG  gyrodataOut %f %f %f \n"},
 };
 
 // A rate in 1e-6 rad/s, rounded, as the start-up error line gives it.
@@ -74,17 +75,16 @@ void selectRate(const float* tmpW, const float* wMag, float* w) {
 
 void VirtualGyro::process(const float* mag, const float* acc, int32_t restartRequest,
                           int32_t logMode, float ts) {
-  const LogModes log{logMode == 1, logModeAtMost(logMode, 1)};
-  if (log.verbose) {
-    logLine(kLog.input, static_cast<double>(mag[0]), static_cast<double>(mag[1]),
+  if (logWanted(kLog.input, logMode)) {
+    logLine(kLog.input, logMode, static_cast<double>(mag[0]), static_cast<double>(mag[1]),
             static_cast<double>(mag[2]), static_cast<double>(acc[0]), static_cast<double>(acc[1]),
             static_cast<double>(acc[2]), static_cast<double>(ts));
   }
 
   int32_t restart = restartRequest;
   const bool restartThisCall = decideRestart(restart);
-  ts = checkInterval(ts, restart, log);
-  checkInputs(mag, acc, log);
+  ts = checkInterval(ts, restart, logMode);
+  checkInputs(mag, acc, logMode);
   smoothInputs(mag, acc);
 
   const Quatf q = attitudeOfSmoothedSamples();
@@ -100,12 +100,12 @@ void VirtualGyro::process(const float* mag, const float* acc, int32_t restartReq
   fieldOnlyRate(ts, wMag);
   float w[3];
   selectRate(tmpW, wMag, w);
-  applyStartupErrorPeriod(w, log);
+  applyStartupErrorPeriod(w, logMode);
 
   // A restarting call restarts the detector too.
   const uint8_t mode = parts.rotationMode->update(w, restart, ts);
   smoothRate(w);
-  publishRate(mode, w, ts, log);
+  publishRate(mode, w, ts, logMode);
 
   previousAttitude = q;
   previousInterval = ts;
@@ -134,27 +134,30 @@ bool VirtualGyro::decideRestart(int32_t& restart) {
 
 // A missing or non-positive interval falls back to the previous one; a NaN
 // interval is kept (and later switches the compensation off).
-float VirtualGyro::checkInterval(float ts, int32_t restart, LogModes log) const {
+float VirtualGyro::checkInterval(float ts, int32_t restart, int32_t logMode) const {
   if (!(static_cast<double>(ts) < kMinInterval)) return ts;
   const float replaced = previousInterval;
-  if (log.errors) logLine(kLog.badInterval, restart, truncToInt32(replaced * 10000.0f));
+  if (logWanted(kLog.badInterval, logMode)) {
+    logLine(kLog.badInterval, logMode, restart, truncToInt32(replaced * 10000.0f));
+  }
   return replaced;
 }
 
 // A zero field or acceleration opens the start-up error period; once open,
 // every call counts. The samples go on into the chain as they are.
-void VirtualGyro::checkInputs(const float* mag, const float* acc, LogModes log) {
+void VirtualGyro::checkInputs(const float* mag, const float* acc, int32_t logMode) {
   const float accNorm = norm(Vec3f::load(acc));
   const float magNorm = norm(Vec3f::load(mag));
-  if (log.verbose) {
-    logLine(kLog.inputNorms, truncToInt32(accNorm), truncToInt32(magNorm), startupErrorCalls,
+  if (logWanted(kLog.inputNorms, logMode)) {
+    logLine(kLog.inputNorms, logMode, truncToInt32(accNorm), truncToInt32(magNorm), startupErrorCalls,
             static_cast<int32_t>(startupErrorOpen));
   }
   if (static_cast<double>(accNorm) < kMinInputNorm || static_cast<double>(magNorm) < kMinInputNorm) {
     startupErrorOpen = 1;
-    if (log.errors) {
-      logLine(kLog.badAcceleration, milliUnits(acc[0]), milliUnits(acc[1]), milliUnits(acc[2]), 1);
-      logLine(kLog.badField, milliUnits(mag[0]), milliUnits(mag[1]), milliUnits(mag[2]));
+    if (logWanted(kLog.badAcceleration, logMode)) {
+      logLine(kLog.badAcceleration, logMode, milliUnits(acc[0]), milliUnits(acc[1]),
+              milliUnits(acc[2]), 1);
+      logLine(kLog.badField, logMode, milliUnits(mag[0]), milliUnits(mag[1]), milliUnits(mag[2]));
     }
   }
   if (startupErrorOpen == 1) startupErrorCalls = startupErrorCalls + 1;
@@ -217,20 +220,20 @@ void VirtualGyro::fieldOnlyRate(float ts, float* wMag) {
 
 // For 49 calls after the first invalid input the rate is replaced by a tiny
 // constant; at the 50th the period ends until the next restart.
-void VirtualGyro::applyStartupErrorPeriod(float* w, LogModes log) {
+void VirtualGyro::applyStartupErrorPeriod(float* w, int32_t logMode) {
   if (startupErrorCalls <= kStartupErrorCalls && startupErrorOpen != 0) {
     const float* rate = settings.startupErrorRate;
     w[0] = rate[0];
     w[1] = rate[1];
     w[2] = rate[2];
-    if (log.errors) {
-      logLine(kLog.startupErrorRate, microUnits(rate[0]), microUnits(rate[1]), microUnits(rate[2]));
+    if (logWanted(kLog.startupErrorRate, logMode)) {
+      logLine(kLog.startupErrorRate, logMode, microUnits(rate[0]), microUnits(rate[1]),
+              microUnits(rate[2]));
     }
   }
   if (startupErrorCalls >= kStartupErrorEnd) {
-    if (log.errors) {
-      logLine(kLog.startupErrorEnd, startupErrorCalls, static_cast<int32_t>(startupErrorOpen));
-    }
+    logLine(kLog.startupErrorEnd, logMode, startupErrorCalls,
+            static_cast<int32_t>(startupErrorOpen));
     startupErrorCalls = kStartupErrorParked;
     startupErrorOpen = 0;
   }
@@ -245,7 +248,7 @@ void VirtualGyro::smoothRate(float* w) {
   getNewest<kRateFilterLen>(*b.wFilter.record, w);
 }
 
-void VirtualGyro::publishRate(uint8_t mode, float* w, float ts, LogModes log) {
+void VirtualGyro::publishRate(uint8_t mode, float* w, float ts, int32_t logMode) {
   if (mode == 0) {
     for (int i = 0; i < 3; ++i) rateOut[i] = parts.random->next(1, 0) / kStillNoiseDivisor;
     return;
@@ -268,10 +271,8 @@ void VirtualGyro::publishRate(uint8_t mode, float* w, float ts, LogModes log) {
     }
   }
   for (int i = 0; i < 3; ++i) rateOut[i] = w[i];
-  if (log.verbose) {
-    logLine(kLog.output, static_cast<double>(w[0]), static_cast<double>(w[1]),
-            static_cast<double>(w[2]));
-  }
+  logLine(kLog.output, logMode, static_cast<double>(w[0]), static_cast<double>(w[1]),
+          static_cast<double>(w[2]));
 }
 
 void VirtualGyro::copyRate(float* out) const {

@@ -72,22 +72,17 @@ class VirtualGyro {
   void copyAttitude(float* out) const;
 
  private:
-  struct LogModes {
-    bool verbose;  // every line
-    bool errors;   // error lines
-  };
-
   bool decideRestart(int32_t& restart);
-  float checkInterval(float ts, int32_t restart, LogModes log) const;
-  void checkInputs(const float* mag, const float* acc, LogModes log);
+  float checkInterval(float ts, int32_t restart, int32_t logMode) const;
+  void checkInputs(const float* mag, const float* acc, int32_t logMode);
   void smoothInputs(const float* mag, const float* acc);
   Quatf attitudeOfSmoothedSamples() const;
   Quatf rotationSincePrevious(const Quatf& q) const;
   static void rateFromRotation(const Quatf& r, float ts, bool restartThisCall, float* tmpW);
   void fieldOnlyRate(float ts, float* wMag);
-  void applyStartupErrorPeriod(float* w, LogModes log);
+  void applyStartupErrorPeriod(float* w, int32_t logMode);
   void smoothRate(float* w);
-  void publishRate(uint8_t mode, float* w, float ts, LogModes log);
+  void publishRate(uint8_t mode, float* w, float ts, int32_t logMode);
 
   GyroParts parts;
   VirtualGyroSettings settings;
