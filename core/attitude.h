@@ -15,19 +15,13 @@
 
 namespace quelta {
 
-// v / |v|, or zero when |v| is below 1e-10 (compared in double).
-inline Vec3f unitOrZero(const Vec3f& v) {
-  const float n = norm(v);
-  if (static_cast<double>(n) < 1e-10) return {};
-  return v / n;
-}
-
 // Cn2b by cross products: up = acc, east = mag x acc, north = up x east, each
-// normalised by unitOrZero (only the directions of mag and acc matter).
+// normalised or zero below a norm of 1e-10 (only the directions of mag and
+// acc matter).
 inline void cn2bByCrossProducts(const float* mag, const float* acc, float* cn2b) {
   const Vec3f a = Vec3f::load(acc);
-  const Vec3f up = unitOrZero(a);
-  const Vec3f east = unitOrZero(cross(Vec3f::load(mag), a));
+  const Vec3f up = normalizedOrZero(a, 1e-10);
+  const Vec3f east = normalizedOrZero(cross(Vec3f::load(mag), a), 1e-10);
   const Vec3f north = cross(up, east);
   for (int i = 0; i < 3; ++i) {
     cn2b[3 * i + 0] = east[i];

@@ -44,9 +44,7 @@ void FieldRateEstimator::rate(const DataBuffer& buf, float* out, float dt) {
 
   // The axis follows newer x older, which gives the rate its sign; one too
   // short to normalise is kept as it is.
-  Vec3f axis = cross(d1, d2);
-  const float axisNorm = norm(axis);
-  if (static_cast<double>(axisNorm) >= kMinAxisNorm) axis = axis / axisNorm;
+  Vec3f axis = normalizedIfAtLeast(cross(d1, d2), kMinAxisNorm);
 
   if (previousAxisValid != 0) {
     // NaN (a zero previous axis) never counts as a jump.
