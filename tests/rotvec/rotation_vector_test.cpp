@@ -160,6 +160,9 @@ TEST(RotvecMovingMeans, StagesSwitchOnAtCalls31And37) {
   }
 }
 
+// The texts are pinned by the golden trace; what it does not cover is the
+// gate: mode 1 only, negative modes silent, and the accessors following the
+// latest call's mode.
 TEST(RotvecLog, OnlyModeOneLogsAndTheAccessorsFollowTheLatestCall) {
   quelta::test::startCapture();
   const float mag[3] = {0.0f, 0.5f, 0.0f}, acc[3] = {0.0f, 0.0f, 1.5f};
@@ -170,14 +173,7 @@ TEST(RotvecLog, OnlyModeOneLogsAndTheAccessorsFollowTheLatestCall) {
     GetCalRov(rov);
     GetQueltaGravityAcc(gravity);
     GetQueltaLinearAcc(linear);
-    if (mode != 1) {
-      EXPECT_TRUE(capturedLines().empty()) << "mode " << mode;
-      continue;
-    }
-    EXPECT_EQ(capturedLines(), (std::vector<std::string>{
-        "TRVQX4e20180709 InputRotVec  0.000000 0.500000 0.000000 0.000000 0.000000 1.500000 \n",
-        "TRVQX4e InRotVec output 0.000000 0.000000 0.000000 1.000000 \n",
-        "In GetQueltaGravityAcc 0.000000 0.000000 1.000000 \n", "In GetQueltaLinearAcc 0.000000 0.000000 0.500000 \n"}));
+    EXPECT_EQ(capturedLines().size(), mode == 1 ? 4u : 0u) << "mode " << mode;
   }
 }
 
