@@ -53,6 +53,11 @@ class RingSlots {
   // Slot of the k-th newest entry (k = 0 newest), -1 when there is none.
   constexpr int32_t newestFirst(int32_t k) const {
     if (k < 0 || k >= count_) return -1;
+    return heldNewestFirst(k);
+  }
+
+  // As newestFirst, for a k the caller knows is held (0 <= k < count()).
+  constexpr int32_t heldNewestFirst(int32_t k) const {
     const int32_t slot = newest_ - k;
     return slot < 0 ? slot + length_ : slot;
   }

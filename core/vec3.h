@@ -86,6 +86,23 @@ inline Vec3<S> normalizedFloored(const Vec3<S>& v, S floor) {
   return v / (n < floor ? floor : n);
 }
 
+// v / |v|, or zero when |v| is below minNorm (compared in double); a NaN
+// norm gives NaN components.
+template <typename S>
+inline Vec3<S> normalizedOrZero(const Vec3<S>& v, double minNorm) {
+  const S n = norm(v);
+  if (static_cast<double>(n) < minNorm) return {};
+  return v / n;
+}
+
+// v / |v| when |v| is at least minNorm (compared in double); otherwise, a
+// NaN norm included, v as it is.
+template <typename S>
+inline Vec3<S> normalizedIfAtLeast(const Vec3<S>& v, double minNorm) {
+  const S n = norm(v);
+  return static_cast<double>(n) >= minNorm ? v / n : v;
+}
+
 // Quaternion (w, x, y, z), scalar first, Hamilton product.
 template <typename S>
 struct Quat {

@@ -115,8 +115,8 @@ class Host {
     GetCalGyr(o.gyr);
     GetRotVec_InVG(o.gyrQuat);
     naiveGyro_.gyro.process(o.calMag, s.acc, 0, kSilent, static_cast<float>(kDt));
-    naiveGyro_.gyro.calGyr(o.naiveGyr);
-    naiveGyro_.gyro.rotVecInVG(o.naiveQuat);
+    naiveGyro_.gyro.copyRate(o.naiveGyr);
+    naiveGyro_.gyro.copyAttitude(o.naiveQuat);
 
     CalcQueltaRotVec(o.calMag, s.acc, 0);
     GetCalRov(o.rov);
