@@ -20,19 +20,19 @@ void SampleIntake::take(const float* acc, const float* mag, const float* probe) 
     primed_ = true;
   }
 
+  // The sample as a row vector times the axis matrix: each component is its
+  // dot product with a column.
   const float(&m)[3][3] = settings.axisMatrix;
-  for (int32_t c = 0; c < 3; ++c) {
-    field_[c] = (mag[0] * m[0][c] + mag[1] * m[1][c]) + mag[2] * m[2][c];
-  }
-  for (int32_t k = 0; k < 3; ++k) acc_[k] = acc[k];
+  const Vec3f raw = Vec3f::load(mag);
+  field_ = {dot(raw, Vec3f{m[0][0], m[1][0], m[2][0]}), dot(raw, Vec3f{m[0][1], m[1][1], m[2][1]}),
+            dot(raw, Vec3f{m[0][2], m[1][2], m[2][2]})};
+  acc_ = Vec3f::load(acc);
 
   windowMoved_ = history_.full();
   SampleSet& set = history_.pushSlot();
-  for (int32_t k = 0; k < 3; ++k) {
-    set.acc[k] = acc_[k];
-    set.field[k] = field_[k];
-    set.probe[k] = probe[k];
-  }
+  acc_.store(set.acc);
+  field_.store(set.field);
+  Vec3f::load(probe).store(set.probe);
   history_.commitPush();
   meansValid_ = false;
   if (windowMoved_) computeVariances();
@@ -82,10 +82,8 @@ void SampleIntake::computeVariances() {
   });
   const Float4 accVar = accSum / 30.0f;
   const Float4 probeVar = probeSum / 30.0f;
-  for (int32_t k = 0; k < 3; ++k) {
-    accVariance_[k] = accVar[k];
-    probeVariance_[k] = probeVar[k];
-  }
+  accVariance_ = {accVar[0], accVar[1], accVar[2]};
+  probeVariance_ = {probeVar[0], probeVar[1], probeVar[2]};
 }
 
 }  // namespace quelta

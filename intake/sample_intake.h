@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "core/ring.h"
+#include "core/vec3.h"
 
 namespace quelta {
 
@@ -34,25 +35,25 @@ class SampleIntake {
 
   // The latest sample set: acceleration (host unit), field after the axis
   // matrix (gauss).
-  const float* acc() const { return acc_; }
-  const float* field() const { return field_; }
+  Vec3f acc() const { return acc_; }
+  Vec3f field() const { return field_; }
 
   // Entry k of the histories, 0 the oldest; k below count().
-  const float* accAt(int32_t k) const { return history_.oldest(k).acc; }
-  const float* fieldAt(int32_t k) const { return history_.oldest(k).field; }
-  const float* probeAt(int32_t k) const { return history_.oldest(k).probe; }
+  Vec3f accAt(int32_t k) const { return Vec3f::load(entry(k).acc); }
+  Vec3f fieldAt(int32_t k) const { return Vec3f::load(entry(k).field); }
+  Vec3f probeAt(int32_t k) const { return Vec3f::load(entry(k).probe); }
 
   // Per-axis means of all 30 entries, summed oldest to newest, whatever the
   // fill count says: entries not yet written count as they stand (gravity
   // along z for the acceleration, zero for the field).
-  void accMean(float* out) const { copyMean(accMean_, out); }
-  void fieldMean(float* out) const { copyMean(fieldMean_, out); }
+  Vec3f accMean() const { return meanOf(accMean_); }
+  Vec3f fieldMean() const { return meanOf(fieldMean_); }
 
   // Population variances of the last full window, per axis: acceleration in
   // (host unit)^2, probe in gauss^2. Zero until the histories first overflow;
   // the probe's is current only while windowMoved().
-  const float* accVariance() const { return accVariance_; }
-  const float* probeVariance() const { return probeVariance_; }
+  Vec3f accVariance() const { return accVariance_; }
+  Vec3f probeVariance() const { return probeVariance_; }
 
  private:
   // One entry of the histories; each vector has a fourth, always-zero lane so
@@ -63,22 +64,23 @@ class SampleIntake {
     alignas(16) float probe[4];
   };
 
-  void copyMean(const float* mean, float* out) const {
+  const SampleSet& entry(int32_t k) const {
+    return history_.slot(history_.slots().heldNewestFirst(history_.count() - 1 - k));
+  }
+  Vec3f meanOf(const float* lanes) const {
     if (!meansValid_) computeMeans();
-    out[0] = mean[0];
-    out[1] = mean[1];
-    out[2] = mean[2];
+    return Vec3f::load(lanes);
   }
   void computeMeans() const;
   void computeVariances();
 
-  float acc_[3] = {};
-  float field_[3] = {};
+  Vec3f acc_;
+  Vec3f field_;
   bool primed_ = false;  // the acceleration history starts as gravity along z
   bool windowMoved_ = false;
   Ring<SampleSet, kHistoryLength> history_;
-  float accVariance_[3] = {};
-  float probeVariance_[3] = {};
+  Vec3f accVariance_;
+  Vec3f probeVariance_;
   // Means of the current entries, kept until the next take(): the
   // calibration's variances and the orientation need them for the same
   // samples.

@@ -62,22 +62,13 @@ class Compass {
 
 // The field GetCalMag calibrated, with the offset in force now added back.
 inline void Compass::rawFieldOfLastCalibratedField(float* out) const {
-  const float* field = calibrator_.lastCalibratedField();
-  const float* offset = calibrator_.offset();
-  for (int32_t k = 0; k < 3; ++k) out[k] = field[k] + offset[k];
+  (calibrator_.lastCalibratedField() + calibrator_.offset()).store(out);
 }
 
 inline int32_t Compass::orientationFromLastCalibratedField(float* out) {
-  CalibrationValues values;
-  const float* offset = calibrator_.offset();
-  const float* field = calibrator_.lastCalibratedField();
-  for (int32_t k = 0; k < 3; ++k) {
-    values.offset[k] = offset[k];
-    values.calibratedField[k] = field[k];
-  }
-  values.radius = calibrator_.radius();
-  values.accuracy = calibrator_.accuracy();
-  values.accStillVariance = calibrator_.settings().accStillVariance;
+  const CalibrationValues values = {calibrator_.offset(), calibrator_.radius(),
+                                    calibrator_.accuracy(), calibrator_.settings().accStillVariance,
+                                    calibrator_.lastCalibratedField()};
   return orientation_.compute(intake_, values, out);
 }
 
@@ -93,8 +84,7 @@ inline int32_t Compass::calibrationParameters(float* out) {
 }
 
 inline int32_t Compass::offset(float* out) const {
-  const float* offset = calibrator_.offset();
-  for (int32_t k = 0; k < 3; ++k) out[k] = offset[k];
+  calibrator_.offset().store(out);
   return 1;
 }
 

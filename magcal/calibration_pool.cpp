@@ -48,7 +48,7 @@ PoolPhase CalibrationPool::phase(bool refining, const CalibrationSettings& setti
   return count_ < full ? PoolPhase::kLate : PoolPhase::kFull;
 }
 
-PoolOffer CalibrationPool::offer(PoolPhase phase, const float* sample,
+PoolOffer CalibrationPool::offer(PoolPhase phase, Vec3f sample,
                                  const CalibrationSettings& settings) {
   const PhaseRule& rule = kPhaseRules[static_cast<int32_t>(phase)];
   if (rule.minDistance != nullptr) minDistance_ = settings.*rule.minDistance;
@@ -76,21 +76,17 @@ PoolOffer CalibrationPool::offer(PoolPhase phase, const float* sample,
 
 // The pooled samples in order; the first one too close (checked first) or
 // too far decides.
-CalibrationPool::Scan CalibrationPool::scanFor(const float* sample, float maxDistance) const {
+CalibrationPool::Scan CalibrationPool::scanFor(Vec3f sample, float maxDistance) const {
   for (int32_t i = 0; i < count_; ++i) {
-    const float* p = samples_[i];
-    const float dx = p[0] - sample[0];
-    const float dy = p[1] - sample[1];
-    const float dz = p[2] - sample[2];
-    const float distance = std::sqrt((dx * dx + dy * dy) + dz * dz);
+    const float distance = norm(Vec3f::load(samples_[i]) - sample);
     if (distance < minDistance_) return {PoolVerdict::kTooClose, i, distance};
     if (distance > maxDistance) return {PoolVerdict::kTooFar, i, distance};
   }
   return {PoolVerdict::kAdmitted, count_, 0.0f};
 }
 
-void CalibrationPool::append(int32_t position, const float* sample) {
-  for (int32_t k = 0; k < 3; ++k) samples_[position][k] = sample[k];
+void CalibrationPool::append(int32_t position, Vec3f sample) {
+  sample.store(samples_[position]);
   count_ = position + 1;
 }
 

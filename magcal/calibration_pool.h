@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "core/vec3.h"
 #include "magcal/calibration_settings.h"
 
 namespace quelta {
@@ -46,7 +47,7 @@ class CalibrationPool {
   void clear() { count_ = 0; }
 
   // First sample of an empty pool: taken without a check.
-  void open(const float* sample) { append(0, sample); }
+  void open(Vec3f sample) { append(0, sample); }
 
   // The phase of a non-empty pool.
   PoolPhase phase(bool refining, const CalibrationSettings& settings) const;
@@ -54,7 +55,7 @@ class CalibrationPool {
   // Scans the pool for a growing phase (kEarly, kLate, kRefine) and applies
   // the phase's rule: a sample too close is dropped; one too far restarts the
   // pool, which it opens itself when it was too far from the first sample.
-  PoolOffer offer(PoolPhase phase, const float* sample, const CalibrationSettings& settings);
+  PoolOffer offer(PoolPhase phase, Vec3f sample, const CalibrationSettings& settings);
 
  private:
   struct Scan {
@@ -62,8 +63,8 @@ class CalibrationPool {
     int32_t index;   // the pooled sample that decided
     float distance;  // gauss, from it
   };
-  Scan scanFor(const float* sample, float maxDistance) const;
-  void append(int32_t position, const float* sample);
+  Scan scanFor(Vec3f sample, float maxDistance) const;
+  void append(int32_t position, Vec3f sample);
   // The full-pool count, capped at the capacity.
   static int32_t fullCount(const CalibrationSettings& settings);
 

@@ -23,10 +23,8 @@ void Calibrator::configure(const CalibrationSettings& settings, const StoredCali
   if (stored.offset[0] == 0.0f && stored.offset[1] == 0.0f && stored.offset[2] == 0.0f) {
     accuracy_ = 0;
   } else {
-    for (int32_t k = 0; k < 3; ++k) {
-      offset_[k] = stored.offset[k];
-      savedOffset_[k] = stored.offset[k];
-    }
+    offset_ = Vec3f::load(stored.offset);
+    savedOffset_ = offset_;
     radius_ = stored.radius;
     savedRadius_ = stored.radius;
     accuracy_ = 3;
@@ -50,15 +48,15 @@ void Calibrator::process(const SampleIntake& intake, int32_t restart, int32_t lo
   if (accuracy_ >= 1 && accuracy_ <= 3) poolStep(intake.field());
 }
 
-void Calibrator::watchSaturation(const float* accVariance, const float* probeVariance) {
+void Calibrator::watchSaturation(Vec3f accVariance, Vec3f probeVariance) {
   const float moving = settings_.accMovingVariance;
-  if (accVariance[0] <= moving && accVariance[1] <= moving && accVariance[2] <= moving) {
+  if (accVariance.x <= moving && accVariance.y <= moving && accVariance.z <= moving) {
     frozenProbeCount_ = 0;
     return;
   }
   // A saturated axis stops following the motion: its variance collapses.
   const float frozen = settings_.probeFrozenVariance;
-  if (probeVariance[0] < frozen || probeVariance[1] < frozen || probeVariance[2] < frozen) {
+  if (probeVariance.x < frozen || probeVariance.y < frozen || probeVariance.z < frozen) {
     frozenProbeCount_ = frozenProbeCount_ + 1;
   } else {
     frozenProbeCount_ = 0;
@@ -70,11 +68,7 @@ void Calibrator::watchSaturation(const float* accVariance, const float* probeVar
 }
 
 bool Calibrator::watchOffSphere(const SampleIntake& intake) {
-  const float* m = intake.fieldAt(kWatchedEntry);
-  const float dx = m[0] - offset_[0];
-  const float dy = m[1] - offset_[1];
-  const float dz = m[2] - offset_[2];
-  const float ratio = std::sqrt((dx * dx + dy * dy) + dz * dz) / radius_;
+  const float ratio = norm(intake.fieldAt(kWatchedEntry) - offset_) / radius_;
   // The lower bound is a double constant; a NaN ratio counts as in range.
   if (static_cast<double>(ratio) < 0.2 || ratio > 3.0f) {
     if (offSphereCount_ < INT32_MAX) offSphereCount_ = offSphereCount_ + 1;
@@ -93,14 +87,14 @@ bool Calibrator::watchOffSphere(const SampleIntake& intake) {
 
 // Accuracy 0 to 2 grow the pool in the early and late phases and end with
 // the full fit; accuracy 3 keeps the calibration fresh with a pool of its own.
-void Calibrator::poolStep(const float* field) {
+void Calibrator::poolStep(Vec3f field) {
   const bool refining = accuracy_ == 3;
   if (!refining) logLine(kCalibrationLog.poolCount, logMode_, pool_.count());
   if (pool_.empty()) {
     pool_.open(field);
     if (!refining) {
-      logLine(kCalibrationLog.poolOpened, logMode_, 0, static_cast<double>(field[0]),
-              static_cast<double>(field[1]), static_cast<double>(field[2]));
+      logLine(kCalibrationLog.poolOpened, logMode_, 0, static_cast<double>(field.x),
+              static_cast<double>(field.y), static_cast<double>(field.z));
     }
     return;
   }
@@ -131,8 +125,8 @@ void Calibrator::poolStep(const float* field) {
   const LogText& pooled =
       phase == PoolPhase::kEarly ? kCalibrationLog.pooledEarly : kCalibrationLog.pooledLate;
   if (phase != PoolPhase::kRefine) {
-    logLine(pooled, logMode_, offer.position, static_cast<double>(field[0]),
-            static_cast<double>(field[1]), static_cast<double>(field[2]));
+    logLine(pooled, logMode_, offer.position, static_cast<double>(field.x),
+            static_cast<double>(field.y), static_cast<double>(field.z));
   }
   if (phase == PoolPhase::kLate) partialFit(offer.position + 1);
 }
@@ -153,10 +147,10 @@ void Calibrator::partialFit(int32_t n) {
   } else if (n >= settings_.minPoolCount) {
     accuracy_ = 1;
   }
-  for (int32_t k = 0; k < 3; ++k) offset_[k] = fit.offset[k];
+  offset_ = fit.offset;
   radius_ = fit.radius;
-  logLine(kCalibrationLog.partialFitAdopted, logMode_, accuracy_, static_cast<double>(offset_[0]),
-          static_cast<double>(offset_[1]), static_cast<double>(offset_[2]),
+  logLine(kCalibrationLog.partialFitAdopted, logMode_, accuracy_, static_cast<double>(offset_.x),
+          static_cast<double>(offset_.y), static_cast<double>(offset_.z),
           static_cast<double>(radius_));
 }
 
@@ -170,8 +164,8 @@ void Calibrator::fullFit() {
     accuracy_ = 0;
     restoreSaved();
   }
-  logLine(kCalibrationLog.fullFitResult, logMode_, static_cast<double>(offset_[0]),
-          static_cast<double>(offset_[1]), static_cast<double>(offset_[2]),
+  logLine(kCalibrationLog.fullFitResult, logMode_, static_cast<double>(offset_.x),
+          static_cast<double>(offset_.y), static_cast<double>(offset_.z),
           static_cast<double>(radius_), accuracy_, fit.accepted ? 1 : 0);
   pool_.clear();
 }
@@ -191,40 +185,37 @@ SphereFitResult Calibrator::fitPool(int32_t n) const {
 void Calibrator::adoptFullFit(const SphereFitResult& fit) {
   accuracy_ = 3;
   newParameters_ = true;
-  for (int32_t k = 0; k < 3; ++k) {
-    offset_[k] = fit.offset[k];
-    savedOffset_[k] = fit.offset[k];
-  }
+  offset_ = fit.offset;
+  savedOffset_ = fit.offset;
   radius_ = fit.radius;
   savedRadius_ = fit.radius;
 }
 
 void Calibrator::restoreSaved() {
-  for (int32_t k = 0; k < 3; ++k) offset_[k] = savedOffset_[k];
+  offset_ = savedOffset_;
   radius_ = savedRadius_;
 }
 
 int32_t Calibrator::calibrateLatestField(const SampleIntake& intake, float* out) {
-  const float* field = intake.field();
-  for (int32_t k = 0; k < 3; ++k) lastCalibratedField_[k] = field[k] - offset_[k];
-  const float* c = lastCalibratedField_;
-  logLine(kCalibrationLog.calibrationOffset, logMode_, static_cast<double>(offset_[0]),
-          static_cast<double>(offset_[1]), static_cast<double>(offset_[2]));
-  logLine(kCalibrationLog.calibratedField, logMode_, static_cast<double>(c[0]),
-          static_cast<double>(c[1]), static_cast<double>(c[2]));
-  for (int32_t k = 0; k < 3; ++k) out[k] = c[k];
+  lastCalibratedField_ = intake.field() - offset_;
+  const Vec3f c = lastCalibratedField_;
+  logLine(kCalibrationLog.calibrationOffset, logMode_, static_cast<double>(offset_.x),
+          static_cast<double>(offset_.y), static_cast<double>(offset_.z));
+  logLine(kCalibrationLog.calibratedField, logMode_, static_cast<double>(c.x),
+          static_cast<double>(c.y), static_cast<double>(c.z));
+  c.store(out);
   if (logWanted(kCalibrationLog.calibratedFieldMilli, logMode_)) {
-    logLine(kCalibrationLog.calibratedFieldMilli, logMode_, milliUnits(c[0]), milliUnits(c[1]),
-            milliUnits(c[2]));
+    logLine(kCalibrationLog.calibratedFieldMilli, logMode_, milliUnits(c.x), milliUnits(c.y),
+            milliUnits(c.z));
   }
   return pool_.count();
 }
 
 int32_t Calibrator::takeParameters(float* offset, float* radius) {
-  for (int32_t k = 0; k < 3; ++k) offset[k] = offset_[k];
+  offset_.store(offset);
   if (logWanted(kCalibrationLog.offsetMilli, logMode_)) {
-    logLine(kCalibrationLog.offsetMilli, logMode_, milliUnits(offset_[0]), milliUnits(offset_[1]),
-            milliUnits(offset_[2]));
+    logLine(kCalibrationLog.offsetMilli, logMode_, milliUnits(offset_.x), milliUnits(offset_.y),
+            milliUnits(offset_.z));
   }
   *radius = radius_;
   if (!newParameters_) return 0;

@@ -26,7 +26,7 @@ class Calibrator {
   // and the orientation read lastCalibratedField(), so they see the field as
   // of the last call of this one. Returns the pool count.
   int32_t calibrateLatestField(const SampleIntake& intake, float* out);
-  const float* lastCalibratedField() const { return lastCalibratedField_; }
+  Vec3f lastCalibratedField() const { return lastCalibratedField_; }
 
   // GetCalPara's calibration part: offset and radius; returns 1 once after
   // each adopted full fit, 0 otherwise.
@@ -35,20 +35,20 @@ class Calibrator {
   int32_t takeSaturation();
 
   const CalibrationSettings& settings() const { return settings_; }
-  const float* offset() const { return offset_; }
+  Vec3f offset() const { return offset_; }
   float radius() const { return radius_; }
   // The calibration every failure falls back to.
-  const float* savedOffset() const { return savedOffset_; }
+  Vec3f savedOffset() const { return savedOffset_; }
   float savedRadius() const { return savedRadius_; }
   int32_t accuracy() const { return accuracy_; }
   int32_t logMode() const { return logMode_; }
   const CalibrationPool& pool() const { return pool_; }
 
  private:
-  void watchSaturation(const float* accVariance, const float* probeVariance);
+  void watchSaturation(Vec3f accVariance, Vec3f probeVariance);
   // Returns true when the accuracy was downgraded on this sample.
   bool watchOffSphere(const SampleIntake& intake);
-  void poolStep(const float* field);
+  void poolStep(Vec3f field);
   void partialFit(int32_t n);
   void fullFit();
   void refit();
@@ -59,15 +59,15 @@ class Calibrator {
   CalibrationSettings settings_;
 
   // Result, and the copy every failure falls back to.
-  float offset_[3] = {0.0f, 0.0f, 0.0f};  // gauss
-  float radius_ = 0.5f;                   // gauss
-  float savedOffset_[3] = {0.0f, 0.0f, 0.0f};
+  Vec3f offset_;         // gauss
+  float radius_ = 0.5f;  // gauss
+  Vec3f savedOffset_;
   float savedRadius_ = 0.5f;
   int32_t accuracy_ = 0;        // 0 to 3
   bool newParameters_ = false;  // a full fit since GetCalPara last read it
 
-  float lastCalibratedField_[3] = {};  // gauss, written by calibrateLatestField only
-  int32_t logMode_ = 0;                // of the last MainAlgorithmProcess
+  Vec3f lastCalibratedField_;  // gauss, written by calibrateLatestField only
+  int32_t logMode_ = 0;        // of the last MainAlgorithmProcess
 
   int32_t frozenProbeCount_ = 0;  // moving samples in a row with a frozen probe axis
   bool saturated_ = false;

@@ -80,11 +80,11 @@ SphereFitResult fitSphere(const CalibrationPool::Samples& pool, int32_t n, float
   double design[CalibrationPool::kCapacity][4];
   double rhs[CalibrationPool::kCapacity];
   for (int32_t i = 0; i < n; ++i) {
-    const float x = pool[i][0], y = pool[i][1], z = pool[i][2];
-    rhs[i] = static_cast<double>(-((x * x + y * y) + z * z));
-    design[i][0] = static_cast<double>(x);
-    design[i][1] = static_cast<double>(y);
-    design[i][2] = static_cast<double>(z);
+    const Vec3f p = Vec3f::load(pool[i]);
+    rhs[i] = static_cast<double>(-squaredNorm(p));
+    design[i][0] = static_cast<double>(p.x);
+    design[i][1] = static_cast<double>(p.y);
+    design[i][2] = static_cast<double>(p.z);
     design[i][3] = 1.0;
   }
 
@@ -112,14 +112,11 @@ SphereFitResult fitSphere(const CalibrationPool::Samples& pool, int32_t n, float
     coef[r] = sum;
   }
 
-  const float cx = static_cast<float>(-0.5 * coef[0]);
-  const float cy = static_cast<float>(-0.5 * coef[1]);
-  const float cz = static_cast<float>(-0.5 * coef[2]);
-  const float centreSq = (cx * cx + cy * cy) + cz * cz;
-  const float radius = static_cast<float>(std::sqrt(static_cast<double>(centreSq) - coef[3]));
-  result.offset[0] = cx;
-  result.offset[1] = cy;
-  result.offset[2] = cz;
+  const Vec3f centre = {static_cast<float>(-0.5 * coef[0]), static_cast<float>(-0.5 * coef[1]),
+                        static_cast<float>(-0.5 * coef[2])};
+  const float radius =
+      static_cast<float>(std::sqrt(static_cast<double>(squaredNorm(centre)) - coef[3]));
+  result.offset = centre;
   result.radius = radius;
 
   // A NaN radius fails here too.
@@ -127,10 +124,7 @@ SphereFitResult fitSphere(const CalibrationPool::Samples& pool, int32_t n, float
 
   // Every sample must lie near the fitted sphere.
   for (int32_t i = 0; i < n; ++i) {
-    const float dx = pool[i][0] - cx;
-    const float dy = pool[i][1] - cy;
-    const float dz = pool[i][2] - cz;
-    const float distance = std::sqrt((dx * dx + dy * dy) + dz * dz);
+    const float distance = norm(Vec3f::load(pool[i]) - centre);
     const float ratio = distance / radius;
     if (ratio > ratioHigh || ratio < ratioLow) {
       logLine(kCalibrationLog.sampleOffSphere, logMode, i, static_cast<double>(distance),

@@ -10,9 +10,9 @@
 namespace quelta {
 
 struct SphereFitResult {
-  bool accepted = false;                 // the fit passed the radius and spread tests
-  float offset[3] = {0.0f, 0.0f, 0.0f};  // gauss
-  float radius = 0.5f;                   // gauss
+  bool accepted = false;  // the fit passed the radius and spread tests
+  Vec3f offset;           // gauss
+  float radius = 0.5f;    // gauss
 };
 
 // Inverts the 4x4 row-major matrix a in place (Gauss-Jordan, complete

@@ -2,7 +2,6 @@
 
 #include <cmath>
 
-#include "core/vector_math.h"
 #include "orientation/angle_wrap.h"
 #include "orientation/orientation_log.h"
 
@@ -11,16 +10,12 @@ namespace quelta {
 namespace {
 
 constexpr float kMinSinA = 1e-7f;
+// Floor of the norm when a direction is taken: an all-zero vector stays finite.
+constexpr float kDirectionFloor = 1e-7f;
 constexpr float kFlatHorizontalSquared = 1e-7f;
 // Entry of the histories the orientation follows: nine samples behind the
 // newest, so the mean vectors have seen both sides of a change.
 constexpr int32_t kDelayedEntry = 20;
-
-void subtract(const float* a, const float* b, float* out) {
-  out[0] = a[0] - b[0];
-  out[1] = a[1] - b[1];
-  out[2] = a[2] - b[2];
-}
 
 }  // namespace
 
@@ -30,9 +25,9 @@ void Orientation::configure(const OrientationSettings& settings) {
 }
 
 int32_t Orientation::compute(const SampleIntake& intake, const CalibrationValues& cal, float* out) {
-  float acc[3], mag[3], g[3];
-  currentVectors(intake, cal, acc, mag);
-  gravityDirection(intake, acc, g);
+  Vec3f acc, mag;
+  currentVectors(intake, cal, &acc, &mag);
+  const Vec3f g = gravityDirection(intake, acc);
   const MeanAngle angle = meanAngle(intake, cal);
   measureFieldGeometry(intake, cal, angle);
   if (angle.sinA >= kMinSinA) rebuildMatrix(mag, g, angle);
@@ -48,38 +43,28 @@ int32_t Orientation::compute(const SampleIntake& intake, const CalibrationValues
 // Until the histories are full: the latest acceleration and the field as
 // GetCalMag calibrated it; then the delayed entry of the histories.
 void Orientation::currentVectors(const SampleIntake& intake, const CalibrationValues& cal,
-                                 float* acc, float* mag) {
+                                 Vec3f* acc, Vec3f* mag) {
   if (!intake.full()) {
-    for (int32_t k = 0; k < 3; ++k) {
-      acc[k] = intake.acc()[k];
-      mag[k] = cal.calibratedField[k];
-    }
+    *acc = intake.acc();
+    *mag = cal.calibratedField;
     return;
   }
-  const float* a = intake.accAt(kDelayedEntry);
-  for (int32_t k = 0; k < 3; ++k) acc[k] = a[k];
-  subtract(intake.fieldAt(kDelayedEntry), cal.offset, mag);
+  *acc = intake.accAt(kDelayedEntry);
+  *mag = intake.fieldAt(kDelayedEntry) - cal.offset;
 }
 
 // Until the accelerometer variances exist the device is taken as level.
-void Orientation::gravityDirection(const SampleIntake& intake, const float* acc, float* g) {
-  const float* var = intake.accVariance();
-  const bool noVariance = var[0] == 0.0f && var[1] == 0.0f && var[2] == 0.0f;
-  g[0] = noVariance ? 0.0f : acc[0];
-  g[1] = noVariance ? 0.0f : acc[1];
-  g[2] = noVariance ? 1.0f : acc[2];
+Vec3f Orientation::gravityDirection(const SampleIntake& intake, Vec3f acc) {
+  const Vec3f var = intake.accVariance();
+  const bool noVariance = var.x == 0.0f && var.y == 0.0f && var.z == 0.0f;
+  return noVariance ? Vec3f{0.0f, 0.0f, 1.0f} : acc;
 }
 
 Orientation::MeanAngle Orientation::meanAngle(const SampleIntake& intake,
                                               const CalibrationValues& cal) {
-  float meanMag[3], meanAcc[3], magDir[3], accDir[3];
-  intake.fieldMean(meanMag);
-  subtract(meanMag, cal.offset, meanMag);
-  intake.accMean(meanAcc);
-  normalizeFloored3(meanMag, magDir);
-  normalizeFloored3(meanAcc, accDir);
-
-  const float cosA = (magDir[0] * accDir[0] + magDir[1] * accDir[1]) + magDir[2] * accDir[2];
+  const Vec3f magDir = normalizedFloored(intake.fieldMean() - cal.offset, kDirectionFloor);
+  const Vec3f accDir = normalizedFloored(intake.accMean(), kDirectionFloor);
+  const float cosA = dot(magDir, accDir);
   if (cosA > 1.0f) return {1.0f, 0.0f};
   if (cosA < -1.0f) return {-1.0f, 0.0f};
   return {cosA, std::sqrt(1.0f - cosA * cosA)};
@@ -88,32 +73,27 @@ Orientation::MeanAngle Orientation::meanAngle(const SampleIntake& intake,
 void Orientation::measureFieldGeometry(const SampleIntake& intake, const CalibrationValues& cal,
                                        MeanAngle angle) {
   if (cal.accuracy != 3) return;
-  const float* var = intake.accVariance();
-  for (int32_t k = 0; k < 3; ++k) {
-    if (!(var[k] < cal.accStillVariance)) return;
-  }
+  const Vec3f var = intake.accVariance();
+  const float still = cal.accStillVariance;
+  if (!(var.x < still) || !(var.y < still) || !(var.z < still)) return;
   geometry_.horizontal = std::fabs(angle.sinA * cal.radius);
   geometry_.vertical = std::fabs(angle.cosA * cal.radius);
   geometry_.inclination = static_cast<float>(std::asin(static_cast<double>(-angle.cosA)) * 180.0 /
                                              static_cast<double>(kPiF));
 }
 
-// East = g' x m'; North is built from the current directions with the angle
-// of the mean ones, so it is stored as computed, not renormalised.
-void Orientation::rebuildMatrix(const float* mag, const float* g, MeanAngle angle) {
-  float m1[3], g1[3], e[3], eHat[3];
-  normalizeFloored3(mag, m1);
-  normalizeFloored3(g, g1);
-  e[0] = m1[2] * g1[1] - m1[1] * g1[2];
-  e[1] = m1[0] * g1[2] - m1[2] * g1[0];
-  e[2] = m1[1] * g1[0] - m1[0] * g1[1];
-  normalizeFloored3(e, eHat);
-
+// East = m' x g', normalised; North is built from the current directions with
+// the angle of the mean ones, so it is stored as computed, not renormalised.
+void Orientation::rebuildMatrix(Vec3f mag, Vec3f g, MeanAngle angle) {
+  const Vec3f m1 = normalizedFloored(mag, kDirectionFloor);
+  const Vec3f g1 = normalizedFloored(g, kDirectionFloor);
+  const Vec3f eHat = normalizedFloored(cross(g1, m1), kDirectionFloor);
   const float p = 1.0f / angle.sinA;
   const float q = -angle.cosA / angle.sinA;
+  const Vec3f north = p * m1 + q * g1;
   for (int32_t i = 0; i < 3; ++i) {
     matrix_[i][0] = -eHat[i];
-    matrix_[i][1] = p * m1[i] + q * g1[i];
+    matrix_[i][1] = north[i];
     matrix_[i][2] = g1[i];
   }
 }

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "core/vec3.h"
 #include "intake/sample_intake.h"
 #include "orientation/azimuth_smoother.h"
 
@@ -21,11 +22,11 @@ inline constexpr OrientationSettings kDefaultOrientationSettings{};
 
 // What the orientation needs of the calibration, handed over as values.
 struct CalibrationValues {
-  float offset[3];           // gauss
-  float radius;              // gauss
-  int32_t accuracy;          // 0 to 3
-  float accStillVariance;    // (acc unit)^2: below it on every axis the device is still
-  float calibratedField[3];  // gauss: the field as GetCalMag last calibrated it
+  Vec3f offset;            // gauss
+  float radius;            // gauss
+  int32_t accuracy;        // 0 to 3
+  float accStillVariance;  // (acc unit)^2: below it on every axis the device is still
+  Vec3f calibratedField;   // gauss: the field as GetCalMag last calibrated it
 };
 
 // The field's geometry, measured while the calibration is complete and the
@@ -68,13 +69,13 @@ class Orientation {
     float sinA;
   };
 
-  static void currentVectors(const SampleIntake& intake, const CalibrationValues& cal, float* acc,
-                             float* mag);
-  static void gravityDirection(const SampleIntake& intake, const float* acc, float* g);
+  static void currentVectors(const SampleIntake& intake, const CalibrationValues& cal, Vec3f* acc,
+                             Vec3f* mag);
+  static Vec3f gravityDirection(const SampleIntake& intake, Vec3f acc);
   static MeanAngle meanAngle(const SampleIntake& intake, const CalibrationValues& cal);
   void measureFieldGeometry(const SampleIntake& intake, const CalibrationValues& cal,
                             MeanAngle angle);
-  void rebuildMatrix(const float* mag, const float* g, MeanAngle angle);
+  void rebuildMatrix(Vec3f mag, Vec3f g, MeanAngle angle);
 
   OrientationSettings settings_;
   float matrix_[3][3] = {{1.0f, 0.0f, 0.0f}, {0.0f, 1.0f, 0.0f}, {0.0f, 0.0f, 1.0f}};

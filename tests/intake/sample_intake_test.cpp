@@ -18,9 +18,8 @@ TEST(SampleIntake, MapsAxesFillsHistoriesThenMovesAndComputesVariances) {
       // The sample as a row vector times the matrix; the gravity preset
       // behind it counts in the means.
       EXPECT_TRUE(intake.field()[0] == 0.25f && intake.field()[2] == -0.5f);
-      float mean[3];
-      intake.accMean(mean);
-      EXPECT_TRUE(mean[1] == 0.5f / 30.0f && mean[2] == 1.0f);
+      const quelta::Vec3f mean = intake.accMean();
+      EXPECT_TRUE(mean.y == 0.5f / 30.0f && mean.z == 1.0f);
     }
     EXPECT_EQ(intake.windowMoved(), i == 30);
     if (i == 29) EXPECT_EQ(intake.accVariance()[0], 0.0f);  // first computed on the 31st
@@ -31,7 +30,5 @@ TEST(SampleIntake, MapsAxesFillsHistoriesThenMovesAndComputesVariances) {
   EXPECT_EQ(intake.probeAt(14)[0], 15.0f);
   EXPECT_NEAR(intake.accVariance()[0], (30.0 * 30.0 - 1.0) / 12.0, 1e-4);  // 1..30
   EXPECT_EQ(intake.accVariance()[1], 0.0f);
-  float mean[3];
-  intake.fieldMean(mean);
-  EXPECT_EQ(mean[1], 0.25f * 15.5f * 2);  // 1..30, oldest to newest
+  EXPECT_EQ(intake.fieldMean().y, 0.25f * 15.5f * 2);  // 1..30, oldest to newest
 }

@@ -36,7 +36,7 @@ void startPartial(Rig& rig, const quelta::CalibrationSettings& settings = quelta
 }
 
 bool savedInForce(const Rig& rig) {
-  const float* o = rig.cal.offset();
+  const quelta::Vec3f o = rig.cal.offset();
   return o[0] == kSaved[0] && o[1] == kSaved[1] && o[2] == kSaved[2] && rig.cal.radius() == 0.45f;
 }
 

@@ -32,10 +32,8 @@ SampleIntake stillIntake(const float* acc, const float* field, int takes = 31, f
 
 CalibrationValues values(const float* offset, const float* field, int32_t accuracy = 3) {
   CalibrationValues v{};
-  for (int k = 0; k < 3; ++k) {
-    v.offset[k] = offset[k];
-    v.calibratedField[k] = field[k] - offset[k];
-  }
+  v.offset = Vec3f::load(offset);
+  v.calibratedField = Vec3f::load(field) - v.offset;
   v.radius = 0.5f;
   v.accuracy = accuracy;
   v.accStillVariance = 2e-4f;
@@ -69,8 +67,8 @@ TEST(Orientation, BeforeTheHistoriesFillTheCalibratedFieldIsRead) {
   // Same intake, calibrated fields a quarter turn apart: the heading turns.
   const SampleIntake intake = stillIntake(kUp, kField, 5);
   CalibrationValues east = values(kZero, kField), north = values(kZero, kField);
-  set3(east.calibratedField, 0.3f, 0.0f, -0.4f);
-  set3(north.calibratedField, 0.0f, 0.3f, -0.4f);
+  east.calibratedField = {0.3f, 0.0f, -0.4f};
+  north.calibratedField = {0.0f, 0.3f, -0.4f};
   Orientation a, b;
   for (int i = 0; i < 40; ++i) {
     float outA[3], outB[3];

@@ -64,9 +64,11 @@ bool finite(const float* v, int n) {
   return true;
 }
 
+bool finite(const quelta::Vec3f& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
 bool historiesFinite(const quelta::SampleIntake& intake) {
   for (int32_t k = 0; k < quelta::SampleIntake::kHistoryLength; ++k) {
-    if (!finite(intake.fieldAt(k), 3) || !finite(intake.accAt(k), 3)) return false;
+    if (!finite(intake.fieldAt(k)) || !finite(intake.accAt(k))) return false;
   }
   return true;
 }
@@ -166,8 +168,8 @@ void observeLatches(Latch* latches, const Outputs& o, int64_t t) {
   latches[kNaiveQuat].observe(!finite(o.naiveQuat, 4), t);
   latches[kGyroLpf].observe(!finite(bfMagLPFData, 9) || !finite(bfAccLPFData, 9), t);
   latches[kCalMag].observe(!finite(o.calMag, 3), t);
-  latches[kOffset].observe(!finite(cal.offset(), 3) || !std::isfinite(cal.radius()), t);
-  latches[kSaved].observe(!finite(cal.savedOffset(), 3) || !std::isfinite(cal.savedRadius()), t);
+  latches[kOffset].observe(!finite(cal.offset()) || !std::isfinite(cal.radius()), t);
+  latches[kSaved].observe(!finite(cal.savedOffset()) || !std::isfinite(cal.savedRadius()), t);
   latches[kGeometry].observe(!finite(o.para + 4, 3), t);
   latches[kHistories].observe(!historiesFinite(compass.intake()), t);
   latches[kOri].observe(!finite(o.ori, 3), t);
@@ -227,7 +229,7 @@ class RecoveryWatch {
 
   void observe(int64_t t, const Vec3& trueOffset, Stats& stats) {
     if (since_ < 0 || t < since_) return;
-    const float* o = quelta::defaultCompass().calibrator().offset();
+    const quelta::Vec3f o = quelta::defaultCompass().calibrator().offset();
     const double dx = o[0] - trueOffset.x, dy = o[1] - trueOffset.y, dz = o[2] - trueOffset.z;
     if (GetMagAccuracy() != 3 || !(std::sqrt(dx * dx + dy * dy + dz * dz) < kOffsetTolerance)) return;
     const int k = static_cast<int>(kind_);
