@@ -50,18 +50,4 @@ inline void logLine(const LogText& text, int32_t mode, Args... args) {
   if (callback != nullptr && logGateOpen(text.gate, mode)) callback(text.format, args...);
 }
 
-// Kept for the services that still pass bare formats; new code uses the
-// tables above.
-template <typename... Args>
-inline void logLine(const char* fmt, Args... args) {
-  const LogCallback callback = log_func;
-  if (callback != nullptr) callback(fmt, args...);
-}
-
-inline bool logEnabled() { return log_func != nullptr; }
-
-inline bool logModeAtMost(int32_t mode, uint32_t most) {
-  return static_cast<uint32_t>(mode) <= most;
-}
-
 }  // namespace quelta
