@@ -1,6 +1,6 @@
 // The calibration and the orientation as the host sees them: one sample
 // intake both read, the calibrator and the orientation, combined where the
-// host reads them. The exported functions (compass_c_api.cpp) are one-line
+// host reads them. The exported functions (compass_exports.cpp) are one-line
 // forwards to the process-wide instance.
 #pragma once
 
