@@ -41,7 +41,6 @@ class SampleIntake {
   // Entry k of the histories, 0 the oldest; k below count().
   Vec3f accAt(int32_t k) const { return Vec3f::load(entry(k).acc); }
   Vec3f fieldAt(int32_t k) const { return Vec3f::load(entry(k).field); }
-  Vec3f probeAt(int32_t k) const { return Vec3f::load(entry(k).probe); }
 
   // Per-axis means of all 30 entries, summed oldest to newest, whatever the
   // fill count says: entries not yet written count as they stand (gravity

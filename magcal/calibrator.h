@@ -41,7 +41,6 @@ class Calibrator {
   Vec3f savedOffset() const { return savedOffset_; }
   float savedRadius() const { return savedRadius_; }
   int32_t accuracy() const { return accuracy_; }
-  int32_t logMode() const { return logMode_; }
   const CalibrationPool& pool() const { return pool_; }
 
  private:
