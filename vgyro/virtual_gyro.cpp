@@ -60,16 +60,16 @@ int32_t dominantAxis(const float* v) {
 
 }  // namespace
 
-void selectRate(const float* tmpW, const float* wMag, float* w) {
-  w[0] = tmpW[0];
-  w[1] = tmpW[1];
-  w[2] = tmpW[2];
-  const bool bothFast = static_cast<double>(norm(Vec3f::load(tmpW))) > kHalfPi &&
-                        static_cast<double>(norm(Vec3f::load(wMag))) > kHalfPi;
+void selectRate(const float* attitudeRate, const float* fieldRate, float* w) {
+  w[0] = attitudeRate[0];
+  w[1] = attitudeRate[1];
+  w[2] = attitudeRate[2];
+  const bool bothFast = static_cast<double>(norm(Vec3f::load(attitudeRate))) > kHalfPi &&
+                        static_cast<double>(norm(Vec3f::load(fieldRate))) > kHalfPi;
   if (!bothFast) return;
-  const int32_t dominant = dominantAxis(tmpW);
+  const int32_t dominant = dominantAxis(attitudeRate);
   for (int32_t i = 0; i < 3; ++i) {
-    if (i != dominant && std::fabs(wMag[i]) < std::fabs(tmpW[i])) w[i] = wMag[i];
+    if (i != dominant && std::fabs(fieldRate[i]) < std::fabs(attitudeRate[i])) w[i] = fieldRate[i];
   }
 }
 
@@ -94,12 +94,12 @@ void VirtualGyro::process(const float* mag, const float* acc, int32_t restartReq
   attitudeOut[2] = q.z;
   attitudeOut[3] = q.w;
 
-  float tmpW[3];
-  rateFromRotation(r, ts, restartThisCall, tmpW);
-  float wMag[3];
-  fieldOnlyRate(ts, wMag);
+  float attitudeRate[3];
+  rateFromRotation(r, ts, restartThisCall, attitudeRate);
+  float fieldRate[3];
+  fieldOnlyRate(ts, fieldRate);
   float w[3];
-  selectRate(tmpW, wMag, w);
+  selectRate(attitudeRate, fieldRate, w);
   applyStartupErrorPeriod(w, logMode);
 
   // A restarting call restarts the detector too.
@@ -198,24 +198,24 @@ Quatf VirtualGyro::rotationSincePrevious(const Quatf& q) const {
 }
 
 // Angle 2 * half about the axis r.xyz / sin(half), divided by the interval.
-void VirtualGyro::rateFromRotation(const Quatf& r, float ts, bool restartThisCall, float* tmpW) {
+void VirtualGyro::rateFromRotation(const Quatf& r, float ts, bool restartThisCall, float* attitudeRate) {
   const float half = static_cast<float>(std::acos(static_cast<double>(r.w)));
   const float s = static_cast<float>(std::sin(static_cast<double>(half)));
   if (static_cast<double>(s) < kMinSinHalfAngle || restartThisCall) {
-    tmpW[0] = tmpW[1] = tmpW[2] = 0.0f;
+    attitudeRate[0] = attitudeRate[1] = attitudeRate[2] = 0.0f;
     return;
   }
   const float k = (half + half) / ts;
-  tmpW[0] = k * (r.x / s);
-  tmpW[1] = k * (r.y / s);
-  tmpW[2] = k * (r.z / s);
+  attitudeRate[0] = k * (r.x / s);
+  attitudeRate[1] = k * (r.y / s);
+  attitudeRate[2] = k * (r.z / s);
 }
 
 // Needs three smoothed field samples, from the third call after a restart on.
-void VirtualGyro::fieldOnlyRate(float ts, float* wMag) {
-  wMag[0] = wMag[1] = wMag[2] = 0.0f;
+void VirtualGyro::fieldOnlyRate(float ts, float* fieldRate) {
+  fieldRate[0] = fieldRate[1] = fieldRate[2] = 0.0f;
   const DataBuffer& magMean = *parts.buffers.magMean.record;
-  if (magMean.count >= 3) parts.fieldRate->rate(magMean, wMag, ts);
+  if (magMean.count >= 3) parts.fieldRate->rate(magMean, fieldRate, ts);
 }
 
 // For 49 calls after the first invalid input the rate is replaced by a tiny

@@ -53,7 +53,7 @@ inline constexpr VirtualGyroSettings kDefaultVirtualGyroSettings{
 // exceed pi/2 rad/s: then the dominant axis keeps the attitude rate and each
 // other axis takes the smaller-magnitude of the two (ties keep the attitude
 // rate). A norm that is not a number never exceeds.
-void selectRate(const float* tmpW, const float* wMag, float* w);
+void selectRate(const float* attitudeRate, const float* fieldRate, float* w);
 
 class VirtualGyro {
  public:
@@ -78,8 +78,8 @@ class VirtualGyro {
   void smoothInputs(const float* mag, const float* acc);
   Quatf attitudeOfSmoothedSamples() const;
   Quatf rotationSincePrevious(const Quatf& q) const;
-  static void rateFromRotation(const Quatf& r, float ts, bool restartThisCall, float* tmpW);
-  void fieldOnlyRate(float ts, float* wMag);
+  static void rateFromRotation(const Quatf& r, float ts, bool restartThisCall, float* attitudeRate);
+  void fieldOnlyRate(float ts, float* fieldRate);
   void applyStartupErrorPeriod(float* w, int32_t logMode);
   void smoothRate(float* w);
   void publishRate(uint8_t mode, float* w, float ts, int32_t logMode);
