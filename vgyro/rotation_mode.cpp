@@ -12,29 +12,29 @@ constexpr int32_t kStillRun = 20;
 }  // namespace
 
 uint8_t RotationModeDetector::update(const float* w, int32_t restart, float dt) {
-  auto clearAngle = [this] { fRotAngleSum[0] = fRotAngleSum[1] = fRotAngleSum[2] = 0.0f; };
+  auto clearAngle = [this] { angleSum[0] = angleSum[1] = angleSum[2] = 0.0f; };
   if (restart != 0) {
-    iMoveCount = 0;
-    iStillCount = 0;
-    bRotationMode = 0;
+    moveCount = 0;
+    stillCount = 0;
+    rotating = 0;
     clearAngle();
   }
 
   bool triggered = false;
   for (int i = 0; i < 3; ++i) {
-    fRotAngleSum[i] = fRotAngleSum[i] + w[i] * dt;
+    angleSum[i] = angleSum[i] + w[i] * dt;
   }
   for (int i = 0; i < 3; ++i) {
     // A sum that is not a number never triggers.
-    if (fRotAngleSum[i] >= kAngleTriggerRad || fRotAngleSum[i] <= -kAngleTriggerRad) triggered = true;
+    if (angleSum[i] >= kAngleTriggerRad || angleSum[i] <= -kAngleTriggerRad) triggered = true;
   }
   if (triggered) {
-    iMoveCount = 0;
-    iStillCount = 0;
+    moveCount = 0;
+    stillCount = 0;
     clearAngle();
-    if (bRotationMode == 0) {
-      bRotationMode = 1;
-      return bRotationMode;
+    if (rotating == 0) {
+      rotating = 1;
+      return rotating;
     }
   }
 
@@ -43,25 +43,25 @@ uint8_t RotationModeDetector::update(const float* w, int32_t restart, float dt) 
     if (static_cast<double>(std::fabs(w[i])) > kMovingRate) moving = true;
   }
   if (moving) {
-    const int32_t run = iMoveCount;
-    iMoveCount = run + 1;
-    iStillCount = 0;
+    const int32_t run = moveCount;
+    moveCount = run + 1;
+    stillCount = 0;
     if (run >= kMovingRun - 1) {
-      iMoveCount = 0;
+      moveCount = 0;
       clearAngle();
-      bRotationMode = 1;
+      rotating = 1;
     }
   } else {
-    const int32_t run = iStillCount;
-    iStillCount = run + 1;
-    iMoveCount = 0;
+    const int32_t run = stillCount;
+    stillCount = run + 1;
+    moveCount = 0;
     if (run >= kStillRun - 1) {
-      iStillCount = 0;
+      stillCount = 0;
       clearAngle();
-      bRotationMode = 0;
+      rotating = 0;
     }
   }
-  return bRotationMode;
+  return rotating;
 }
 
 }  // namespace quelta
