@@ -55,38 +55,38 @@ void logVec3(const LogText& text, int32_t mode, const float* v) {
 
 // Each stage passes its input on until it held a full window before the call.
 bool RotationVectorFusion::firstStage(const SensorPair& sample, SensorPair& dst) {
-  const bool full = samples.full();
-  samples.push(sample);
-  dst = full ? meanOf(samples) : sample;
+  const bool full = samples_.full();
+  samples_.push(sample);
+  dst = full ? meanOf(samples_) : sample;
   return full;
 }
 
 bool RotationVectorFusion::secondStage(const SensorPair& firstMean, SensorPair& dst) {
-  const bool full = means.full();
-  means.push(firstMean);
-  dst = full ? meanOf(means) : firstMean;
+  const bool full = means_.full();
+  means_.push(firstMean);
+  dst = full ? meanOf(means_) : firstMean;
   return full;
 }
 
 // The previous value stays published while x, y and z have all moved by less
 // than the threshold; a NaN difference never holds.
 bool RotationVectorFusion::holdsPrevious(const float* quat) const {
-  const float threshold = *out.moveThreshold;
-  return std::fabs(quat[1] - quatPrev[1]) < threshold &&
-         std::fabs(quat[3] - quatPrev[3]) < threshold &&
-         std::fabs(quat[2] - quatPrev[2]) < threshold;
+  const float threshold = *out_.moveThreshold;
+  return std::fabs(quat[1] - quatPrev_[1]) < threshold &&
+         std::fabs(quat[3] - quatPrev_[3]) < threshold &&
+         std::fabs(quat[2] - quatPrev_[2]) < threshold;
 }
 
 void RotationVectorFusion::publish(const float* quat) {
-  for (int32_t i = 0; i < 4; ++i) quatPrev[i] = quat[i];
-  out.rov[0] = quatPrev[1];
-  out.rov[1] = quatPrev[2];
-  out.rov[2] = quatPrev[3];
-  out.rov[3] = quatPrev[0];
+  for (int32_t i = 0; i < 4; ++i) quatPrev_[i] = quat[i];
+  out_.rov[0] = quatPrev_[1];
+  out_.rov[1] = quatPrev_[2];
+  out_.rov[2] = quatPrev_[3];
+  out_.rov[3] = quatPrev_[0];
 }
 
 void RotationVectorFusion::update(const float* mag, const float* acc, int32_t logMode) {
-  lastLogMode = logMode;
+  lastLogMode_ = logMode;
   logLine(kLog.input, logMode, static_cast<double>(mag[0]), static_cast<double>(mag[1]),
           static_cast<double>(mag[2]), static_cast<double>(acc[0]), static_cast<double>(acc[1]),
           static_cast<double>(acc[2]));
@@ -102,43 +102,43 @@ void RotationVectorFusion::update(const float* mag, const float* acc, int32_t lo
 
   // Unit field, unit gravity, sin and cos of the angle between them.
   float directions[8];
-  const Vec3f h = normalizedFloored(Vec3f::load(smoothed.lane), settings.minInputNorm);
-  const Vec3f g = normalizedFloored(Vec3f::load(smoothed.lane + 3), settings.minInputNorm);
+  const Vec3f h = normalizedFloored(Vec3f::load(smoothed.lane), settings_.minInputNorm);
+  const Vec3f g = normalizedFloored(Vec3f::load(smoothed.lane + 3), settings_.minInputNorm);
   float cosA = dot(h, g);
   if (cosA > 1.0f) cosA = 1.0f;
   if (cosA < -1.0f) cosA = -1.0f;
   h.store(directions);
   g.store(directions + 3);
-  directions[6] = atLeast(std::sqrt(1.0f - cosA * cosA), settings.minSinFieldGravity);
+  directions[6] = atLeast(std::sqrt(1.0f - cosA * cosA), settings_.minSinFieldGravity);
   directions[7] = cosA;
 
   float cn2b[9];
   cn2bByFieldAcrossGravity(directions, cn2b);
   const Vec3f up{cn2b[2], cn2b[5], cn2b[8]};
-  up.store(out.gravity);
-  (Vec3f::load(acc) - up).store(out.linear);
+  up.store(out_.gravity);
+  (Vec3f::load(acc) - up).store(out_.linear);
 
   float quat[4];
   quatFromCn2bByDiagonalMagnitudes(cn2b).store(quat);
   // A held call publishes the previous value again, w included.
-  publish(holdsPrevious(quat) ? quatPrev : quat);
+  publish(holdsPrevious(quat) ? quatPrev_ : quat);
 
-  logLine(kLog.output, logMode, static_cast<double>(out.rov[0]), static_cast<double>(out.rov[1]),
-          static_cast<double>(out.rov[2]), static_cast<double>(out.rov[3]));
+  logLine(kLog.output, logMode, static_cast<double>(out_.rov[0]), static_cast<double>(out_.rov[1]),
+          static_cast<double>(out_.rov[2]), static_cast<double>(out_.rov[3]));
 }
 
 void RotationVectorFusion::copyRotationVector(float* dst) const {
-  for (int32_t i = 0; i < 4; ++i) dst[i] = out.rov[i];
+  for (int32_t i = 0; i < 4; ++i) dst[i] = out_.rov[i];
 }
 
 void RotationVectorFusion::copyGravity(float* dst) const {
-  for (int32_t i = 0; i < 3; ++i) dst[i] = out.gravity[i];
-  logVec3(kLog.gravity, lastLogMode, dst);
+  for (int32_t i = 0; i < 3; ++i) dst[i] = out_.gravity[i];
+  logVec3(kLog.gravity, lastLogMode_, dst);
 }
 
 void RotationVectorFusion::copyLinearAcceleration(float* dst) const {
-  for (int32_t i = 0; i < 3; ++i) dst[i] = out.linear[i];
-  logVec3(kLog.linear, lastLogMode, dst);
+  for (int32_t i = 0; i < 3; ++i) dst[i] = out_.linear[i];
+  logVec3(kLog.linear, lastLogMode_, dst);
 }
 
 }  // namespace quelta

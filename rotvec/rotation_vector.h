@@ -42,8 +42,8 @@ class RotationVectorFusion {
 
   constexpr explicit RotationVectorFusion(
       RotationVectorOutputs outputs,
-      const RotationVectorSettings& withSettings = kDefaultRotationVectorSettings)
-      : out(outputs), settings(withSettings) {}
+      const RotationVectorSettings& settings = kDefaultRotationVectorSettings)
+      : out_(outputs), settings_(settings) {}
   RotationVectorFusion(const RotationVectorFusion&) = delete;
   RotationVectorFusion& operator=(const RotationVectorFusion&) = delete;
 
@@ -70,12 +70,12 @@ class RotationVectorFusion {
   void publish(const float* quat);
   bool holdsPrevious(const float* quat) const;
 
-  RotationVectorOutputs out;
-  RotationVectorSettings settings;
-  int32_t lastLogMode = 0;
-  Ring<SensorPair, kSampleWindow> samples;
-  Ring<SensorPair, kMeanWindow> means;
-  float quatPrev[4] = {1.0f, 0.0f, 0.0f, 0.0f};  // last published, w, x, y, z
+  RotationVectorOutputs out_;
+  RotationVectorSettings settings_;
+  int32_t lastLogMode_ = 0;
+  Ring<SensorPair, kSampleWindow> samples_;
+  Ring<SensorPair, kMeanWindow> means_;
+  float quatPrev_[4] = {1.0f, 0.0f, 0.0f, 0.0f};  // last published, w, x, y, z
 };
 
 // An instance that owns its outputs and threshold, for hosts fusing more than

@@ -37,8 +37,8 @@ void FieldRateEstimator::rate(const DataBuffer& buf, float* out, float dt) {
   const float phi = static_cast<float>(angleBetween(d1, d2));
   if (static_cast<double>(phi) < kSmallTurnRad) {
     out[0] = out[1] = out[2] = 0.0f;
-    previousAxis = {};
-    previousAxisValid = 1;
+    previousAxis_ = {};
+    previousAxisValid_ = 1;
     return;
   }
 
@@ -46,14 +46,14 @@ void FieldRateEstimator::rate(const DataBuffer& buf, float* out, float dt) {
   // short to normalise is kept as it is.
   Vec3f axis = normalizedIfAtLeast(cross(d1, d2), kMinAxisNorm);
 
-  if (previousAxisValid != 0) {
+  if (previousAxisValid_ != 0) {
     // NaN (a zero previous axis) never counts as a jump.
-    const float beta = static_cast<float>(angleBetween(axis, previousAxis));
-    if (axisHoldCount < kMaxAxisHolds && static_cast<double>(beta) > kAxisJumpRad) {
-      axis = previousAxis;
-      axisHoldCount = axisHoldCount + 1;
+    const float beta = static_cast<float>(angleBetween(axis, previousAxis_));
+    if (axisHoldCount_ < kMaxAxisHolds && static_cast<double>(beta) > kAxisJumpRad) {
+      axis = previousAxis_;
+      axisHoldCount_ = axisHoldCount_ + 1;
     } else {
-      axisHoldCount = 0;
+      axisHoldCount_ = 0;
     }
   }
 
@@ -64,8 +64,8 @@ void FieldRateEstimator::rate(const DataBuffer& buf, float* out, float dt) {
   const float theta = static_cast<float>(angleBetween(s0 - alongAxis, s1 - alongAxis));
 
   ((axis * theta) / dt).store(out);
-  previousAxis = axis;
-  previousAxisValid = 1;
+  previousAxis_ = axis;
+  previousAxisValid_ = 1;
 }
 
 }  // namespace quelta

@@ -19,9 +19,9 @@ class FieldRateEstimator {
   void rate(const DataBuffer& buf, float* out, float dt);
 
  private:
-  Vec3f previousAxis;             // unit axis of the previous call, zero after no turn
-  uint8_t previousAxisValid = 0;  // previousAxis has been written
-  int32_t axisHoldCount = 0;      // consecutive calls that kept the previous axis
+  Vec3f previousAxis_;             // unit axis of the previous call, zero after no turn
+  uint8_t previousAxisValid_ = 0;  // previousAxis_ has been written
+  int32_t axisHoldCount_ = 0;      // consecutive calls that kept the previous axis
 };
 
 }  // namespace quelta

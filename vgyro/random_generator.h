@@ -14,8 +14,8 @@ class RandomGenerator {
   float next(int32_t seed, int32_t reseed);
 
  private:
-  int32_t state = 1;    // 1 .. 2147483646 once seeded
-  uint8_t seeded = 0;   // state has been seeded
+  int32_t state_ = 1;    // 1 .. 2147483646 once seeded
+  uint8_t seeded_ = 0;   // state_ has been seeded
 };
 
 }  // namespace quelta

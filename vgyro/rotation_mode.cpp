@@ -12,29 +12,29 @@ constexpr int32_t kStillRun = 20;
 }  // namespace
 
 uint8_t RotationModeDetector::update(const float* w, int32_t restart, float dt) {
-  auto clearAngle = [this] { angleSum[0] = angleSum[1] = angleSum[2] = 0.0f; };
+  auto clearAngle = [this] { angleSum_[0] = angleSum_[1] = angleSum_[2] = 0.0f; };
   if (restart != 0) {
-    moveCount = 0;
-    stillCount = 0;
-    rotating = 0;
+    moveCount_ = 0;
+    stillCount_ = 0;
+    rotating_ = 0;
     clearAngle();
   }
 
   bool triggered = false;
   for (int i = 0; i < 3; ++i) {
-    angleSum[i] = angleSum[i] + w[i] * dt;
+    angleSum_[i] = angleSum_[i] + w[i] * dt;
   }
   for (int i = 0; i < 3; ++i) {
     // A sum that is not a number never triggers.
-    if (angleSum[i] >= kAngleTriggerRad || angleSum[i] <= -kAngleTriggerRad) triggered = true;
+    if (angleSum_[i] >= kAngleTriggerRad || angleSum_[i] <= -kAngleTriggerRad) triggered = true;
   }
   if (triggered) {
-    moveCount = 0;
-    stillCount = 0;
+    moveCount_ = 0;
+    stillCount_ = 0;
     clearAngle();
-    if (rotating == 0) {
-      rotating = 1;
-      return rotating;
+    if (rotating_ == 0) {
+      rotating_ = 1;
+      return rotating_;
     }
   }
 
@@ -43,25 +43,25 @@ uint8_t RotationModeDetector::update(const float* w, int32_t restart, float dt) 
     if (static_cast<double>(std::fabs(w[i])) > kMovingRate) moving = true;
   }
   if (moving) {
-    const int32_t run = moveCount;
-    moveCount = run + 1;
-    stillCount = 0;
+    const int32_t run = moveCount_;
+    moveCount_ = run + 1;
+    stillCount_ = 0;
     if (run >= kMovingRun - 1) {
-      moveCount = 0;
+      moveCount_ = 0;
       clearAngle();
-      rotating = 1;
+      rotating_ = 1;
     }
   } else {
-    const int32_t run = stillCount;
-    stillCount = run + 1;
-    moveCount = 0;
+    const int32_t run = stillCount_;
+    stillCount_ = run + 1;
+    moveCount_ = 0;
     if (run >= kStillRun - 1) {
-      stillCount = 0;
+      stillCount_ = 0;
       clearAngle();
-      rotating = 0;
+      rotating_ = 0;
     }
   }
-  return rotating;
+  return rotating_;
 }
 
 }  // namespace quelta

@@ -14,10 +14,10 @@ class RotationModeDetector {
   uint8_t update(const float* w, int32_t restart, float dt);
 
  private:
-  int32_t moveCount = 0;                    // consecutive moving samples
-  int32_t stillCount = 0;                   // consecutive still samples
-  uint8_t rotating = 0;                     // the mode: 0 still, 1 rotating
-  float angleSum[3] = {0.0f, 0.0f, 0.0f};   // rad per axis since the last decision
+  int32_t moveCount_ = 0;                    // consecutive moving samples
+  int32_t stillCount_ = 0;                   // consecutive still samples
+  uint8_t rotating_ = 0;                     // the mode: 0 still, 1 rotating
+  float angleSum_[3] = {0.0f, 0.0f, 0.0f};   // rad per axis since the last decision
 };
 
 }  // namespace quelta

@@ -89,10 +89,10 @@ void VirtualGyro::process(const float* mag, const float* acc, int32_t restartReq
 
   const Quatf q = attitudeOfSmoothedSamples();
   const Quatf r = rotationSincePrevious(q);
-  attitudeOut[0] = q.x;
-  attitudeOut[1] = q.y;
-  attitudeOut[2] = q.z;
-  attitudeOut[3] = q.w;
+  attitudeOut_[0] = q.x;
+  attitudeOut_[1] = q.y;
+  attitudeOut_[2] = q.z;
+  attitudeOut_[3] = q.w;
 
   float attitudeRate[3];
   rateFromRotation(r, ts, restartThisCall, attitudeRate);
@@ -103,32 +103,32 @@ void VirtualGyro::process(const float* mag, const float* acc, int32_t restartReq
   applyStartupErrorPeriod(w, logMode);
 
   // A restarting call restarts the detector too.
-  const uint8_t mode = parts.rotationMode->update(w, restart, ts);
+  const uint8_t mode = parts_.rotationMode->update(w, restart, ts);
   smoothRate(w);
   publishRate(mode, w, ts, logMode);
 
-  previousAttitude = q;
-  previousInterval = ts;
+  previousAttitude_ = q;
+  previousInterval_ = ts;
 }
 
 // First call, a pending not-a-number restart or a host request: empty the
 // buffers and close the start-up error period. The attitude memory, the
 // outputs, the field-axis memory and the generator carry on.
 bool VirtualGyro::decideRestart(int32_t& restart) {
-  if (buffersReady == 0) {
-    createBuffers(parts.buffers);
-    buffersReady = 1;
+  if (buffersReady_ == 0) {
+    createBuffers(parts_.buffers);
+    buffersReady_ = 1;
     restart = 1;
-    nanRestart = 0;
-  } else if (nanRestart != 0) {
+    nanRestart_ = 0;
+  } else if (nanRestart_ != 0) {
     restart = 1;
-    nanRestart = 0;
+    nanRestart_ = 0;
   } else if (restart == 0) {
     return false;
   }
-  clearBuffers(parts.buffers);
-  startupErrorCalls = 0;
-  startupErrorOpen = 0;
+  clearBuffers(parts_.buffers);
+  startupErrorCalls_ = 0;
+  startupErrorOpen_ = 0;
   return true;
 }
 
@@ -136,7 +136,7 @@ bool VirtualGyro::decideRestart(int32_t& restart) {
 // interval is kept (and later switches the compensation off).
 float VirtualGyro::checkInterval(float ts, int32_t restart, int32_t logMode) const {
   if (!(static_cast<double>(ts) < kMinInterval)) return ts;
-  const float replaced = previousInterval;
+  const float replaced = previousInterval_;
   if (logWanted(kLog.badInterval, logMode)) {
     logLine(kLog.badInterval, logMode, restart, truncToInt32(replaced * 10000.0f));
   }
@@ -149,25 +149,25 @@ void VirtualGyro::checkInputs(const float* mag, const float* acc, int32_t logMod
   const float accNorm = norm(Vec3f::load(acc));
   const float magNorm = norm(Vec3f::load(mag));
   if (logWanted(kLog.inputNorms, logMode)) {
-    logLine(kLog.inputNorms, logMode, truncToInt32(accNorm), truncToInt32(magNorm), startupErrorCalls,
-            static_cast<int32_t>(startupErrorOpen));
+    logLine(kLog.inputNorms, logMode, truncToInt32(accNorm), truncToInt32(magNorm), startupErrorCalls_,
+            static_cast<int32_t>(startupErrorOpen_));
   }
   if (static_cast<double>(accNorm) < kMinInputNorm || static_cast<double>(magNorm) < kMinInputNorm) {
-    startupErrorOpen = 1;
+    startupErrorOpen_ = 1;
     if (logWanted(kLog.badAcceleration, logMode)) {
       logLine(kLog.badAcceleration, logMode, milliUnits(acc[0]), milliUnits(acc[1]),
               milliUnits(acc[2]), 1);
       logLine(kLog.badField, logMode, milliUnits(mag[0]), milliUnits(mag[1]), milliUnits(mag[2]));
     }
   }
-  if (startupErrorOpen == 1) startupErrorCalls = startupErrorCalls + 1;
+  if (startupErrorOpen_ == 1) startupErrorCalls_ = startupErrorCalls_ + 1;
 }
 
 // Median of 3, then the two-tap low-pass, then the mean of 3, for both inputs.
 void VirtualGyro::smoothInputs(const float* mag, const float* acc) {
   using namespace pipeline;
-  const GyroBuffers& b = parts.buffers;
-  const TwoTapLowPass& f = settings.inputFilter;
+  const GyroBuffers& b = parts_.buffers;
+  const TwoTapLowPass& f = settings_.inputFilter;
   put<kRawLen>(*b.magRaw.record, mag);
   put<kRawLen>(*b.accRaw.record, acc);
   medianOf3<kRawLen, kMedianLen>(*b.magRaw.record, *b.magMed.record);
@@ -181,8 +181,8 @@ void VirtualGyro::smoothInputs(const float* mag, const float* acc) {
 // Zero when the smoothed pair cannot give an attitude.
 Quatf VirtualGyro::attitudeOfSmoothedSamples() const {
   float magM[3] = {}, accM[3] = {};  // (a record the host re-bound may hold fewer axes)
-  pipeline::getNewest<kMeanLen>(*parts.buffers.magMean.record, magM);
-  pipeline::getNewest<kMeanLen>(*parts.buffers.accMean.record, accM);
+  pipeline::getNewest<kMeanLen>(*parts_.buffers.magMean.record, magM);
+  pipeline::getNewest<kMeanLen>(*parts_.buffers.accMean.record, accM);
   float cn2b[9];
   cn2bByCrossProducts(magM, accM, cn2b);
   Quatf q{0.0f, 0.0f, 0.0f, 0.0f};
@@ -192,7 +192,7 @@ Quatf VirtualGyro::attitudeOfSmoothedSamples() const {
 
 // conj(previous) * q, as a unit quaternion with w >= 0.
 Quatf VirtualGyro::rotationSincePrevious(const Quatf& q) const {
-  Quatf r = conj(previousAttitude) * q;
+  Quatf r = conj(previousAttitude_) * q;
   normalizePositiveW(r, 1e-10);
   return r;
 }
@@ -214,15 +214,15 @@ void VirtualGyro::rateFromRotation(const Quatf& r, float ts, bool restartThisCal
 // Needs three smoothed field samples, from the third call after a restart on.
 void VirtualGyro::fieldOnlyRate(float ts, float* fieldRate) {
   fieldRate[0] = fieldRate[1] = fieldRate[2] = 0.0f;
-  const DataBuffer& magMean = *parts.buffers.magMean.record;
-  if (magMean.count >= 3) parts.fieldRate->rate(magMean, fieldRate, ts);
+  const DataBuffer& magMean = *parts_.buffers.magMean.record;
+  if (magMean.count >= 3) parts_.fieldRate->rate(magMean, fieldRate, ts);
 }
 
 // For 49 calls after the first invalid input the rate is replaced by a tiny
 // constant; at the 50th the period ends until the next restart.
 void VirtualGyro::applyStartupErrorPeriod(float* w, int32_t logMode) {
-  if (startupErrorCalls <= kStartupErrorCalls && startupErrorOpen != 0) {
-    const float* rate = settings.startupErrorRate;
+  if (startupErrorCalls_ <= kStartupErrorCalls && startupErrorOpen_ != 0) {
+    const float* rate = settings_.startupErrorRate;
     w[0] = rate[0];
     w[1] = rate[1];
     w[2] = rate[2];
@@ -231,18 +231,18 @@ void VirtualGyro::applyStartupErrorPeriod(float* w, int32_t logMode) {
               microUnits(rate[2]));
     }
   }
-  if (startupErrorCalls >= kStartupErrorEnd) {
-    logLine(kLog.startupErrorEnd, logMode, startupErrorCalls,
-            static_cast<int32_t>(startupErrorOpen));
-    startupErrorCalls = kStartupErrorParked;
-    startupErrorOpen = 0;
+  if (startupErrorCalls_ >= kStartupErrorEnd) {
+    logLine(kLog.startupErrorEnd, logMode, startupErrorCalls_,
+            static_cast<int32_t>(startupErrorOpen_));
+    startupErrorCalls_ = kStartupErrorParked;
+    startupErrorOpen_ = 0;
   }
 }
 
 void VirtualGyro::smoothRate(float* w) {
   using namespace pipeline;
-  const GyroBuffers& b = parts.buffers;
-  const TwoTapLowPass& f = settings.rateFilter;
+  const GyroBuffers& b = parts_.buffers;
+  const TwoTapLowPass& f = settings_.rateFilter;
   put<kRateRawLen>(*b.wRaw.record, w);
   lowPass2<kRateRawLen, kRateFilterLen>(*b.wRaw.record, *b.wFilter.record, f.b, f.a);
   getNewest<kRateFilterLen>(*b.wFilter.record, w);
@@ -250,15 +250,15 @@ void VirtualGyro::smoothRate(float* w) {
 
 void VirtualGyro::publishRate(uint8_t mode, float* w, float ts, int32_t logMode) {
   if (mode == 0) {
-    for (int i = 0; i < 3; ++i) rateOut[i] = parts.random->next(1, 0) / kStillNoiseDivisor;
+    for (int i = 0; i < 3; ++i) rateOut_[i] = parts_.random->next(1, 0) / kStillNoiseDivisor;
     return;
   }
-  if (std::isnan(w[0]) || std::isnan(w[1]) || std::isnan(w[2])) nanRestart = 1;
+  if (std::isnan(w[0]) || std::isnan(w[1]) || std::isnan(w[2])) nanRestart_ = 1;
 
   const double interval = static_cast<double>(ts);
   if (interval >= kMinCompensatedInterval && interval <= kMaxCompensatedInterval) {
     // The compensation undoes the input filter's amplitude loss.
-    const TwoTapLowPass& f = settings.inputFilter;
+    const TwoTapLowPass& f = settings_.inputFilter;
     float gain[3] = {1.0f, 1.0f, 1.0f};
     filterCompensation(gain, w, f.b, f.a, 2, 2, ts);
     // Past the cut-off (or NaN) the gain is not trusted on any axis.
@@ -270,17 +270,17 @@ void VirtualGyro::publishRate(uint8_t mode, float* w, float ts, int32_t logMode)
       for (int i = 0; i < 3; ++i) w[i] = w[i] * gain[i];
     }
   }
-  for (int i = 0; i < 3; ++i) rateOut[i] = w[i];
+  for (int i = 0; i < 3; ++i) rateOut_[i] = w[i];
   logLine(kLog.output, logMode, static_cast<double>(w[0]), static_cast<double>(w[1]),
           static_cast<double>(w[2]));
 }
 
 void VirtualGyro::copyRate(float* out) const {
-  for (int i = 0; i < 3; ++i) out[i] = rateOut[i];
+  for (int i = 0; i < 3; ++i) out[i] = rateOut_[i];
 }
 
 void VirtualGyro::copyAttitude(float* out) const {
-  for (int i = 0; i < 4; ++i) out[i] = attitudeOut[i];
+  for (int i = 0; i < 4; ++i) out[i] = attitudeOut_[i];
 }
 
 }  // namespace quelta

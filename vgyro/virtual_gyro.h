@@ -57,9 +57,9 @@ void selectRate(const float* attitudeRate, const float* fieldRate, float* w);
 
 class VirtualGyro {
  public:
-  constexpr explicit VirtualGyro(const GyroParts& withParts,
-                                 const VirtualGyroSettings& withSettings = kDefaultVirtualGyroSettings)
-      : parts(withParts), settings(withSettings) {}
+  constexpr explicit VirtualGyro(const GyroParts& parts,
+                                 const VirtualGyroSettings& settings = kDefaultVirtualGyroSettings)
+      : parts_(parts), settings_(settings) {}
 
   // One sample set: field and acceleration (only directions matter), restart
   // request, log mode (1 all lines, 0 error lines only, else none), interval
@@ -84,16 +84,16 @@ class VirtualGyro {
   void smoothRate(float* w);
   void publishRate(uint8_t mode, float* w, float ts, int32_t logMode);
 
-  GyroParts parts;
-  VirtualGyroSettings settings;
-  uint8_t buffersReady = 0;    // buffers have been set up
-  uint8_t nanRestart = 0;      // a not-a-number rate was published: restart next call
-  int32_t startupErrorCalls = 0;  // calls since the first invalid input after a restart
-  uint8_t startupErrorOpen = 0;   // the start-up error period is open
-  Quatf previousAttitude;         // w, x, y, z of the previous call
-  float previousInterval = 0.01f;                // s
-  float attitudeOut[4] = {0.0f, 0.0f, 0.0f, 0.0f};  // x, y, z, w
-  float rateOut[3] = {0.0f, 0.0f, 0.0f};            // rad/s
+  GyroParts parts_;
+  VirtualGyroSettings settings_;
+  uint8_t buffersReady_ = 0;    // buffers have been set up
+  uint8_t nanRestart_ = 0;      // a not-a-number rate was published: restart next call
+  int32_t startupErrorCalls_ = 0;  // calls since the first invalid input after a restart
+  uint8_t startupErrorOpen_ = 0;   // the start-up error period is open
+  Quatf previousAttitude_;         // w, x, y, z of the previous call
+  float previousInterval_ = 0.01f;                // s
+  float attitudeOut_[4] = {0.0f, 0.0f, 0.0f, 0.0f};  // x, y, z, w
+  float rateOut_[3] = {0.0f, 0.0f, 0.0f};            // rad/s
 };
 
 // A pipeline with its own buffers, detector, axis memory and generator, for
