@@ -41,3 +41,13 @@ if(NOT QUELTA_INSTRUMENTED)
 endif()
 set_property(TARGET quelta APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/quelta/api/libquelta.map)
 target_link_libraries(quelta PRIVATE m)
+
+# The World Magnetic Model's coefficients are compiled into the library; the
+# published files and their public-domain notice go with it.
+if(QUELTA_INSTALL)
+  install(FILES
+    ${PROJECT_SOURCE_DIR}/data/wmm/README.md
+    ${PROJECT_SOURCE_DIR}/data/wmm/WMM2025.COF
+    ${PROJECT_SOURCE_DIR}/data/wmm/WMM2025_TEST_VALUES.txt
+    DESTINATION share/quelta/wmm)
+endif()

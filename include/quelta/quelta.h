@@ -7,6 +7,7 @@
 #define QUELTA_QUELTA_H
 
 #include "quelta/quelta_export.h"
+#include "quelta/quelta_geomag.h"
 
 #define QUELTA_VERSION_MAJOR 0
 #define QUELTA_VERSION_MINOR 1
