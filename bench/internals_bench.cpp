@@ -13,7 +13,7 @@ namespace {
 
 // A full pool as the calibration gathers it: 32 samples spread over the
 // field sphere about the simulated hard-iron offset, with sensor noise.
-void fillPool(float (&pool)[kCalPoolCapacity][3], int n) {
+void fillPool(CalibrationPool::Samples& pool, int n) {
   sim::Device device;
   sim::Random noise(7);
   for (int i = 0; i < n; ++i) {
@@ -30,13 +30,13 @@ double fastest(const std::vector<double>& v) { return *std::min_element(v.begin(
 
 void BM_SphereFit32(benchmark::State& state) {
   constexpr int kSamples = 32;
-  float pool[kCalPoolCapacity][3] = {};
+  CalibrationPool::Samples pool = {};
   fillPool(pool, kSamples);
   int32_t accepted = 0;
   for (auto _ : state) {
     benchmark::DoNotOptimize(pool);
-    const SpherePara fit = SphereFit(pool, kSamples, 0.85f, 1.15f, 2);
-    accepted = fit.iMagCalisOK;
+    const SphereFitResult fit = fitSphere(pool, kSamples, 0.85f, 1.15f, 2);
+    accepted = fit.accepted ? 1 : 0;
     benchmark::DoNotOptimize(fit);
   }
   state.counters["fits/s"] =

@@ -4,6 +4,7 @@
 file(GLOB QUELTA_SOURCES CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/core/*.cpp
   ${PROJECT_SOURCE_DIR}/interface/*.cpp
+  ${PROJECT_SOURCE_DIR}/intake/*.cpp
   ${PROJECT_SOURCE_DIR}/magcal/*.cpp
   ${PROJECT_SOURCE_DIR}/orientation/*.cpp
   ${PROJECT_SOURCE_DIR}/vgyro/*.cpp

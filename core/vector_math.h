@@ -1,9 +1,13 @@
-// Small single-precision vector routines. Sums run from 0 in index order;
-// the order is part of the result, so keep it.
+// The n-element single-precision routines behind the exported norm2, dot,
+// vecNormalize, sort and mean. Sums run from 0 in index order; the order is
+// part of the result, so keep it. (A sum started from +0 turns a leading -0
+// product into +0: for three-vectors prefer the Vec3 helpers, core/vec3.h.)
 #pragma once
 
 #include <cmath>
 #include <cstdint>
+
+#include "core/vec3.h"
 
 namespace quelta {
 
@@ -18,30 +22,15 @@ inline float norm2(const float* v, int32_t n) {
   return std::sqrt(sumOfSquares(v, n));
 }
 
-// |v| of a 3-vector as ((x^2 + y^2) + z^2), the norm used across the fusion code.
-inline float norm3(const float* v) { return std::sqrt((v[0] * v[0] + v[1] * v[1]) + v[2] * v[2]); }
-
-// v / max(|v|, 1e-7) for a 3-vector: the floor keeps an all-zero vector
-// finite, and a NaN norm stays NaN (so no fmaxf).
+// normalizedFloored(v, 1e-7) on a float[3] (core/vec3.h).
 inline void normalizeFloored3(const float* v, float* out) {
-  const float n = norm3(v);
-  const float d = n < 1e-7f ? 1e-7f : n;
-  out[0] = v[0] / d;
-  out[1] = v[1] / d;
-  out[2] = v[2] / d;
+  normalizedFloored(Vec3f::load(v), 1e-7f).store(out);
 }
 
 inline float dot(const float* a, const float* b, int32_t n) {
   float sum = 0.0f;
   for (int32_t i = 0; i < n; ++i) sum = sum + a[i] * b[i];
   return sum;
-}
-
-// out must not overlap a or b.
-inline void cross(const float* a, const float* b, float* out) {
-  out[0] = a[1] * b[2] - a[2] * b[1];
-  out[1] = a[2] * b[0] - a[0] * b[2];
-  out[2] = a[0] * b[1] - a[1] * b[0];
 }
 
 // Leaves out untouched for n < 1 or a norm below 1e-10 (compared in double).

@@ -16,8 +16,7 @@
 #include "QueltaAlgo.h"
 #include "fuzz/fuzz_input.h"
 #include "fuzz/fuzz_log.h"
-#include "magcal/calibrator.h"
-#include "orientation/orientation.h"
+#include "interface/compass.h"
 #include "tools/sim/device_sim.h"
 
 namespace {
@@ -30,8 +29,7 @@ constexpr int32_t kSampleSetBudget = 160;
 int32_t gSampleSetsLeft = 0;
 
 void freshLibrary() {
-  quelta::defaultCalibrator() = quelta::Calibrator{};
-  quelta::defaultOrientation() = quelta::Orientation{};
+  quelta::defaultCompass() = quelta::Compass{};
   RegisterLogCallback(nullptr);
 }
 

@@ -1,7 +1,8 @@
-// The rotation vector through its exported functions and objects: arbitrary
+// The rotation vector on an instance of its own (the exported functions are
+// one-line forwards to the same class): arbitrary
 // samples, log modes and hold thresholds, runs of steady or turning samples
 // that carry it through both moving-mean stages, and GetCn2bAcc on its own.
-// Every input starts from the state of a freshly loaded library.
+// Every input starts from a fresh instance.
 //
 // Besides memory safety it checks the recovery the fusion promises: once the
 // last 35 calls have all had finite inputs of sane size (|v| <= 1e18, so sums
@@ -11,7 +12,6 @@
 // six means for 5 more; nothing may keep it longer.
 #include <cmath>
 #include <cstdint>
-#include <new>
 
 #include "QueltaAlgo.h"
 #include "fuzz/fuzz_input.h"
@@ -28,37 +28,25 @@ constexpr int32_t kRecoveryCalls = 35;
 // executions fast.
 constexpr int32_t kCallBudget = 200;
 
-// Back to the state at load: the process-wide fusion, its exported objects
-// and the callback.
-void freshLibrary() {
-  new (&quelta::defaultRotationVector())
-      quelta::RotationVectorFusion(quelta::RotationVectorOutputs{fOutRov, fGravityAcc, fLinearAcc,
-                                                                 &movethd});
-  for (float& v : fOutRov) v = 0.0f;
-  for (float& v : fGravityAcc) v = 0.0f;
-  for (float& v : fLinearAcc) v = 0.0f;
-  movethd = 0.005f;
-  RegisterLogCallback(nullptr);
-}
-
 struct Run {
+  quelta::OwnedRotationVector& rv;
   int32_t tameCalls = 0;  // consecutive calls with tame inputs, this one included
   int32_t callsLeft = kCallBudget;
 
   void call(const float* mag, const float* acc, int32_t logMode) {
     if (callsLeft <= 0) return;
     --callsLeft;
-    CalcQueltaRotVec(mag, acc, logMode);
+    rv.fusion.update(mag, acc, logMode);
     const bool tame = quelta::fuzz::tame(mag, 3) && quelta::fuzz::tame(acc, 3);
     tameCalls = tame ? tameCalls + 1 : 0;
     if (tameCalls >= kRecoveryCalls) checkRecovered();
   }
 
-  static void checkRecovered() {
+  void checkRecovered() const {
     float rov[4], gravity[3], linear[3];
-    GetCalRov(rov);
-    GetQueltaGravityAcc(gravity);
-    GetQueltaLinearAcc(linear);
+    rv.fusion.copyRotationVector(rov);
+    rv.fusion.copyGravity(gravity);
+    rv.fusion.copyLinearAcceleration(linear);
     FUZZ_CHECK(quelta::fuzz::allFinite(rov, 4));
     FUZZ_CHECK(quelta::fuzz::allFinite(gravity, 3));
     FUZZ_CHECK(quelta::fuzz::allFinite(linear, 3));
@@ -98,9 +86,10 @@ void turningRun(FuzzInput& in, Run& run) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  freshLibrary();
+  RegisterLogCallback(nullptr);
+  quelta::OwnedRotationVector rv;
   FuzzInput in(data, size);
-  Run run;
+  Run run{rv};
   while (!in.exhausted() && run.callsLeft > 0) {
     switch (in.byte() % 6) {
       case 0: {
@@ -120,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         break;
       }
       case 2: turningRun(in, run); break;
-      case 3: movethd = in.value(); break;
+      case 3: rv.moveThreshold = in.value(); break;
       case 4: {
         float dir[8], cn2b[9];
         in.values(dir, 8);
@@ -133,8 +122,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   float out[4];
-  GetCalRov(out);
-  GetQueltaGravityAcc(out);
-  GetQueltaLinearAcc(out);
+  rv.fusion.copyRotationVector(out);
+  rv.fusion.copyGravity(out);
+  rv.fusion.copyLinearAcceleration(out);
   return 0;
 }

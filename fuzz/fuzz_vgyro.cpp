@@ -43,8 +43,8 @@ struct Pipelines {
     own.gyro.process(mag, acc, restart, mode, ts);
     CalcQueltaGyro(mag, acc, restart, mode, ts);
     float rate[3], quat[4];
-    own.gyro.calGyr(rate);
-    own.gyro.rotVecInVG(quat);
+    own.gyro.copyRate(rate);
+    own.gyro.copyAttitude(quat);
     GetCalGyr(rate);
     GetRotVec_InVG(quat);
   }

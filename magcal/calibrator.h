@@ -1,70 +1,78 @@
-// The hard-iron calibrator: configuration, histories, pool and results of one
-// magnetometer. The exported C functions act on defaultCalibrator(); tests and
-// hosts with several magnetometers can create their own instances.
+// The hard-iron calibrator of one magnetometer: reads the shared sample
+// intake, keeps its pool and its result (offset, radius, accuracy) and
+// watches for saturation and for a calibration gone stale.
 #pragma once
 
 #include <cstdint>
 
-#include "magcal/calibration_state.h"
+#include "intake/sample_intake.h"
+#include "magcal/calibration_pool.h"
+#include "magcal/calibration_settings.h"
 #include "magcal/sphere_fit.h"
 
 namespace quelta {
 
 class Calibrator {
  public:
-  CalibrationState state;
+  // AlgoInitial: the settings replace the ones in force; a stored
+  // calibration other than "none" is adopted as a full one (accuracy 3),
+  // "none" drops the accuracy to 0 and keeps the rest.
+  void configure(const CalibrationSettings& settings, const StoredCalibration& stored);
 
-  // AlgoInitial without the callback registration (the callback is
-  // process-wide; the C layer registers it first).
-  int32_t initial(const float* paraAxis, const float* paraInit, const float* paraPool,
-                  const float* paraThd, const int32_t* paraC);
+  // MainAlgorithmProcess, after the intake took the sample set.
+  void process(const SampleIntake& intake, int32_t restart, int32_t logMode);
 
-  // MainAlgorithmProcess.
-  int32_t process(const float* acc, const float* mag, const float* satMag, int32_t iReStart,
-                  int32_t iCalLogMode);
+  // GetCalMag: the intake's latest field minus the offset in force. GetRawMag
+  // and the orientation read lastCalibratedField(), so they see the field as
+  // of the last call of this one. Returns the pool count.
+  int32_t calibrateLatestField(const SampleIntake& intake, float* out);
+  Vec3f lastCalibratedField() const { return lastCalibratedField_; }
 
-  // Result accessors (GetCalMag, GetRawMag, GetOffset, GetCalPara,
-  // GetMagAccuracy, GetMagSaturation).
-  int32_t calMag(float* out);
-  void rawMag(float* out) const;
-  int32_t offset(float* out) const;
-  int32_t calPara(float* out);
-  int32_t accuracy() const { return state.iMagAccuracy; }
-  int32_t saturation();
+  // GetCalPara's calibration part: offset and radius; returns 1 once after
+  // each adopted full fit, 0 otherwise.
+  int32_t takeParameters(float* offset, float* radius);
+  // GetMagSaturation: 1 once after each detected saturation.
+  int32_t takeSaturation();
+
+  const CalibrationSettings& settings() const { return settings_; }
+  Vec3f offset() const { return offset_; }
+  float radius() const { return radius_; }
+  // The calibration every failure falls back to.
+  Vec3f savedOffset() const { return savedOffset_; }
+  float savedRadius() const { return savedRadius_; }
+  int32_t accuracy() const { return accuracy_; }
+  const CalibrationPool& pool() const { return pool_; }
 
  private:
-  // Outcome of comparing the current sample with the pooled ones.
-  struct PoolScan {
-    enum Verdict { kAdmitted, kTooClose, kTooFar } verdict;
-    int32_t index;   // pooled sample that failed (kTooClose, kTooFar)
-    float distance;  // its distance from the current sample
-  };
-
-  // Sample intake: axis mapping and the 30-sample histories. Returns true
-  // when the histories were already full and the oldest entry dropped out.
-  bool intake(const float* acc, const float* mag, const float* satMag);
-  void updateVariances(float probeVariance[3]);
-  void watchSaturation(const float probeVariance[3]);
+  void watchSaturation(Vec3f accVariance, Vec3f probeVariance);
   // Returns true when the accuracy was downgraded on this sample.
-  bool watchQuality();
-  // Keeps a full calibration (accuracy 3) fresh with a pool of its own.
-  void refine();
-
-  // The pool step for accuracy 0 to 2 and its phases.
-  void CalBufferUpdate();
-  void poolEarly();
-  void poolLate();
-  void poolFull();
-  void appendToPool(int32_t position);
-  PoolScan scanPool(int32_t count) const;
-  int32_t fullPoolCount() const;
-
-  SpherePara SphereFit(int32_t n) const;
-  void adoptFullFit(const SpherePara& fit);
+  bool watchOffSphere(const SampleIntake& intake);
+  void poolStep(Vec3f field);
+  void partialFit(int32_t n);
+  void fullFit();
+  void refit();
+  SphereFitResult fitPool(int32_t n) const;
+  void adoptFullFit(const SphereFitResult& fit);
   void restoreSaved();
-};
 
-// The process-wide instance behind the C interface.
-Calibrator& defaultCalibrator();
+  CalibrationSettings settings_;
+
+  // Result, and the copy every failure falls back to.
+  Vec3f offset_;         // gauss
+  float radius_ = 0.5f;  // gauss
+  Vec3f savedOffset_;
+  float savedRadius_ = 0.5f;
+  int32_t accuracy_ = 0;        // 0 to 3
+  bool newParameters_ = false;  // a full fit since GetCalPara last read it
+
+  Vec3f lastCalibratedField_;  // gauss, written by calibrateLatestField only
+  int32_t logMode_ = 0;        // of the last MainAlgorithmProcess
+
+  int32_t frozenProbeCount_ = 0;  // moving samples in a row with a frozen probe axis
+  bool saturated_ = false;
+  int32_t offSphereCount_ = 0;  // samples in a row off the sphere in force
+
+  CalibrationPool pool_;
+};
 
 }  // namespace quelta

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "magcal/calibration_trace.h"
+#include "magcal/calibration_log.h"
 
 namespace quelta {
 
@@ -26,7 +26,7 @@ void swapColumns(double a[4][4], int32_t c1, int32_t c2) {
 
 }  // namespace
 
-bool MatInv(double a[4][4]) {
+bool invert4x4(double a[4][4]) {
   int32_t pivotRow[4] = {0, 0, 0, 0};
   int32_t pivotCol[4] = {0, 0, 0, 0};
   for (int32_t k = 0; k < 4; ++k) {
@@ -42,7 +42,7 @@ bool MatInv(double a[4][4]) {
       }
     }
     if (d + 1.0 == 1.0) {
-      logLine("MatInv Err******");
+      logLine(kCalibrationLog.singularMatrix, 0);
       return false;
     }
     if (pivotRow[k] != k) swapRows(a, k, pivotRow[k]);
@@ -71,20 +71,20 @@ bool MatInv(double a[4][4]) {
   return true;
 }
 
-SpherePara SphereFit(const float (&pool)[kCalPoolCapacity][3], int32_t n, float ratioLow,
-                     float ratioHigh, int32_t iCalLogMode) {
-  SpherePara result;
+SphereFitResult fitSphere(const CalibrationPool::Samples& pool, int32_t n, float ratioLow,
+                          float ratioHigh, int32_t logMode) {
+  SphereFitResult result;
 
   // Design rows (x, y, z, 1) and right-hand side -(x^2 + y^2 + z^2); the
   // squares are taken in single precision, as the samples are.
-  double design[kCalPoolCapacity][4];
-  double rhs[kCalPoolCapacity];
+  double design[CalibrationPool::kCapacity][4];
+  double rhs[CalibrationPool::kCapacity];
   for (int32_t i = 0; i < n; ++i) {
-    const float x = pool[i][0], y = pool[i][1], z = pool[i][2];
-    rhs[i] = static_cast<double>(-((x * x + y * y) + z * z));
-    design[i][0] = static_cast<double>(x);
-    design[i][1] = static_cast<double>(y);
-    design[i][2] = static_cast<double>(z);
+    const Vec3f p = Vec3f::load(pool[i]);
+    rhs[i] = static_cast<double>(-squaredNorm(p));
+    design[i][0] = static_cast<double>(p.x);
+    design[i][1] = static_cast<double>(p.y);
+    design[i][2] = static_cast<double>(p.z);
     design[i][3] = 1.0;
   }
 
@@ -97,7 +97,7 @@ SpherePara SphereFit(const float (&pool)[kCalPoolCapacity][3], int32_t n, float 
       normal[r][j] = sum;
     }
   }
-  if (!MatInv(normal)) return result;
+  if (!invert4x4(normal)) return result;
 
   double atb[4];
   for (int32_t r = 0; r < 4; ++r) {
@@ -112,38 +112,27 @@ SpherePara SphereFit(const float (&pool)[kCalPoolCapacity][3], int32_t n, float 
     coef[r] = sum;
   }
 
-  const float cx = static_cast<float>(-0.5 * coef[0]);
-  const float cy = static_cast<float>(-0.5 * coef[1]);
-  const float cz = static_cast<float>(-0.5 * coef[2]);
-  const float centreSq = (cx * cx + cy * cy) + cz * cz;
-  const float radius = static_cast<float>(std::sqrt(static_cast<double>(centreSq) - coef[3]));
-  result.dSphereOffset[0] = cx;
-  result.dSphereOffset[1] = cy;
-  result.dSphereOffset[2] = cz;
-  result.dSphereRadius = radius;
+  const Vec3f centre = {static_cast<float>(-0.5 * coef[0]), static_cast<float>(-0.5 * coef[1]),
+                        static_cast<float>(-0.5 * coef[2])};
+  const float radius =
+      static_cast<float>(std::sqrt(static_cast<double>(squaredNorm(centre)) - coef[3]));
+  result.offset = centre;
+  result.radius = radius;
 
   // A NaN radius fails here too.
-  if (!(radius > 0.2f && radius < 0.8f)) {
-    result.iMagCalisOK = 0;
-    return result;
-  }
+  if (!(radius > 0.2f && radius < 0.8f)) return result;
 
   // Every sample must lie near the fitted sphere.
-  result.iMagCalisOK = 1;
   for (int32_t i = 0; i < n; ++i) {
-    const float dx = pool[i][0] - cx;
-    const float dy = pool[i][1] - cy;
-    const float dz = pool[i][2] - cz;
-    const float distance = std::sqrt((dx * dx + dy * dy) + dz * dz);
+    const float distance = norm(Vec3f::load(pool[i]) - centre);
     const float ratio = distance / radius;
     if (ratio > ratioHigh || ratio < ratioLow) {
-      result.iMagCalisOK = 0;
-      traceLine(iCalLogMode, "queltagbp MCP cali failed!!! i=%d dDistance=%f dRadius=%f dRatio=%f\n",
-                i, static_cast<double>(distance), static_cast<double>(radius),
-                static_cast<double>(ratio));
+      logLine(kCalibrationLog.sampleOffSphere, logMode, i, static_cast<double>(distance),
+              static_cast<double>(radius), static_cast<double>(ratio));
       return result;
     }
   }
+  result.accepted = true;
   return result;
 }
 

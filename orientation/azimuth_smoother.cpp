@@ -21,12 +21,6 @@ constexpr float kHighGroupAbove = 300.0f;
 
 constexpr float kMinChordSquared = 1e-7f;
 
-int32_t clampLength(int32_t length, int32_t capacity) {
-  if (length < 1) return 1;
-  if (length > capacity) return capacity;
-  return length;
-}
-
 void unitPoint(float angleRad, float* p) {
   const double a = static_cast<double>(angleRad);
   p[0] = static_cast<float>(std::sin(a));
@@ -65,48 +59,30 @@ float AzimuthSmoother::smooth(float east, float north, int32_t medianLength, int
   float filtered[2];
   lowPass(east, north, filtered);
   const float median = medianStage(rawAzimuth(filtered));
-  return hold(sectorCorrection(meanStage(median), sectorEnds));
+  return hold(sectorCorrection(meanStage(median), sectorEnds_));
 }
 
-// Lengths are clamped to the windows' capacities (below 1 counts as 1). A
-// length that differs from the one in force empties that window, so a count
-// left by a longer window can never run past the buffer.
 void AzimuthSmoother::useWindowLengths(int32_t medianLength, int32_t meanLength) {
-  const int32_t n1 = clampLength(medianLength, kMedianCapacity);
-  if (n1 != iMedianLength) {
-    resetMedianWindow();
-    iMedianLength = n1;
-  }
-  const int32_t n2 = clampLength(meanLength, kMeanCapacity);
-  if (n2 != iMeanLength) {
-    resetMeanWindow();
-    iMeanLength = n2;
-  }
-}
-
-void AzimuthSmoother::resetMedianWindow() {
-  iAziMedCount = 0;
-  for (float& v : dAziMedBuf) v = 0.0f;
-}
-
-void AzimuthSmoother::resetMeanWindow() {
-  iAziMeanCount = 0;
-  for (float& v : dAziMeanBuf) v = 0.0f;
+  const int32_t n1 =
+      medianLength < 1 ? 1 : (medianLength > kMedianCapacity ? kMedianCapacity : medianLength);
+  if (n1 != azimuths_.length()) azimuths_.setLength(n1);
+  const int32_t n2 = meanLength < 1 ? 1 : (meanLength > kMeanCapacity ? kMeanCapacity : meanLength);
+  if (n2 != medians_.length()) medians_.setLength(n2);
 }
 
 void AzimuthSmoother::lowPass(float east, float north, float* filtered) {
-  if (!bAziLpfInit) {
-    dAziLpfOut[0] = dAziLpfIn[0] = filtered[0] = east;
-    dAziLpfOut[1] = dAziLpfIn[1] = filtered[1] = north;
-    bAziLpfInit = true;
+  if (!lowPassPrimed_) {
+    lowPassOut_[0] = lowPassIn_[0] = filtered[0] = east;
+    lowPassOut_[1] = lowPassIn_[1] = filtered[1] = north;
+    lowPassPrimed_ = true;
     return;
   }
-  filtered[0] = (kLpfGain * east + kLpfGain * dAziLpfIn[0]) + kLpfPole * dAziLpfOut[0];
-  filtered[1] = (kLpfGain * north + kLpfGain * dAziLpfIn[1]) + kLpfPole * dAziLpfOut[1];
-  dAziLpfIn[0] = east;
-  dAziLpfIn[1] = north;
-  dAziLpfOut[0] = filtered[0];
-  dAziLpfOut[1] = filtered[1];
+  filtered[0] = (kLpfGain * east + kLpfGain * lowPassIn_[0]) + kLpfPole * lowPassOut_[0];
+  filtered[1] = (kLpfGain * north + kLpfGain * lowPassIn_[1]) + kLpfPole * lowPassOut_[1];
+  lowPassIn_[0] = east;
+  lowPassIn_[1] = north;
+  lowPassOut_[0] = filtered[0];
+  lowPassOut_[1] = filtered[1];
 }
 
 // Clockwise from North towards East, in degrees.
@@ -116,21 +92,24 @@ float AzimuthSmoother::rawAzimuth(const float* filtered) {
   return wrapDegrees(rad * 180.0f / kPiF);
 }
 
-// Once full, the buffer drops its oldest entry before the window is copied,
-// so the window holds the newest azimuth twice. Until then the window also
-// sees the entries not yet written.
+// The median of a window as long as the ring: once the ring is full, its
+// entries but the oldest and then the newest again (the newest counts
+// twice); until then the entries held, the rest of the window 0.
 float AzimuthSmoother::medianStage(float azimuth) {
-  const int32_t length = iMedianLength;
-  const int32_t n = iAziMedCount;
-  dAziMedBuf[n] = azimuth;
-  if (n + 1 == length) {
-    for (int32_t j = 0; j < n; ++j) dAziMedBuf[j] = dAziMedBuf[j + 1];
-  } else {
-    iAziMedCount = n + 1;
+  azimuths_.push(azimuth);
+  const int32_t length = azimuths_.length();
+  float held[kMedianCapacity + 1];
+  int32_t j = 0;
+  azimuths_.forEachOldestFirst([&held, &j](float v) { held[j++] = v; });
+  if (!azimuths_.full()) {
+    for (; j < length; ++j) held[j] = 0.0f;
+    return medianAcrossNorth(held, length);
   }
+  held[length] = azimuth;
+  return medianAcrossNorth(held + 1, length);
+}
 
-  float window[kMedianCapacity] = {};
-  for (int32_t j = 0; j < length; ++j) window[j] = dAziMedBuf[j];
+float AzimuthSmoother::medianAcrossNorth(float* window, int32_t length) {
   bubbleSort(window, length);
   if (window[length - 1] - window[0] >= kStraddleSpan) {
     for (int32_t j = 0; j < length; ++j) {
@@ -141,40 +120,35 @@ float AzimuthSmoother::medianStage(float azimuth) {
   return wrapDegrees(window[(length - 1) / 2]);
 }
 
-// 0 until the window has filled; then the mean of the window with the smaller
+// 0 until the ring has filled; then the mean of its entries with the smaller
 // group on either side of North moved across it (the low group on a tie).
 float AzimuthSmoother::meanStage(float median) {
-  const int32_t length = iMeanLength;
-  const int32_t n = iAziMeanCount;
-  dAziMeanBuf[n] = median;
-  if (n + 1 != length) {
-    iAziMeanCount = n + 1;
-    return 0.0f;
-  }
+  medians_.push(median);
+  if (!medians_.full()) return 0.0f;
+  return meanAcrossNorth(medians_);
+}
 
-  float window[kMeanCapacity] = {};
+float AzimuthSmoother::meanAcrossNorth(const MeanWindow& window) {
+  float values[kMeanCapacity];
+  int32_t n = 0;
   int32_t nLow = 0;
   int32_t nHigh = 0;
-  for (int32_t j = 0; j < length; ++j) {
-    window[j] = dAziMeanBuf[j];
-    if (window[j] < kLowGroupBelow) ++nLow;
-    if (window[j] > kHighGroupAbove) ++nHigh;
-  }
-  if (nLow != 0 && nHigh != 0) {
-    for (int32_t j = 0; j < length; ++j) {
-      if (nLow > nHigh) {
-        if (window[j] > kHighGroupAbove) window[j] = window[j] - 360.0f;
-      } else {
-        if (window[j] < kLowGroupBelow) window[j] = window[j] + 360.0f;
-      }
-    }
-  }
+  window.forEachOldestFirst([&](float v) {
+    values[n++] = v;
+    if (v < kLowGroupBelow) ++nLow;
+    if (v > kHighGroupAbove) ++nHigh;
+  });
   float sum = 0.0f;
-  for (int32_t j = 0; j < length; ++j) sum = sum + window[j];
-  const float mean = sum / static_cast<float>(length);
-
-  for (int32_t j = 0; j < length - 1; ++j) dAziMeanBuf[j] = dAziMeanBuf[j + 1];
-  return mean;
+  if (nLow != 0 && nHigh != 0 && nLow > nHigh) {
+    for (int32_t j = 0; j < n; ++j)
+      sum = sum + (values[j] > kHighGroupAbove ? values[j] - 360.0f : values[j]);
+  } else if (nLow != 0 && nHigh != 0) {
+    for (int32_t j = 0; j < n; ++j)
+      sum = sum + (values[j] < kLowGroupBelow ? values[j] + 360.0f : values[j]);
+  } else {
+    for (int32_t j = 0; j < n; ++j) sum = sum + values[j];
+  }
+  return sum / static_cast<float>(n);
 }
 
 // Corrects the angle within its 45-degree sector. An angle of 0 (start-up)
@@ -192,11 +166,6 @@ float AzimuthSmoother::sectorCorrection(float mean, SectorEnds& ends) {
   return wrapped;
 }
 
-float AzimuthSmoother::sectorCorrection(float mean) {
-  SectorEnds ends;
-  return sectorCorrection(mean, ends);
-}
-
 const float* AzimuthSmoother::SectorEnds::at(int32_t k) {
   if ((known & (1u << k)) == 0) {
     unitPoint(sectorAngle(k), point[k]);
@@ -208,8 +177,22 @@ const float* AzimuthSmoother::SectorEnds::at(int32_t k) {
 // Changes below one degree are not reported; the difference is the plain
 // one, so a step across North always counts as a change.
 float AzimuthSmoother::hold(float corrected) {
-  if (!(std::fabs(corrected - dAzimuthOut) < 1.0f)) dAzimuthOut = corrected;
-  return dAzimuthOut;
+  if (!(std::fabs(corrected - reported_) < 1.0f)) reported_ = corrected;
+  return reported_;
+}
+
+bool AzimuthSmoother::filterFinite() const {
+  for (int32_t k = 0; k < 2; ++k) {
+    if (!std::isfinite(lowPassIn_[k]) || !std::isfinite(lowPassOut_[k])) return false;
+  }
+  return true;
+}
+
+bool AzimuthSmoother::windowsFinite() const {
+  bool finite = true;
+  azimuths_.forEachOldestFirst([&finite](float v) { finite = finite && std::isfinite(v); });
+  medians_.forEachOldestFirst([&finite](float v) { finite = finite && std::isfinite(v); });
+  return finite;
 }
 
 }  // namespace quelta

@@ -2,116 +2,105 @@
 
 #include <cmath>
 
-#include "core/vector_math.h"
 #include "orientation/angle_wrap.h"
+#include "orientation/orientation_log.h"
 
 namespace quelta {
 
 namespace {
 
 constexpr float kMinSinA = 1e-7f;
+// Floor of the norm when a direction is taken: an all-zero vector stays finite.
+constexpr float kDirectionFloor = 1e-7f;
 constexpr float kFlatHorizontalSquared = 1e-7f;
 // Entry of the histories the orientation follows: nine samples behind the
 // newest, so the mean vectors have seen both sides of a change.
 constexpr int32_t kDelayedEntry = 20;
 
-
-void subtract(const float* a, const float* b, float* out) {
-  out[0] = a[0] - b[0];
-  out[1] = a[1] - b[1];
-  out[2] = a[2] - b[2];
-}
-
 }  // namespace
 
-int32_t Orientation::compute(CalibrationState& cal, float* out) {
-  float acc[3], mag[3], g[3];
-  currentVectors(cal, acc, mag);
-  gravityDirection(cal, acc, g);
-  const MeanAngle angle = meanAngle(cal);
-  updateFieldGeometry(cal, angle);
+void Orientation::configure(const OrientationSettings& settings) {
+  settings_ = settings;
+  logLine(kOrientationLog.windowLengths, 0, settings.medianWindow, settings.meanWindow);
+}
+
+int32_t Orientation::compute(const SampleIntake& intake, const CalibrationValues& cal, float* out) {
+  Vec3f acc, mag;
+  currentVectors(intake, cal, &acc, &mag);
+  const Vec3f g = gravityDirection(intake, acc);
+  const MeanAngle angle = meanAngle(intake, cal);
+  measureFieldGeometry(intake, cal, angle);
   if (angle.sinA >= kMinSinA) rebuildMatrix(mag, g, angle);
 
   float east, north;
-  levelledHeading(&east, &north);
-  out[0] = smoother.smooth(east, north, cal.config.paraC[1], cal.config.paraC[2]);
-  out[1] = pitch();
-  out[2] = roll();
+  levelledHeading(matrix_, &east, &north);
+  out[0] = smoother_.smooth(east, north, settings_.medianWindow, settings_.meanWindow);
+  out[1] = pitchDegrees(matrix_);
+  out[2] = rollDegrees(matrix_);
   return 1;
 }
 
-void Orientation::currentVectors(const CalibrationState& cal, float* acc, float* mag) {
-  if (cal.iHistoryCount < History30::kLength) {
-    for (int32_t k = 0; k < 3; ++k) {
-      acc[k] = cal.dAccData[k];
-      mag[k] = cal.dCalMagdata[k];
-    }
+// Until the histories are full: the latest acceleration and the field as
+// GetCalMag calibrated it; then the delayed entry of the histories.
+void Orientation::currentVectors(const SampleIntake& intake, const CalibrationValues& cal,
+                                 Vec3f* acc, Vec3f* mag) {
+  if (!intake.full()) {
+    *acc = intake.acc();
+    *mag = cal.calibratedField;
     return;
   }
-  const float* a = cal.dAccHistory.at(kDelayedEntry);
-  for (int32_t k = 0; k < 3; ++k) acc[k] = a[k];
-  subtract(cal.dMagHistory.at(kDelayedEntry), cal.dSphereOffset, mag);
+  *acc = intake.accAt(kDelayedEntry);
+  *mag = intake.fieldAt(kDelayedEntry) - cal.offset;
 }
 
 // Until the accelerometer variances exist the device is taken as level.
-void Orientation::gravityDirection(const CalibrationState& cal, const float* acc, float* g) {
-  const float* var = cal.dAccVariance;
-  const bool noVariance = var[0] == 0.0f && var[1] == 0.0f && var[2] == 0.0f;
-  g[0] = noVariance ? 0.0f : acc[0];
-  g[1] = noVariance ? 0.0f : acc[1];
-  g[2] = noVariance ? 1.0f : acc[2];
+Vec3f Orientation::gravityDirection(const SampleIntake& intake, Vec3f acc) {
+  const Vec3f var = intake.accVariance();
+  const bool noVariance = var.x == 0.0f && var.y == 0.0f && var.z == 0.0f;
+  return noVariance ? Vec3f{0.0f, 0.0f, 1.0f} : acc;
 }
 
-MeanAngle Orientation::meanAngle(const CalibrationState& cal) {
-  float meanMag[3], meanAcc[3], magDir[3], accDir[3];
-  MeanOf30(cal.dMagHistory, meanMag);
-  subtract(meanMag, cal.dSphereOffset, meanMag);
-  MeanOf30(cal.dAccHistory, meanAcc);
-  normalizeFloored3(meanMag, magDir);
-  normalizeFloored3(meanAcc, accDir);
-
-  const float cosA = (magDir[0] * accDir[0] + magDir[1] * accDir[1]) + magDir[2] * accDir[2];
+Orientation::MeanAngle Orientation::meanAngle(const SampleIntake& intake,
+                                              const CalibrationValues& cal) {
+  const Vec3f magDir = normalizedFloored(intake.fieldMean() - cal.offset, kDirectionFloor);
+  const Vec3f accDir = normalizedFloored(intake.accMean(), kDirectionFloor);
+  const float cosA = dot(magDir, accDir);
   if (cosA > 1.0f) return {1.0f, 0.0f};
   if (cosA < -1.0f) return {-1.0f, 0.0f};
   return {cosA, std::sqrt(1.0f - cosA * cosA)};
 }
 
-void Orientation::updateFieldGeometry(CalibrationState& cal, MeanAngle angle) {
-  if (cal.iMagAccuracy != 3) return;
-  for (float var : cal.dAccVariance) {
-    if (!(var < cal.config.dAccStillThd)) return;
-  }
-  cal.dMagHorizontal = std::fabs(angle.sinA * cal.dSphereRadius);
-  cal.dMagVertical = std::fabs(angle.cosA * cal.dSphereRadius);
-  cal.dMagInclination = static_cast<float>(std::asin(static_cast<double>(-angle.cosA)) * 180.0 /
-                                           static_cast<double>(kPiF));
+void Orientation::measureFieldGeometry(const SampleIntake& intake, const CalibrationValues& cal,
+                                       MeanAngle angle) {
+  if (cal.accuracy != 3) return;
+  const Vec3f var = intake.accVariance();
+  const float still = cal.accStillVariance;
+  if (!(var.x < still) || !(var.y < still) || !(var.z < still)) return;
+  geometry_.horizontal = std::fabs(angle.sinA * cal.radius);
+  geometry_.vertical = std::fabs(angle.cosA * cal.radius);
+  geometry_.inclination = static_cast<float>(std::asin(static_cast<double>(-angle.cosA)) * 180.0 /
+                                             static_cast<double>(kPiF));
 }
 
-// East = g' x m'; North is built from the current directions with the angle
-// of the mean ones, so it is stored as computed, not renormalised.
-void Orientation::rebuildMatrix(const float* mag, const float* g, MeanAngle angle) {
-  float m1[3], g1[3], e[3], eHat[3];
-  normalizeFloored3(mag, m1);
-  normalizeFloored3(g, g1);
-  e[0] = m1[2] * g1[1] - m1[1] * g1[2];
-  e[1] = m1[0] * g1[2] - m1[2] * g1[0];
-  e[2] = m1[1] * g1[0] - m1[0] * g1[1];
-  normalizeFloored3(e, eHat);
-
+// East = m' x g', normalised; North is built from the current directions with
+// the angle of the mean ones, so it is stored as computed, not renormalised.
+void Orientation::rebuildMatrix(Vec3f mag, Vec3f g, MeanAngle angle) {
+  const Vec3f m1 = normalizedFloored(mag, kDirectionFloor);
+  const Vec3f g1 = normalizedFloored(g, kDirectionFloor);
+  const Vec3f eHat = normalizedFloored(cross(g1, m1), kDirectionFloor);
   const float p = 1.0f / angle.sinA;
   const float q = -angle.cosA / angle.sinA;
+  const Vec3f north = p * m1 + q * g1;
   for (int32_t i = 0; i < 3; ++i) {
-    dOriMatrix[i][0] = -eHat[i];
-    dOriMatrix[i][1] = p * m1[i] + q * g1[i];
-    dOriMatrix[i][2] = g1[i];
+    matrix_[i][0] = -eHat[i];
+    matrix_[i][1] = north[i];
+    matrix_[i][2] = g1[i];
   }
 }
 
-// Rotates the device y axis about the horizontal axis that brings the device
-// z axis to Up, and keeps its East and North components.
-void Orientation::levelledHeading(float* east, float* north) const {
-  const float* row1 = dOriMatrix[1];
-  const float* row2 = dOriMatrix[2];
+void levelledHeading(const float (&m)[3][3], float* east, float* north) {
+  const float* row1 = m[1];
+  const float* row2 = m[2];
   float ux = 0.0f, uy = 0.0f, theta = 0.0f;
   const float h2 = row2[0] * row2[0] + row2[1] * row2[1];
   if (!(h2 < kFlatHorizontalSquared)) {
@@ -134,16 +123,15 @@ void Orientation::levelledHeading(float* east, float* north) const {
   *north = static_cast<float>((omc * crossY + (c + omc * uySquared) * vy) - s * dux * vz);
 }
 
-// Positive with the top edge down; screen-down attitudes continue past +-90.
-float Orientation::pitch() const {
-  const float r = static_cast<float>(std::asin(unitClamped(dOriMatrix[1][2]))) * (-180.0f) / kPiF;
-  if (dOriMatrix[2][2] < 0.0f && r > 0.0f) return 180.0f - r;
-  if (dOriMatrix[2][2] < 0.0f && r < 0.0f) return -180.0f - r;
+float pitchDegrees(const float (&m)[3][3]) {
+  const float r = static_cast<float>(std::asin(unitClamped(m[1][2]))) * (-180.0f) / kPiF;
+  if (m[2][2] < 0.0f && r > 0.0f) return 180.0f - r;
+  if (m[2][2] < 0.0f && r < 0.0f) return -180.0f - r;
   return r;
 }
 
-float Orientation::roll() const {
-  return static_cast<float>(std::asin(unitClamped(dOriMatrix[0][2]))) * 180.0f / kPiF;
+float rollDegrees(const float (&m)[3][3]) {
+  return static_cast<float>(std::asin(unitClamped(m[0][2]))) * 180.0f / kPiF;
 }
 
 }  // namespace quelta

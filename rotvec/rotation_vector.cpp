@@ -2,94 +2,70 @@
 
 #include <cmath>
 
+#include "core/attitude.h"
 #include "core/float4.h"
 #include "core/log.h"
-#include "core/vector_math.h"
-#include "rotvec/cn2b_from_directions.h"
+#include "core/vec3.h"
 
 namespace quelta {
 
 namespace {
 
-constexpr float kSinFloor = 0.0001f;  // keeps parallel field and gravity finite
+// Every line the rotation vector writes.
+struct RotationVectorLogTexts {
+  LogText input;    // field x, y, z, acceleration x, y, z
+  LogText output;   // published x, y, z, w
+  LogText gravity;  // copied gravity x, y, z
+  LogText linear;   // copied linear acceleration x, y, z
+};
+
+constexpr RotationVectorLogTexts kLog{
+    {LogGate::kDetail, "TRVQX4e20180709 InputRotVec  %f %f %f %f %f %f \n"},
+    {LogGate::kDetail, "TRVQX4e InRotVec output %f %f %f %f \n"},
+    {LogGate::kDetail, "In GetQueltaGravityAcc %f %f %f \n"},
+    {LogGate::kDetail, "In GetQueltaLinearAcc %f %f %f \n"},
+};
+
+using SensorPair = RotationVectorFusion::SensorPair;
 
 // Floors written so that NaN passes through unchanged.
 inline float atLeast(float v, float floor) { return v < floor ? floor : v; }
 
-void copySlot(const float* from, float* to) {
-  for (int32_t k = 0; k < RotationVectorFusion::kSlotSize; ++k) to[k] = from[k];
+// Mean of all entries of a full ring, summed from zero, newest to oldest.
+template <int32_t Slots>
+SensorPair meanOf(const Ring<SensorPair, Slots>& ring) {
+  Float4 low = {0.0f, 0.0f, 0.0f, 0.0f};
+  Float4 high = {0.0f, 0.0f, 0.0f, 0.0f};
+  ring.forEachNewestFirst([&](const SensorPair& e) {
+    low = low + load4(e.lane);
+    high = high + load4(e.lane + 4);
+  });
+  SensorPair mean;
+  store4(mean.lane, low / static_cast<float>(Slots));
+  store4(mean.lane + 4, high / static_cast<float>(Slots));
+  return mean;
 }
 
-
-// Quaternion (w, x, y, z) of the transpose of C, the rotation from device to
-// east-north-up: magnitudes from the diagonal, signs from the off-diagonal
-// differences relative to a non-negative w, then normalised.
-void quatFromCn2b(const float* C, float* q) {
-  const float c00 = C[0], c01 = C[1], c02 = C[2];
-  const float c10 = C[3], c11 = C[4], c12 = C[5];
-  const float c20 = C[6], c21 = C[7], c22 = C[8];
-  float w = std::sqrt(0.25f * std::fabs(((c00 + c11) + c22) + 1.0f));
-  float x = std::sqrt(0.25f * std::fabs(((c00 - c11) - c22) + 1.0f));
-  float y = std::sqrt(0.25f * std::fabs(((c11 - c00) - c22) + 1.0f));
-  float z = std::sqrt(0.25f * std::fabs(((-c00 - c11) + c22) + 1.0f));
-  if (c12 - c21 < 0.0f) x = -x;
-  if (c20 - c02 < 0.0f) y = -y;
-  if (c01 - c10 < 0.0f) z = -z;
-  // The four squares add up to at least 1, so no threshold is needed.
-  const float n = std::sqrt((((w * w + 0.0f) + x * x) + y * y) + z * z);
-  q[0] = w / n;
-  q[1] = x / n;
-  q[2] = y / n;
-  q[3] = z / n;
+void logVec3(const LogText& text, int32_t mode, const float* v) {
+  logLine(text, mode, static_cast<double>(v[0]), static_cast<double>(v[1]),
+          static_cast<double>(v[2]));
 }
 
 }  // namespace
 
-template <int32_t Slots>
-void RotationVectorFusion::NewestFirst<Slots>::push(const float* sample) {
-  newest = newest == 0 ? Slots - 1 : newest - 1;
-  copySlot(sample, entry[newest]);
-  if (count < Slots) ++count;
-}
-
-// Mean of all entries, summed from zero, newest to oldest.
-template <int32_t Slots>
-void RotationVectorFusion::NewestFirst<Slots>::mean(float* out) const {
-  Float4 low = {0.0f, 0.0f, 0.0f, 0.0f};
-  Float4 high = {0.0f, 0.0f, 0.0f, 0.0f};
-  auto add = [&](const float* e) {
-    low = low + load4(e);
-    high = high + load4(e + 4);
-  };
-  for (int32_t s = newest; s < Slots; ++s) add(entry[s]);
-  for (int32_t s = 0; s < newest; ++s) add(entry[s]);
-  float lanes[kLanes];
-  store4(lanes, low / static_cast<float>(Slots));
-  store4(lanes + 4, high / static_cast<float>(Slots));
-  copySlot(lanes, out);
-}
-
 // Each stage passes its input on until it held a full window before the call.
-bool RotationVectorFusion::firstStage(const float* sample, float* out) {
-  const bool full = samples_.count >= kSampleWindow;
+bool RotationVectorFusion::firstStage(const SensorPair& sample, SensorPair& dst) {
+  const bool full = samples_.full();
   samples_.push(sample);
-  if (!full) {
-    copySlot(sample, out);
-    return false;
-  }
-  samples_.mean(out);
-  return true;
+  dst = full ? meanOf(samples_) : sample;
+  return full;
 }
 
-bool RotationVectorFusion::secondStage(const float* firstMean, float* out) {
-  const bool full = means_.count >= kMeanWindow;
+bool RotationVectorFusion::secondStage(const SensorPair& firstMean, SensorPair& dst) {
+  const bool full = means_.full();
   means_.push(firstMean);
-  if (!full) {
-    copySlot(firstMean, out);
-    return false;
-  }
-  means_.mean(out);
-  return true;
+  dst = full ? meanOf(means_) : firstMean;
+  return full;
 }
 
 // The previous value stays published while x, y and z have all moved by less
@@ -110,71 +86,59 @@ void RotationVectorFusion::publish(const float* quat) {
 }
 
 void RotationVectorFusion::update(const float* mag, const float* acc, int32_t logMode) {
-  logMode_ = logMode;
-  if (logMode_ == 1) {
-    logLine("TRVQX4e20180709 InputRotVec  %f %f %f %f %f %f \n", static_cast<double>(mag[0]),
-            static_cast<double>(mag[1]), static_cast<double>(mag[2]), static_cast<double>(acc[0]),
-            static_cast<double>(acc[1]), static_cast<double>(acc[2]));
-  }
+  lastLogMode_ = logMode;
+  logLine(kLog.input, logMode, static_cast<double>(mag[0]), static_cast<double>(mag[1]),
+          static_cast<double>(mag[2]), static_cast<double>(acc[0]), static_cast<double>(acc[1]),
+          static_cast<double>(acc[2]));
 
-  const float sample[kSlotSize] = {mag[0], mag[1], mag[2], acc[0], acc[1], acc[2]};
-  float firstOut[kSlotSize];
-  float smoothed[kSlotSize];
+  const SensorPair sample{{mag[0], mag[1], mag[2], acc[0], acc[1], acc[2], 0.0f, 0.0f}};
+  SensorPair firstOut;
+  SensorPair smoothed;
   if (firstStage(sample, firstOut)) {
     secondStage(firstOut, smoothed);
   } else {
-    copySlot(firstOut, smoothed);
+    smoothed = firstOut;
   }
 
-  float magAccDir[8];
-  normalizeFloored3(smoothed, magAccDir);
-  normalizeFloored3(smoothed + 3, magAccDir + 3);
-  const float* h = magAccDir;
-  const float* g = magAccDir + 3;
-  float cosA = (h[0] * g[0] + h[1] * g[1]) + h[2] * g[2];
+  // Unit field, unit gravity, sin and cos of the angle between them.
+  float directions[8];
+  const Vec3f h = normalizedFloored(Vec3f::load(smoothed.lane), settings_.minInputNorm);
+  const Vec3f g = normalizedFloored(Vec3f::load(smoothed.lane + 3), settings_.minInputNorm);
+  float cosA = dot(h, g);
   if (cosA > 1.0f) cosA = 1.0f;
   if (cosA < -1.0f) cosA = -1.0f;
-  magAccDir[6] = atLeast(std::sqrt(1.0f - cosA * cosA), kSinFloor);
-  magAccDir[7] = cosA;
+  h.store(directions);
+  g.store(directions + 3);
+  directions[6] = atLeast(std::sqrt(1.0f - cosA * cosA), settings_.minSinFieldGravity);
+  directions[7] = cosA;
 
-  float C[9];
-  cn2bFromDirections(magAccDir, C);
-  out_.gravity[0] = C[2];
-  out_.gravity[1] = C[5];
-  out_.gravity[2] = C[8];
-  out_.linear[0] = acc[0] - C[2];
-  out_.linear[1] = acc[1] - C[5];
-  out_.linear[2] = acc[2] - C[8];
+  float cn2b[9];
+  cn2bByFieldAcrossGravity(directions, cn2b);
+  const Vec3f up{cn2b[2], cn2b[5], cn2b[8]};
+  up.store(out_.gravity);
+  (Vec3f::load(acc) - up).store(out_.linear);
 
-  quatFromCn2b(C, quat_);
+  float quat[4];
+  quatFromCn2bByDiagonalMagnitudes(cn2b).store(quat);
   // A held call publishes the previous value again, w included.
-  publish(holdsPrevious(quat_) ? quatPrev_ : quat_);
+  publish(holdsPrevious(quat) ? quatPrev_ : quat);
 
-  if (logMode_ == 1) {
-    logLine("TRVQX4e InRotVec output %f %f %f %f \n", static_cast<double>(out_.rov[0]),
-            static_cast<double>(out_.rov[1]), static_cast<double>(out_.rov[2]),
-            static_cast<double>(out_.rov[3]));
-  }
+  logLine(kLog.output, logMode, static_cast<double>(out_.rov[0]), static_cast<double>(out_.rov[1]),
+          static_cast<double>(out_.rov[2]), static_cast<double>(out_.rov[3]));
 }
 
-void RotationVectorFusion::copyRotationVector(float* out) const {
-  for (int32_t i = 0; i < 4; ++i) out[i] = out_.rov[i];
+void RotationVectorFusion::copyRotationVector(float* dst) const {
+  for (int32_t i = 0; i < 4; ++i) dst[i] = out_.rov[i];
 }
 
-void RotationVectorFusion::copyGravity(float* out) const {
-  for (int32_t i = 0; i < 3; ++i) out[i] = out_.gravity[i];
-  if (logMode_ == 1) {
-    logLine("In GetQueltaGravityAcc %f %f %f \n", static_cast<double>(out[0]),
-            static_cast<double>(out[1]), static_cast<double>(out[2]));
-  }
+void RotationVectorFusion::copyGravity(float* dst) const {
+  for (int32_t i = 0; i < 3; ++i) dst[i] = out_.gravity[i];
+  logVec3(kLog.gravity, lastLogMode_, dst);
 }
 
-void RotationVectorFusion::copyLinearAcceleration(float* out) const {
-  for (int32_t i = 0; i < 3; ++i) out[i] = out_.linear[i];
-  if (logMode_ == 1) {
-    logLine("In GetQueltaLinearAcc %f %f %f \n", static_cast<double>(out[0]),
-            static_cast<double>(out[1]), static_cast<double>(out[2]));
-  }
+void RotationVectorFusion::copyLinearAcceleration(float* dst) const {
+  for (int32_t i = 0; i < 3; ++i) dst[i] = out_.linear[i];
+  logVec3(kLog.linear, lastLogMode_, dst);
 }
 
 }  // namespace quelta

@@ -6,86 +6,91 @@
 
 #include <cstdint>
 
+#include "core/ring.h"
+
 namespace quelta {
+
+struct RotationVectorSettings {
+  // Hold threshold, in quaternion components (dimensionless): the published
+  // value stays while x, y and z have all moved by less. The value a bound
+  // threshold (movethd) starts with; an instance reads the bound one.
+  float moveThreshold;
+  // Floor under the sine of the angle between field and gravity
+  // (dimensionless), so that a field parallel to gravity stays finite.
+  float minSinFieldGravity;
+  // Floor under a smoothed input's norm when it is normalised, in the
+  // input's own units (any: only directions matter).
+  float minInputNorm;
+};
+
+inline constexpr RotationVectorSettings kDefaultRotationVectorSettings{0.005f, 0.0001f, 1e-7f};
 
 // Where an instance publishes its results and reads its hold threshold. The
 // process-wide instance points these at the exported data objects, so a host
 // may read the results directly and change the threshold between calls.
 struct RotationVectorOutputs {
-  float* rov;            // 4 floats: x, y, z, w
+  float* rov;            // 4 floats: x, y, z, w (unit quaternion)
   float* gravity;        // 3 floats: unit up direction in device axes
-  float* linear;         // 3 floats: the call's acceleration minus gravity
-  float* moveThreshold;  // hold threshold, read at every call
+  float* linear;         // 3 floats: the call's acceleration minus gravity, input units
+  float* moveThreshold;  // hold threshold (RotationVectorSettings), read at every call
 };
-
-constexpr float kDefaultMoveThreshold = 0.005f;
 
 class RotationVectorFusion {
  public:
   static constexpr int32_t kSampleWindow = 30;  // first stage: samples
   static constexpr int32_t kMeanWindow = 6;     // second stage: first-stage means
-  static constexpr int32_t kSlotSize = 6;       // field x, y, z, acceleration x, y, z
 
-  constexpr explicit RotationVectorFusion(RotationVectorOutputs outputs) : out_(outputs) {}
+  constexpr explicit RotationVectorFusion(
+      RotationVectorOutputs outputs,
+      const RotationVectorSettings& settings = kDefaultRotationVectorSettings)
+      : out_(outputs), settings_(settings) {}
   RotationVectorFusion(const RotationVectorFusion&) = delete;
   RotationVectorFusion& operator=(const RotationVectorFusion&) = delete;
 
-  // CalcQueltaRotVec.
+  // CalcQueltaRotVec. Log mode 1 writes the input and output lines.
   void update(const float* mag, const float* acc, int32_t logMode);
 
   // GetCalRov, GetQueltaGravityAcc, GetQueltaLinearAcc. The last two log the
   // copied values when the latest update ran with log mode 1.
-  void copyRotationVector(float* out) const;
-  void copyGravity(float* out) const;
-  void copyLinearAcceleration(float* out) const;
+  void copyRotationVector(float* dst) const;
+  void copyGravity(float* dst) const;
+  void copyLinearAcceleration(float* dst) const;
+
+  // One field and acceleration sample (field x, y, z, acceleration x, y, z)
+  // padded with two zero lanes, so that a sum over entries adds all six
+  // components side by side.
+  struct alignas(16) SensorPair {
+    float lane[8];
+  };
 
  private:
-  // Each stage returns true when it produced a mean into out.
-  bool firstStage(const float* sample, float* out);
-  bool secondStage(const float* firstMean, float* out);
+  // Each stage returns true when it produced a mean into dst.
+  bool firstStage(const SensorPair& sample, SensorPair& dst);
+  bool secondStage(const SensorPair& firstMean, SensorPair& dst);
   void publish(const float* quat);
   bool holdsPrevious(const float* quat) const;
 
-  // The newest Slots entries of 6 floats, kept as a ring: a new entry
-  // overwrites the oldest instead of moving the others, and the mean sums
-  // newest to oldest, all six components side by side (two zero lanes pad
-  // an entry to eight).
-  template <int32_t Slots>
-  struct NewestFirst {
-    static constexpr int32_t kLanes = 8;
-    alignas(16) float entry[Slots][kLanes] = {};
-    int32_t newest = 0;  // ring slot of the newest entry; older ones follow it
-    int32_t count = 0;   // entries held, up to Slots
-
-    void push(const float* sample);
-    void mean(float* out) const;
-  };
-
   RotationVectorOutputs out_;
-  int32_t logMode_ = 0;
-  NewestFirst<kSampleWindow> samples_;
-  NewestFirst<kMeanWindow> means_;
-  float quat_[4] = {};                   // this call's quaternion, w, x, y, z
+  RotationVectorSettings settings_;
+  int32_t lastLogMode_ = 0;
+  Ring<SensorPair, kSampleWindow> samples_;
+  Ring<SensorPair, kMeanWindow> means_;
   float quatPrev_[4] = {1.0f, 0.0f, 0.0f, 0.0f};  // last published, w, x, y, z
 };
 
-// An instance that owns its outputs and threshold, for tests and for hosts
-// fusing more than one sensor pair. Not copyable: the fusion points into it.
+// An instance that owns its outputs and threshold, for hosts fusing more than
+// one sensor pair. Not copyable: the fusion points into it.
 class OwnedRotationVector {
  public:
   float rov[4] = {};
   float gravity[3] = {};
   float linear[3] = {};
-  float moveThreshold = kDefaultMoveThreshold;
+  float moveThreshold = kDefaultRotationVectorSettings.moveThreshold;
   RotationVectorFusion fusion{RotationVectorOutputs{rov, gravity, linear, &moveThreshold}};
 
   OwnedRotationVector() = default;
   OwnedRotationVector(const OwnedRotationVector&) = delete;
   OwnedRotationVector& operator=(const OwnedRotationVector&) = delete;
 };
-
-// The process-wide instance behind the C interface, bound to fOutRov,
-// fGravityAcc, fLinearAcc and movethd.
-RotationVectorFusion& defaultRotationVector();
 
 }  // namespace quelta

@@ -1,11 +1,17 @@
 // Ring-buffer operations on DataBuffer records. A record points at storage of
 // dim planes of len floats: component j of the sample in slot s lives at
 // j * len + s, so a sample is gathered and scattered component by component.
+//
+// The record's fields (index of the newest slot, full, count) are the host's
+// view of the library's one ring arithmetic, RingSlots (core/ring.h): every
+// slot here, in the general filters and in the pipeline's fixed-geometry
+// filters, comes from slotsOf and is committed through commitPut.
 #pragma once
 
 #include <cstdint>
 
 #include "QueltaAlgo.h"
+#include "core/ring.h"
 
 namespace quelta {
 
@@ -25,52 +31,41 @@ inline void bufferClear(DataBuffer& buf) {
   buf.count = 0;
 }
 
-// Slot of the k-th newest sample (k = 0 newest), or -1 when there is none.
-// Negative k is not a sample position either.
-inline int32_t sampleSlot(const DataBuffer& buf, int32_t k) {
-  if (k < 0 || k >= buf.len) return -1;
-  int32_t slot = buf.index - k;
-  if (slot < 0) {
-    if (buf.full == 0) return -1;
-    slot = slot + buf.len;
-  }
-  return slot;
+// The record's ring position over len slots: buf.len, or the same capacity
+// known at compile time where the geometry is fixed.
+inline RingSlots slotsOf(const DataBuffer& buf, int32_t len) {
+  return RingSlots(len, buf.index, buf.full != 0 ? len : buf.index + 1);
+}
+inline RingSlots slotsOf(const DataBuffer& buf) { return slotsOf(buf, buf.len); }
+
+// Records the put into slots.nextSlot() (slots as read before the put). The
+// full flag turns 1 only with the put that wraps back to slot 0, so a record
+// holding len samples after its first pass is not yet full.
+inline void commitPut(DataBuffer& buf, RingSlots slots) {
+  const bool wraps = slots.newestSlot() == slots.length() - 1;
+  slots.commit();
+  if (wraps) buf.full = 1;
+  buf.index = slots.newestSlot();
+  buf.count = slots.count();
 }
 
-// Component j of the k-th newest sample, 0 when there is no such sample.
+// Component j of the k-th newest sample (k = 0 newest), 0 when there is no
+// such sample (negative k included).
 inline float sampleComponent(const DataBuffer& buf, int32_t k, int32_t j) {
-  const int32_t slot = sampleSlot(buf, k);
+  const int32_t slot = slotsOf(buf).newestFirst(k);
   return slot < 0 ? 0.0f : buf.data[j * buf.len + slot];
 }
 
-// The slot the next put writes to.
-inline int32_t nextPutSlot(const DataBuffer& buf) {
-  const int32_t next = buf.index + 1;
-  return next == buf.len ? 0 : next;
-}
-
-// Advances the write position after the next put's slot has been written.
-// full turns 1 only with the put that wraps back to slot 0.
-inline void commitPut(DataBuffer& buf) {
-  buf.index = buf.index + 1;
-  if (buf.index == buf.len) {
-    buf.index = 0;
-    buf.full = 1;
-    buf.count = buf.len;
-  } else {
-    buf.count = buf.full == 1 ? buf.len : buf.index + 1;
-  }
-}
-
 inline void bufferPut(DataBuffer& buf, const float* sample) {
-  const int32_t slot = nextPutSlot(buf);
+  const RingSlots slots = slotsOf(buf);
+  const int32_t slot = slots.nextSlot();
   for (int32_t j = 0; j < buf.dim; ++j) buf.data[j * buf.len + slot] = sample[j];
-  commitPut(buf);
+  commitPut(buf, slots);
 }
 
 // 0 and the sample in out, or 1 and dim zeros when there is no such sample.
 inline int32_t bufferGet(const DataBuffer& buf, float* out, int32_t k) {
-  const int32_t slot = sampleSlot(buf, k);
+  const int32_t slot = slotsOf(buf).newestFirst(k);
   if (slot < 0) {
     for (int32_t j = 0; j < buf.dim; ++j) out[j] = 0.0f;
     return 1;

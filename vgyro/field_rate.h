@@ -7,18 +7,21 @@
 #include <cstdint>
 
 #include "QueltaAlgo.h"
+#include "core/vec3.h"
 
 namespace quelta {
 
-struct FieldRateEstimator {
-  float fWMagAxisPrev[3] = {0.0f, 0.0f, 0.0f};  // axis of the previous call, zero after no turn
-  uint8_t bWMagAxisValid = 0;                    // fWMagAxisPrev has been written
-  int32_t iWMagAxisHoldCount = 0;                // consecutive calls that kept the previous axis
-
+class FieldRateEstimator {
+ public:
   // Rate (rad/s with dt in s) in device axes from the newest three samples of
   // buf; missing samples read as zero vectors. Turns below 5 degrees between
   // the successive differences count as no rotation.
   void rate(const DataBuffer& buf, float* out, float dt);
+
+ private:
+  Vec3f previousAxis_;             // unit axis of the previous call, zero after no turn
+  uint8_t previousAxisValid_ = 0;  // previousAxis_ has been written
+  int32_t axisHoldCount_ = 0;      // consecutive calls that kept the previous axis
 };
 
 }  // namespace quelta

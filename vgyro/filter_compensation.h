@@ -8,26 +8,21 @@
 #include <cmath>
 #include <cstdint>
 
+#include "core/complex_math.h"
+
 namespace quelta {
 
 namespace filter_response {
 
 constexpr double kPi = 3.141592653589793;
 
-struct Complex {
-  float re;
-  float im;
-};
-
 // c0 + sum_{k>=1} c[k] z^-k, with z^-k built afresh for each k by k - 1
 // successive multiplications of z^-1 by z^-1.
-inline Complex polynomialAt(const float* c, int32_t n, Complex zInv) {
-  Complex sum{c[0], 0.0f};
+inline Complexf polynomialAt(const float* c, int32_t n, Complexf zInv) {
+  Complexf sum{c[0], 0.0f};
   for (int32_t k = 1; k < n; ++k) {
-    Complex power = zInv;
-    for (int32_t step = 1; step < k; ++step) {
-      power = {zInv.re * power.re - zInv.im * power.im, zInv.re * power.im + zInv.im * power.re};
-    }
+    Complexf power = zInv;
+    for (int32_t step = 1; step < k; ++step) power = zInv * power;
     sum.re = sum.re + c[k] * power.re;
     sum.im = sum.im + c[k] * power.im;
   }
@@ -48,10 +43,11 @@ inline void filterCompensation(float* gain, const float* w, const float* b, cons
     const float sn = static_cast<float>(std::sin(theta));
     const float cs = static_cast<float>(std::cos(theta));
     const float unit = cs * cs + sn * sn;
-    const filter_response::Complex zInv{cs / unit, -sn / unit};
+    const Complexf zInv{cs / unit, -sn / unit};
 
-    const filter_response::Complex num = filter_response::polynomialAt(b, nb, zInv);
-    const filter_response::Complex den = filter_response::polynomialAt(a, na, zInv);
+    const Complexf num = filter_response::polynomialAt(b, nb, zInv);
+    const Complexf den = filter_response::polynomialAt(a, na, zInv);
+    // num / den with its own order of terms (not operator/'s).
     const float denSq = den.im * den.im + den.re * den.re;
     const float re = (num.im * den.im + num.re * den.re) / denSq;
     const float im = (num.im * den.re - num.re * den.im) / denSq;

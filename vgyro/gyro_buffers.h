@@ -37,15 +37,8 @@ void createBuffers(const GyroBuffers& buffers);
 // Empties every record; storage and bindings stay.
 void clearBuffers(const GyroBuffers& buffers);
 
-// The exported records and storage arrays.
-inline constexpr GyroBuffers kExportedGyroBuffers{
-    {&bfMagRaw, bfMagRawData, kRawLen},      {&bfMagMed, bfMagMedData, kMedianLen},
-    {&bfMagLPF, bfMagLPFData, kLowPassLen},  {&bfMagMean, bfMagMeanData, kMeanLen},
-    {&bfAccRaw, bfAccRawData, kRawLen},      {&bfAccMed, bfAccMedData, kMedianLen},
-    {&bfAccLPF, bfAccLPFData, kLowPassLen},  {&bfAccMean, bfAccMeanData, kMeanLen},
-    {&bfWRaw, bfWRawData, kRateRawLen},      {&bfWFilter, bfWFilterData, kRateFilterLen}};
-
-// Records and storage owned by one independent pipeline.
+// Records and storage owned by one independent pipeline (the process-wide
+// pipeline binds the exported ones instead).
 struct OwnedGyroBuffers {
   DataBuffer magRaw{}, magMed{}, magLPF{}, magMean{};
   DataBuffer accRaw{}, accMed{}, accLPF{}, accMean{};

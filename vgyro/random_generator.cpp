@@ -14,19 +14,19 @@ float RandomGenerator::next(int32_t seed, int32_t reseed) {
   int32_t s = seed;
   if (s < 0) s = s + kModulus;
   if (s == 0) s = 1;
-  if (reseed != 0 || bRandSeeded == 0) {
-    iRandState = s;
-    bRandSeeded = 1;
+  if (reseed != 0 || seeded_ == 0) {
+    state_ = s;
+    seeded_ = 1;
   }
 
-  int32_t x = iRandState;
+  int32_t x = state_;
   const int32_t hi = x / kQuotient;
   const int32_t lo = x - hi * kQuotient;
   x = kMultiplier * lo - kRemainder * hi;
   if (x <= 0) x = x + kModulus;
 
   const float u = static_cast<float>(x) * kScale;
-  iRandState = x;
+  state_ = x;
   return static_cast<float>(static_cast<double>(u) * 2.0 - 1.0);
 }
 

@@ -7,13 +7,15 @@
 
 namespace quelta {
 
-struct RandomGenerator {
-  int32_t iRandState = 1;   // 1 .. 2147483646 once seeded
-  uint8_t bRandSeeded = 0;  // iRandState has been seeded
-
+class RandomGenerator {
+ public:
   // Uniform in [-1, 1). A negative seed is taken modulo 2^31 - 1, zero as 1;
   // the seed is used only when reseed != 0 or on the first draw.
   float next(int32_t seed, int32_t reseed);
+
+ private:
+  int32_t state_ = 1;    // 1 .. 2147483646 once seeded
+  uint8_t seeded_ = 0;   // state_ has been seeded
 };
 
 }  // namespace quelta

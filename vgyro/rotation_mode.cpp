@@ -12,29 +12,29 @@ constexpr int32_t kStillRun = 20;
 }  // namespace
 
 uint8_t RotationModeDetector::update(const float* w, int32_t restart, float dt) {
-  auto clearAngle = [this] { fRotAngleSum[0] = fRotAngleSum[1] = fRotAngleSum[2] = 0.0f; };
+  auto clearAngle = [this] { angleSum_[0] = angleSum_[1] = angleSum_[2] = 0.0f; };
   if (restart != 0) {
-    iMoveCount = 0;
-    iStillCount = 0;
-    bRotationMode = 0;
+    moveCount_ = 0;
+    stillCount_ = 0;
+    rotating_ = 0;
     clearAngle();
   }
 
   bool triggered = false;
   for (int i = 0; i < 3; ++i) {
-    fRotAngleSum[i] = fRotAngleSum[i] + w[i] * dt;
+    angleSum_[i] = angleSum_[i] + w[i] * dt;
   }
   for (int i = 0; i < 3; ++i) {
     // A sum that is not a number never triggers.
-    if (fRotAngleSum[i] >= kAngleTriggerRad || fRotAngleSum[i] <= -kAngleTriggerRad) triggered = true;
+    if (angleSum_[i] >= kAngleTriggerRad || angleSum_[i] <= -kAngleTriggerRad) triggered = true;
   }
   if (triggered) {
-    iMoveCount = 0;
-    iStillCount = 0;
+    moveCount_ = 0;
+    stillCount_ = 0;
     clearAngle();
-    if (bRotationMode == 0) {
-      bRotationMode = 1;
-      return bRotationMode;
+    if (rotating_ == 0) {
+      rotating_ = 1;
+      return rotating_;
     }
   }
 
@@ -43,25 +43,25 @@ uint8_t RotationModeDetector::update(const float* w, int32_t restart, float dt) 
     if (static_cast<double>(std::fabs(w[i])) > kMovingRate) moving = true;
   }
   if (moving) {
-    const int32_t run = iMoveCount;
-    iMoveCount = run + 1;
-    iStillCount = 0;
+    const int32_t run = moveCount_;
+    moveCount_ = run + 1;
+    stillCount_ = 0;
     if (run >= kMovingRun - 1) {
-      iMoveCount = 0;
+      moveCount_ = 0;
       clearAngle();
-      bRotationMode = 1;
+      rotating_ = 1;
     }
   } else {
-    const int32_t run = iStillCount;
-    iStillCount = run + 1;
-    iMoveCount = 0;
+    const int32_t run = stillCount_;
+    stillCount_ = run + 1;
+    moveCount_ = 0;
     if (run >= kStillRun - 1) {
-      iStillCount = 0;
+      stillCount_ = 0;
       clearAngle();
-      bRotationMode = 0;
+      rotating_ = 0;
     }
   }
-  return bRotationMode;
+  return rotating_;
 }
 
 }  // namespace quelta

@@ -8,14 +8,16 @@
 
 namespace quelta {
 
-struct RotationModeDetector {
-  int32_t iMoveCount = 0;                      // consecutive moving samples
-  int32_t iStillCount = 0;                     // consecutive still samples
-  uint8_t bRotationMode = 0;                   // 0 still, 1 rotating
-  float fRotAngleSum[3] = {0.0f, 0.0f, 0.0f};  // rad since the last decision
-
+class RotationModeDetector {
+ public:
   // w: rate in rad/s; restart != 0 resets first; dt in s. Returns the mode.
   uint8_t update(const float* w, int32_t restart, float dt);
+
+ private:
+  int32_t moveCount_ = 0;                    // consecutive moving samples
+  int32_t stillCount_ = 0;                   // consecutive still samples
+  uint8_t rotating_ = 0;                     // the mode: 0 still, 1 rotating
+  float angleSum_[3] = {0.0f, 0.0f, 0.0f};   // rad per axis since the last decision
 };
 
 }  // namespace quelta

@@ -10,9 +10,10 @@ namespace quelta {
 namespace {
 
 // Window over what the source holds: n, or fewer while it has not wrapped.
+// (Callers have refused n above the source capacity.)
 int32_t effectiveWindow(const DataBuffer& in, int32_t n) {
-  if (in.full == 0 && in.index + 1 < n) return in.index + 1;
-  return n;
+  const int32_t held = slotsOf(in).count();
+  return held < n ? held : n;
 }
 
 // Every filter writes its result component by component straight into the
@@ -32,14 +33,15 @@ int32_t medianFilter(const DataBuffer& in, DataBuffer& out, int32_t n) {
   if (m < 1) return 1;
 
   float row[kMaxMedianWindow];
-  const int32_t slot = nextPutSlot(out);
+  const RingSlots outSlots = slotsOf(out);
+  const int32_t slot = outSlots.nextSlot();
   for (int32_t j = 0; j < in.dim; ++j) {
     for (int32_t i = 0; i < m; ++i) row[i] = sampleComponent(in, i, j);
     bubbleSort(row, m);
     const float median = (m % 2 == 1) ? row[m / 2] : (row[m / 2 - 1] + row[m / 2]) * 0.5f;
     writeComponent(out, slot, j, median);
   }
-  commitPut(out);
+  commitPut(out, outSlots);
   return 0;
 }
 
@@ -48,7 +50,8 @@ int32_t movingMeanFilter(const DataBuffer& in, DataBuffer& out, int32_t n) {
   if (in.len < n) return 1;
   const int32_t m = effectiveWindow(in, n);
 
-  const int32_t slot = nextPutSlot(out);
+  const RingSlots outSlots = slotsOf(out);
+  const int32_t slot = outSlots.nextSlot();
   for (int32_t j = 0; j < in.dim; ++j) {
     float value = std::numeric_limits<float>::quiet_NaN();
     if (m >= 1) {
@@ -58,7 +61,7 @@ int32_t movingMeanFilter(const DataBuffer& in, DataBuffer& out, int32_t n) {
     }
     writeComponent(out, slot, j, value);
   }
-  commitPut(out);
+  commitPut(out, outSlots);
   return 0;
 }
 
@@ -68,13 +71,14 @@ int32_t recursiveLowPass(const DataBuffer& in, DataBuffer& out, const float* b, 
   if (in.len < nb) return 1;
   if (out.len < feedbackTaps) return 1;
 
-  const int32_t slot = nextPutSlot(out);
-  const bool warmingUp = (in.full == 0 && in.index + 1 < nb) ||
-                         (out.full == 0 && out.index + 1 < feedbackTaps);
+  const RingSlots outSlots = slotsOf(out);
+  const int32_t slot = outSlots.nextSlot();
+  // (The capacity checks above make a full ring hold enough taps.)
+  const bool warmingUp = slotsOf(in).count() < nb || slotsOf(out).count() < feedbackTaps;
   if (warmingUp) {
     // Start from the raw input rather than from zeros.
     for (int32_t j = 0; j < out.dim; ++j) writeComponent(out, slot, j, sampleComponent(in, 0, j));
-    commitPut(out);
+    commitPut(out, outSlots);
     return 0;
   }
 
@@ -85,7 +89,7 @@ int32_t recursiveLowPass(const DataBuffer& in, DataBuffer& out, const float* b, 
     for (int32_t i = 1; i < na; ++i) feedback = feedback + a[i] * sampleComponent(out, i - 1, j);
     writeComponent(out, slot, j, (feedForward - feedback) / a[0]);
   }
-  commitPut(out);
+  commitPut(out, outSlots);
   return 0;
 }
 

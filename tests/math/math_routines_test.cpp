@@ -63,17 +63,6 @@ TEST(VectorRoutines, SortMatchesReferenceAndCarriesPastNaN) {
   EXPECT_TRUE(w[0] == 3.0f && std::isnan(w[1]) && w[2] == 1.0f && w[3] == 2.0f);
 }
 
-TEST(QuaternionRoutines, ProductOfUnitsAndOfAGeneralPair) {
-  const float i[4] = {0, 1, 0, 0}, j[4] = {0, 0, 1, 0}, p[4] = {1, 2, 3, 4}, q[4] = {-2, 0.5f, 1, -1};
-  float r[4];
-  quatMultiply(i, j, r);
-  EXPECT_TRUE(equals(r, {0.0f, 0.0f, 0.0f, 1.0f}));
-  quatMultiply(j, i, r);
-  EXPECT_TRUE(equals(r, {0.0f, 0.0f, 0.0f, -1.0f}));
-  quatMultiply(p, q, r);  // every term of the Hamilton product counts
-  EXPECT_TRUE(equals(r, {-2.0f, -10.5f, -1.0f, -8.5f}));
-}
-
 TEST(QuaternionRoutines, NormalizeSignRuleThresholdAndInPlace) {
   float out[4];
   const float a[4] = {-2.0f, 0.0f, 0.0f, 0.0f};

@@ -36,7 +36,8 @@ TEST(OrientationEndToEnd, CalibratedDeviceHeldStillReportsItsAttitude) {
         GetCalMag(cal);
         ASSERT_EQ(GetCalOri(out), 1);
       }
-      const float expected = AzimuthSmoother::sectorCorrection(static_cast<float>(heading));
+      AzimuthSmoother::SectorEnds ends;
+      const float expected = AzimuthSmoother::sectorCorrection(static_cast<float>(heading), ends);
       SCOPED_TRACE(testing::Message() << heading << " " << t[0] << " " << t[1]);
       EXPECT_NEAR(out[0], expected, 1.5f);
       EXPECT_NEAR(out[1], t[0], 0.1);

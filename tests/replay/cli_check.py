@@ -612,6 +612,9 @@ def check_browser(program, workdir, recording, render):
         sys.exit(77)
     os.makedirs(workdir, exist_ok=True)
     w = lambda name: os.path.join(workdir, name)
+    import tempfile
+    profiles = lambda: {n for n in os.listdir(tempfile.gettempdir()) if n.startswith("quelta-render-profile")}
+    profiles_before = profiles()
     long_recording(recording, w("million.csv"), 1000000)
     for name, source in (("bundled", recording), ("million", w("million.csv"))):
         report = w(name + ".html")
@@ -649,9 +652,14 @@ def check_browser(program, workdir, recording, render):
             fail("%s: rendered image looks blank (%d of %d sampled pixels inked, %d colours)" % (name, inked, sampled, colours))
         print("%s: %d bytes, rendered twice in %.1f s, %d of %d sampled pixels inked, %d colours" %
               (name, size, seconds, inked, sampled, colours))
+        # Seconds, not minutes (a report drawing every sample took over 300 s).
+        if seconds > 120:
+            fail("%s: rendering took %.0f s" % (name, seconds))
     leftovers = [n for n in os.listdir(workdir) if n.startswith("chromium-profile") or ".tmp-" in n]
     if leftovers:
         fail("left behind: %s" % leftovers)
+    if profiles() - profiles_before:
+        fail("browser profiles left behind: %s" % sorted(profiles() - profiles_before))
     for name in ("million.csv", "million_out.csv", "bundled_out.csv"):
         os.remove(w(name))  # large; the reports and images stay to be looked at
 

@@ -11,6 +11,7 @@
 #include "tools/replay/attitude_math.h"
 #include "tools/replay/html_report.h"
 #include "tools/replay/reference_comparison.h"
+#include "tools/replay/replay_driver.h"
 #include "tools/replay/summary.h"
 #include "tools/replay/svg_chart.h"
 
@@ -155,6 +156,26 @@ TEST(ReferenceComparator, StreamsThroughItsSpillAndCountsMissingReferences) {
   EXPECT_LT(result.azimuth->maxDeg, 0.01);
 }
 
+TEST(RowPipeline, DeliversEveryPairInOrderBeforeFinishReturns) {
+  std::vector<double> seen;
+  size_t mismatched = 0;
+  RowPipeline pipeline([&](const RecordedSample& sample, const ReplayRow& row) {
+    seen.push_back(sample.t);
+    if (row.t != sample.t) ++mismatched;
+  });
+  const int n = 10007;  // not a whole number of batches
+  for (int i = 0; i < n; ++i) {
+    RecordedSample sample;
+    sample.t = i;
+    pipeline.add(sample, rowAt(i, 3));
+  }
+  pipeline.finish();
+  ASSERT_EQ(seen.size(), static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) ASSERT_EQ(seen[i], i);
+  EXPECT_EQ(mismatched, 0u);
+  pipeline.finish();  // a second time does nothing
+}
+
 TEST(Envelope, KeepsSpikesWrapsAndGapsInFixedMemory) {
   Envelope plain;
   Envelope heading(360.0, 0.0);
@@ -206,8 +227,15 @@ TEST(Report, StaysSmallForALongNoisyRun) {
     errors.referenceAngles = {std::fmod(360.0 + 90.0 * noise(random), 360.0), 10.0 * noise(random), noise(random)};
     builder.addErrors(errors);
   }
-  const std::string html = builder.render("summary\n");
+  // Every drop of accuracy is listed, up to a bound that keeps the page small.
+  std::vector<AccuracyDrop> drops;
+  for (int i = 0; i < 1500; ++i) drops.push_back({10.0 * i, 3, i % 3, 1.25, i + 1 < 1500});
+  const std::string html = builder.render("summary\n", drops);
   EXPECT_LT(html.size(), 2u * 1024 * 1024);
+  EXPECT_NE(html.find("1500 drops of accuracy"), std::string::npos);
+  EXPECT_NE(html.find("<tr><td>9990.00</td><td>3</td><td>0</td><td>1.25</td></tr>"), std::string::npos);
+  EXPECT_EQ(html.find("<td>10000.00</td>"), std::string::npos);
+  EXPECT_NE(html.find("and 500 more"), std::string::npos);
   EXPECT_NE(html.find("every 16th sample"), std::string::npos);
   // The legend explains the line styles; each reference series is dashed.
   EXPECT_NE(html.find("dashed lines are the reference"), std::string::npos);

@@ -50,11 +50,9 @@ TEST(AzimuthWindows, ChangedLengthsEmptyTheirWindow) {
       float east, north;
       heading(call, &east, &north);
       const float azimuth = smoother.smooth(east, north, l[0], l[1]);
-      ASSERT_TRUE(azimuth >= 0.0f && azimuth < 360.0f);
-      // The first call after the change holds one entry in each window
-      // (none for a length of 1, which never stores).
-      if (i == 0) EXPECT_TRUE(smoother.iAziMedCount == (l[0] > 1) && smoother.iAziMeanCount == (l[1] > 1)) << call;
-      ASSERT_TRUE(smoother.iAziMedCount < l[0] && smoother.iAziMeanCount < l[1]) << call;
+      ASSERT_TRUE(azimuth >= 0.0f && azimuth < 360.0f) << call;
+      // The mean window refills after every change: 0 until it holds l[1].
+      if (i + 1 < l[1]) EXPECT_LT(azimuth, 1.0f) << call;  // 0, or held within a degree of it
     }
   }
 }

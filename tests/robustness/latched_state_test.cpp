@@ -8,7 +8,7 @@
 #include <limits>
 
 #include "QueltaAlgo.h"
-#include "orientation/orientation.h"
+#include "interface/compass.h"
 #include "rotvec/rotation_vector.h"
 #include "tools/sim/device_sim.h"
 #include "vgyro/virtual_gyro.h"
@@ -62,7 +62,7 @@ TEST(LatchedState, VirtualGyroscopeKeepsANaNUntilRestartedUnlessRotating) {
       const quelta::sim::SensorSample s = turning(device, i, before);
       gyro.gyro.process(s.mag, s.acc, 0, 5, 0.02f);
     }
-    gyro.gyro.calGyr(rate);
+    gyro.gyro.copyRate(rate);
     ASSERT_EQ(std::fabs(rate[2]) > 1.0f, burst != 0);
     for (int k = 0; k < (burst == 0 ? 1 : burst); ++k, ++i) gyro.gyro.process(kNaNs, kNaNs, 0, 5, 0.02f);
     int finiteCalls = 0;
@@ -70,8 +70,8 @@ TEST(LatchedState, VirtualGyroscopeKeepsANaNUntilRestartedUnlessRotating) {
     for (int k = 0; k < 300; ++k, ++i) {
       const quelta::sim::SensorSample s = turning(device, i, 0.05);  // 2.5 rad/s
       gyro.gyro.process(s.mag, s.acc, burst == 0 && k == 200 ? 1 : 0, 5, 0.02f);
-      gyro.gyro.calGyr(rate);
-      gyro.gyro.rotVecInVG(attitude);
+      gyro.gyro.copyRate(rate);
+      gyro.gyro.copyAttitude(attitude);
       finiteCalls += finite(attitude, 4);
       if (burst == 0 && k < 200) ASSERT_LE(std::fabs(rate[2]), 0.005f);
       rotating = rotating || std::fabs(rate[2]) > 1.0f;
@@ -123,8 +123,8 @@ TEST(LatchedState, OrientationKeepsNaNSamplesOutOfItsState) {
     GetCalOri(out);
     ASSERT_TRUE(finite(out, 3)) << i;
   }
-  const quelta::Orientation& o = quelta::defaultOrientation();
-  EXPECT_TRUE(finite(&o.dOriMatrix[0][0], 9) && finite(o.smoother.dAziLpfOut, 2));
+  const quelta::Orientation& o = quelta::defaultCompass().orientation();
+  EXPECT_TRUE(finite(&o.matrix()[0][0], 9) && o.smoother().filterFinite());
 }
 
 }  // namespace

@@ -65,18 +65,19 @@ TEST(VirtualGyroPipeline, FreshLibraryPublishesTheFirstThreeDrawsAndTheFirstAtti
   EXPECT_TRUE(V(q, q + 4) == V(4, 0.0f) && published() == V(3, 0.0f));
   const float magNorth[3] = {0.0f, 20.0f, -40.0f};
   CalcQueltaGyro(magNorth, kAcc, 0, 0, 0.01f);
+  // Still: the first three draws of a freshly seeded generator, scaled down
+  // (their values are pinned by the golden trace).
   const V w = published();
-  EXPECT_NEAR(w[0], -0.0049997754, 5e-11);
-  EXPECT_NEAR(w[1], -0.0041496754, 5e-11);
-  EXPECT_NEAR(w[2], 0.0010135263, 5e-11);
+  quelta::RandomGenerator reference;
+  for (float c : w) EXPECT_EQ(c, reference.next(1, 0) / 200.0f);
   GetRotVec_InVG(q);  // x, y, z, w of the identity: flat, facing north
   EXPECT_EQ(V(q, q + 4), (V{0, 0, 0, 1}));
-  EXPECT_NEAR(myRand(1, 0), 0.78322256, 1e-8);  // the host shares the pipeline's generator
+  EXPECT_EQ(myRand(1, 0), reference.next(1, 0));  // the host shares the pipeline's generator
 
   // An independent pipeline has its own generator and leaves the exported state alone.
   quelta::StandaloneVirtualGyro own;
   own.gyro.process(kMag, kAcc, 0, -1, 0.01f);
-  own.gyro.calGyr(q);
+  own.gyro.copyRate(q);
   EXPECT_EQ(q[0], w[0]);
   EXPECT_TRUE(own.buffers.magRaw.count == 1 && bfMagRaw.count == 1);
 }
@@ -140,13 +141,10 @@ TEST(VirtualGyroPipeline, StartupErrorPeriodReplacesTheRateOnExactlyFortyNineCal
   EXPECT_EQ(capturedLines().back(), "TRVQX4e 20200831 StartErrCount= 52 ErrCountFlag= 1 \n");
 }
 
-TEST(VirtualGyroPipeline, VerboseLinesCarryTheInputsAndNormsOtherModesLogNothing) {
+TEST(VirtualGyroPipeline, ModeOneLogsItsVerboseLinesModesTwoAndNegativeLogNothing) {
   startCapture();
   CalcQueltaGyro(kMag, kAcc, 0, 1, 0.01f);
-  EXPECT_EQ(capturedLines(),
-            (std::vector<std::string>{
-                "TRVQX4e 20210430 inVG  mag 0.456700 -0.250000 0.100000 acc 0.000000 0.000000 9.800000 ts 0.010000 \n",
-                "TRVQX4e 20210430 norm2(acc,3)= 9 norm2(mag,3)=0 StartErrCount=0 ErrCountFlag = 0 \n"}));  // still: no rate line
+  EXPECT_EQ(capturedLines().size(), 2u);  // input and norms; still: no rate line (texts: golden trace)
   // Modes 2 and -1 log nothing, through errors, bad intervals and rotation.
   SpinningDevice device = spinAboutZ(3.0);
   capturedLines().clear();
@@ -185,7 +183,7 @@ void expectSpinMeasured(Vec3 axis, double rate, Quat start) {
     const SensorSample s = spin.read(i);
     gyro.gyro.process(s.mag, s.acc, 0, -1, 0.01f);
     float w[3];
-    gyro.gyro.calGyr(w);
+    gyro.gyro.copyRate(w);
     const double ex = w[0] - rate * axis.x, ey = w[1] - rate * axis.y, ez = w[2] - rate * axis.z;
     ASSERT_TRUE(i < 100 || std::sqrt(ex * ex + ey * ey + ez * ez) <= 0.02 * rate)
         << "sample " << i << " rate " << rate << " published " << w[0] << " " << w[1] << " " << w[2];
@@ -210,8 +208,8 @@ TEST(VirtualGyroEndToEnd, DeviceAtRestPublishesOnlySmallNoiseAndItsAttitude) {
       const SensorSample s = still.read(i);
       gyro.gyro.process(s.mag, s.acc, 0, -1, 0.01f);
       float w[3], q[4];
-      gyro.gyro.calGyr(w);
-      gyro.gyro.rotVecInVG(q);
+      gyro.gyro.copyRate(w);
+      gyro.gyro.copyAttitude(q);
       for (float c : w) ASSERT_LE(std::fabs(c), 0.005f) << "sample " << i;
       ASSERT_TRUE(i < 50 || angleBetween(q, attitude) < kHalfDegree) << "sample " << i;
     }

@@ -1,6 +1,7 @@
 #include "tools/replay/html_report.h"
 
 #include <cmath>
+#include <cstdio>
 
 namespace quelta::replay {
 
@@ -120,7 +121,7 @@ void ReportBuilder::addErrors(const SampleErrors& e) {
   }
 }
 
-std::string ReportBuilder::render(const std::string& summaryText) const {
+std::string ReportBuilder::render(const std::string& summaryText, const std::vector<AccuracyDrop>& drops) const {
   std::string html =
       "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\"/>\n<title>Replay of " + escapeXml(name_) +
       "</title>\n<style>\n"
@@ -131,6 +132,8 @@ std::string ReportBuilder::render(const std::string& summaryText) const {
       "p.legend { max-width: 1180px; font-size: 13px; }\n"
       "svg.plot { display: block; margin: 8px 0; border: 1px solid #dddddd; }\n"
       ".row { display: flex; gap: 12px; flex-wrap: wrap; }\n"
+      "table.drops { border-collapse: collapse; font-size: 12px; margin: 6px 0; }\n"
+      "table.drops td, table.drops th { border: 1px solid #dddddd; padding: 2px 8px; text-align: right; }\n"
       "</style>\n</head>\n<body>\n<h1>Replay of " +
       escapeXml(name_) + "</h1>\n<pre class=\"summary\">" + escapeXml(summaryText) + "</pre>\n";
   html += "<p class=\"legend\" id=\"legend\">Solid lines are what the library reported; dashed lines are the "
@@ -151,8 +154,25 @@ std::string ReportBuilder::render(const std::string& summaryText) const {
   const char* axes[3] = {"x", "y", "z"};
   for (int k = 0; k < 3; ++k) offset.series.push_back(line(std::string("offset ") + axes[k], colours[k], offset_[k]));
   offset.series.push_back(line("radius", kGrey, radius_));
-  html += "<section id=\"calibration\">\n<h2>Calibration</h2>\n" + renderSvg(accuracy) + renderSvg(offset) +
-          "</section>\n";
+  html += "<section id=\"calibration\">\n<h2>Calibration</h2>\n" + renderSvg(accuracy);
+  if (!drops.empty()) {
+    html += "<details id=\"drops\"><summary>" + std::to_string(drops.size()) +
+            " drops of accuracy</summary>\n<table class=\"drops\"><tr><th>at (s)</th><th>from</th><th>down to</th>"
+            "<th>for (s)</th></tr>\n";
+    char line[160];
+    for (size_t i = 0; i < drops.size() && i < kDropsInReport; ++i) {
+      const AccuracyDrop& d = drops[i];
+      std::snprintf(line, sizeof line, "<tr><td>%.2f</td><td>%d</td><td>%d</td><td>%.2f%s</td></tr>\n", d.at, d.from,
+                    d.lowest, d.duration, d.recovered ? "" : " (to the end)");
+      html += line;
+    }
+    html += "</table>\n";
+    if (drops.size() > kDropsInReport) {
+      html += "<p>and " + std::to_string(drops.size() - kDropsInReport) + " more</p>\n";
+    }
+    html += "</details>\n";
+  }
+  html += renderSvg(offset) + "</section>\n";
   if (compass_) {
     Chart disturbance = timeChart("plot-disturbance", "Magnetic disturbance", "score (1: flag threshold)", 220);
     disturbance.series.push_back(line("disturbance score", kZ, disturbance_));

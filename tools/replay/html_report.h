@@ -12,6 +12,7 @@
 #include "tools/replay/recording.h"
 #include "tools/replay/reference_comparison.h"
 #include "tools/replay/replay_row.h"
+#include "tools/replay/summary.h"
 #include "tools/replay/svg_chart.h"
 
 namespace quelta::replay {
@@ -27,7 +28,11 @@ class ReportBuilder {
   void add(const RecordedSample& sample, const ReplayRow& row);
   // Second pass: the errors against the reference (from ReferenceComparator::finish).
   void addErrors(const SampleErrors& errors);
-  std::string render(const std::string& summaryText) const;
+  // The summary's text heads the page; its drops of accuracy are listed in
+  // full below the calibration plots (up to kDropsInReport).
+  std::string render(const std::string& summaryText, const std::vector<AccuracyDrop>& drops = {}) const;
+
+  static constexpr size_t kDropsInReport = 1000;
 
   // Field samples kept for the cloud plots at most.
   static constexpr size_t kCloudPoints = 20000;

@@ -160,10 +160,9 @@ int run(const Options& options) {
     setLogStream(log->stream());
     driver.log = prefixedLog;
   }
-  std::unique_ptr<OutputCsvWriter> csvWriter;
   if (csv) {
     if (!csv->open(problem)) return fail(problem);
-    csvWriter = std::make_unique<OutputCsvWriter>(csv->stream(), compass);
+    (compass ? writeCompassCsvHeader : writeOutputCsvHeader)(csv->stream());
   }
   driver.progress = [&progress](size_t done, size_t all) { progress.show("replaying", done, all); };
   compassOptions.progress = driver.progress;
@@ -177,21 +176,28 @@ int run(const Options& options) {
     if (compass) reportBuilder->setCompass(rateFromAttitude);
   }
   std::optional<ReplayRow> lastFit;
-  const RowSink sink = [&](const RecordedSample& sample, const ReplayRow& row) {
-    if (csvWriter) csvWriter->add(row);
-    summaryBuilder.add(row);
-    comparator.add(sample, row);
-    if (reportBuilder) reportBuilder->add(sample, row);
-    if (row.newCalibration) lastFit = row;
-  };
-  if (compass) {
-    replayCompassStream(source, total, compassOptions, sink);
-  } else {
-    replayStream(source, period, total, driver, sink);
-    RegisterLogCallback(nullptr);
-    setLogStream(nullptr);
+  FILE* const csvStream = csv ? csv->stream() : nullptr;
+  {
+    // The library runs on this thread; everything made of its outputs on another.
+    RowPipeline consumers([&](const RecordedSample& sample, const ReplayRow& row) {
+      if (csvStream != nullptr) (compass ? writeCompassCsvRow : writeOutputCsvRow)(csvStream, row);
+      summaryBuilder.add(row);
+      comparator.add(sample, row);
+      if (reportBuilder) reportBuilder->add(sample, row);
+      if (row.newCalibration) lastFit = row;
+    });
+    const RowSink handOver = [&consumers](const RecordedSample& sample, const ReplayRow& row) {
+      consumers.add(sample, row);
+    };
+    if (compass) {
+      replayCompassStream(source, total, compassOptions, handOver);
+    } else {
+      replayStream(source, period, total, driver, handOver);
+      RegisterLogCallback(nullptr);
+      setLogStream(nullptr);
+    }
+    consumers.finish();
   }
-  if (csvWriter) csvWriter->finish();
   // A problem further down the recording: nothing is kept (the outputs'
   // temporaries go with their OutputFile).
   if (reader.failed()) {
@@ -206,9 +212,9 @@ int run(const Options& options) {
     if (reportBuilder) reportBuilder->addErrors(errors);
     if (++compared % 65536 == 0) progress.show("comparing with the reference", compared, replayed);
   });
-  Summary summaryFigures = summaryBuilder.finish();
-  if (summaryFigures.compass) summaryFigures.compass->reasonText = calibrationReasonText(summaryFigures.compass->last.reason);
-  std::string summary = formatSummary(summaryFigures, reference);
+  Summary figures = summaryBuilder.finish();
+  if (figures.compass) figures.compass->reasonText = calibrationReasonText(figures.compass->last.reason);
+  std::string summary = formatSummary(figures, reference);
 
   if (!storedProblem.empty()) summary += "stored calibration not used: " + storedProblem + "\n";
   std::string calibrationText;
@@ -224,7 +230,7 @@ int run(const Options& options) {
   if (reportBuilder) {
     progress.phase("writing the report");
     if (!report->open(problem)) return fail(problem);
-    const std::string html = reportBuilder->render(summary);
+    const std::string html = reportBuilder->render(summary, figures.drops);
     std::fwrite(html.data(), 1, html.size(), report->stream());
   }
   if (!calibrationText.empty()) {

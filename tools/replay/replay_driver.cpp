@@ -72,6 +72,51 @@ size_t replayStream(const SampleSource& source, double period, size_t total, con
   return count;
 }
 
+RowPipeline::RowPipeline(RowSink sink) : sink_(std::move(sink)) {
+  filling_.reserve(kBatch);
+  working_.reserve(kBatch);
+  thread_ = std::thread([this] { work(); });
+}
+
+RowPipeline::~RowPipeline() { finish(); }
+
+void RowPipeline::add(const RecordedSample& sample, const ReplayRow& row) {
+  filling_.emplace_back(sample, row);
+  if (filling_.size() == kBatch) handOver();
+}
+
+void RowPipeline::handOver() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait(lock, [this] { return working_.empty(); });
+  working_.swap(filling_);
+  changed_.notify_all();
+}
+
+void RowPipeline::finish() {
+  if (!thread_.joinable()) return;
+  if (!filling_.empty()) handOver();
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return working_.empty(); });
+    done_ = true;
+    changed_.notify_all();
+  }
+  thread_.join();
+}
+
+void RowPipeline::work() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return done_ || !working_.empty(); });
+    if (working_.empty()) return;  // done, and nothing left
+    lock.unlock();
+    for (const auto& [sample, row] : working_) sink_(sample, row);
+    lock.lock();
+    working_.clear();
+    changed_.notify_all();
+  }
+}
+
 std::vector<ReplayRow> replayRecording(const Recording& recording, const DriverOptions& options) {
   std::vector<ReplayRow> rows;
   rows.reserve(recording.samples.size());

@@ -37,8 +37,7 @@
 #include <limits>
 
 #include "QueltaAlgo.h"
-#include "magcal/calibrator.h"
-#include "orientation/orientation.h"
+#include "interface/compass.h"
 #include "tools/sim/device_sim.h"
 #include "tools/soak/disturbance.h"
 #include "tools/soak/latch.h"
@@ -65,9 +64,11 @@ bool finite(const float* v, int n) {
   return true;
 }
 
-bool historyFinite(const quelta::History30& h) {
-  for (int32_t k = 0; k < quelta::History30::kLength; ++k) {
-    if (!finite(h.at(k), 3)) return false;
+bool finite(const quelta::Vec3f& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
+bool historiesFinite(const quelta::SampleIntake& intake) {
+  for (int32_t k = 0; k < quelta::SampleIntake::kHistoryLength; ++k) {
+    if (!finite(intake.fieldAt(k)) || !finite(intake.accAt(k))) return false;
   }
   return true;
 }
@@ -116,8 +117,8 @@ class Host {
     GetCalGyr(o.gyr);
     GetRotVec_InVG(o.gyrQuat);
     naiveGyro_.gyro.process(o.calMag, s.acc, 0, kSilent, static_cast<float>(kDt));
-    naiveGyro_.gyro.calGyr(o.naiveGyr);
-    naiveGyro_.gyro.rotVecInVG(o.naiveQuat);
+    naiveGyro_.gyro.copyRate(o.naiveGyr);
+    naiveGyro_.gyro.copyAttitude(o.naiveQuat);
 
     CalcQueltaRotVec(o.calMag, s.acc, 0);
     GetCalRov(o.rov);
@@ -155,9 +156,9 @@ enum LatchIndex {
 };
 
 void observeLatches(Latch* latches, const Outputs& o, int64_t t) {
-  const quelta::CalibrationState& cal = quelta::defaultCalibrator().state;
-  const quelta::Orientation& orientation = quelta::defaultOrientation();
-  const quelta::AzimuthSmoother& smoother = orientation.smoother;
+  const quelta::Compass& compass = quelta::defaultCompass();
+  const quelta::Calibrator& cal = compass.calibrator();
+  const quelta::Orientation& orientation = compass.orientation();
   latches[kRov].observe(!finite(o.rov, 4), t);
   latches[kGravity].observe(!finite(o.gravity, 3), t);
   latches[kLinear].observe(!finite(o.linear, 3), t);
@@ -167,17 +168,14 @@ void observeLatches(Latch* latches, const Outputs& o, int64_t t) {
   latches[kNaiveQuat].observe(!finite(o.naiveQuat, 4), t);
   latches[kGyroLpf].observe(!finite(bfMagLPFData, 9) || !finite(bfAccLPFData, 9), t);
   latches[kCalMag].observe(!finite(o.calMag, 3), t);
-  latches[kOffset].observe(!finite(cal.dSphereOffset, 3) || !std::isfinite(cal.dSphereRadius), t);
-  latches[kSaved].observe(!finite(cal.dSavedOffset, 3) || !std::isfinite(cal.dSavedRadius), t);
+  latches[kOffset].observe(!finite(cal.offset()) || !std::isfinite(cal.radius()), t);
+  latches[kSaved].observe(!finite(cal.savedOffset()) || !std::isfinite(cal.savedRadius()), t);
   latches[kGeometry].observe(!finite(o.para + 4, 3), t);
-  latches[kHistories].observe(!historyFinite(cal.dMagHistory) || !historyFinite(cal.dAccHistory), t);
+  latches[kHistories].observe(!historiesFinite(compass.intake()), t);
   latches[kOri].observe(!finite(o.ori, 3), t);
-  latches[kOriMatrix].observe(!finite(&orientation.dOriMatrix[0][0], 9), t);
-  latches[kAziLpf].observe(!finite(smoother.dAziLpfIn, 2) || !finite(smoother.dAziLpfOut, 2), t);
-  latches[kAziWindows].observe(
-      !finite(smoother.dAziMedBuf, quelta::AzimuthSmoother::kMedianCapacity) ||
-          !finite(smoother.dAziMeanBuf, quelta::AzimuthSmoother::kMeanCapacity),
-      t);
+  latches[kOriMatrix].observe(!finite(&orientation.matrix()[0][0], 9), t);
+  latches[kAziLpf].observe(!orientation.smoother().filterFinite(), t);
+  latches[kAziWindows].observe(!orientation.smoother().windowsFinite(), t);
 }
 
 struct Stats {
@@ -211,10 +209,10 @@ void checkOutputs(const Outputs& o, int64_t t, int64_t lastBad, Stats& stats) {
   if (!o.fusedInputBad && !(finite(o.gyr, 3) && finite(o.gyrQuat, 4))) {
     stats.violation(t, "virtual gyroscope not finite on finite input (restarted after bad input)");
   }
-  const quelta::Orientation& orientation = quelta::defaultOrientation();
+  const quelta::Orientation& orientation = quelta::defaultCompass().orientation();
   if (!finite(o.ori, 3)) stats.violation(t, "GetCalOri not finite");
-  if (!finite(&orientation.dOriMatrix[0][0], 9)) stats.violation(t, "orientation matrix not finite");
-  if (!finite(orientation.smoother.dAziLpfIn, 2) || !finite(orientation.smoother.dAziLpfOut, 2)) {
+  if (!finite(&orientation.matrix()[0][0], 9)) stats.violation(t, "orientation matrix not finite");
+  if (!orientation.smoother().filterFinite()) {
     stats.violation(t, "azimuth filter state not finite");
   }
 }
@@ -231,7 +229,7 @@ class RecoveryWatch {
 
   void observe(int64_t t, const Vec3& trueOffset, Stats& stats) {
     if (since_ < 0 || t < since_) return;
-    const float* o = quelta::defaultCalibrator().state.dSphereOffset;
+    const quelta::Vec3f o = quelta::defaultCompass().calibrator().offset();
     const double dx = o[0] - trueOffset.x, dy = o[1] - trueOffset.y, dz = o[2] - trueOffset.z;
     if (GetMagAccuracy() != 3 || !(std::sqrt(dx * dx + dy * dy + dz * dz) < kOffsetTolerance)) return;
     const int k = static_cast<int>(kind_);

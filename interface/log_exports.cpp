@@ -1,4 +1,5 @@
-#include "core/log.h"
+// The exported log callback and its registration.
+#include "QueltaAlgo.h"
 
 extern "C" {
 
