@@ -28,7 +28,7 @@ constexpr double kNoiseFloor = 0.006;      // gauss, floor of the robust scale
 // What one constant model leaves unexplained on real devices even where
 // nothing disturbs (gravity errors while walking, small field gradients):
 // the floor of the scale that the covariance (the heading error) uses.
-constexpr double kModelNoise = 0.012;
+constexpr double kModelNoise = 0.016;
 // Without an expected field, the strength stays within the Earth's range.
 constexpr double kPlausibleStrength = 0.45;
 constexpr double kPlausibleStrengthSigma = 0.1;
@@ -53,7 +53,7 @@ constexpr double kEllipsoidMinEigen = 0.12;
 constexpr int kEllipsoidMinSlots = 30;
 // Heading error: covariance inflation (neighbouring blocks are correlated)
 // and the floor of what the model cannot see.
-constexpr double kCovInflation = 4.0;
+constexpr double kCovInflation = 5.0;
 constexpr double kFloorSphereDeg = 0.8;
 constexpr double kFloorEllipsoidDeg = 0.4;
 // Accuracy levels from the heading error estimate.
@@ -665,7 +665,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
   out.cal.offset = c;
   out.cal.softIron = w;
   out.cal.strength = r;
-  out.cal.vertical = haveUp ? v : start.vertical;
+  out.cal.vertical = std::max(-r, std::min(r, haveUp ? v : start.vertical));
   out.cal.model = ellipsoid ? Model::Ellipsoid : (start.model == Model::Ellipsoid ? Model::Ellipsoid : Model::Sphere);
   out.residual = sigmaS;
   // Coverage reported about the fitted centre.
@@ -784,7 +784,7 @@ bool Calibrator::checkChange(V3 m, V3 up) {
     // disturbed place). Start again from the recent blocks; the calibration
     // before stays in memory should the old field come back.
     if (clock_ - inconsistentSince_ >= kRestartSeconds && inconsistentShare_ > kRestartShare && n >= kChangeMinBlocks) {
-      previous_ = cal_;
+      previous_ = quality_.accuracy >= 2 ? cal_ : Calibration{};
       heldStrength_ = 0.0;
       priorOffsetSigma_ = 0.0;
       count_ = 0;
@@ -822,9 +822,24 @@ bool Calibrator::checkChange(V3 m, V3 up) {
         start.offset = (1.0 / n) * mean;
       }
       FitResult r;
+      // Held only when the stored calibration was good; else the priors of
+      // a first calibration.
+      const bool trusted = quality_.accuracy >= 2;
       const bool haveUp = cal_.vertical != 0.0;
-      const bool ok = fit(recent, n, start, false, true, cal_.strength, kHeldStrengthSigma * cal_.strength,
-                          cal_.vertical, haveUp ? kHeldVerticalSigma * cal_.strength : 0.0, r);
+      double ps = kPlausibleStrength, pss = kPlausibleStrengthSigma;
+      double pv = kPlausibleVertical, pvs = kPlausibleVerticalSigma;
+      if (trusted) {
+        ps = cal_.strength;
+        pss = kHeldStrengthSigma * ps;
+        pv = cal_.vertical;
+        pvs = haveUp ? kHeldVerticalSigma * ps : 0.0;
+      } else if (expected_.known && expected_.strengthGauss > 0.0) {
+        ps = expected_.strengthGauss;
+        pss = kExpectedSigma * ps;
+        pv = -ps * std::sin(expected_.dipDeg / kDeg);
+        pvs = kExpectedSigma * ps;
+      }
+      const bool ok = fit(recent, n, start, false, true, ps, pss, pv, pvs, r);
 #ifdef QUELTA_MAG_DEBUG
       std::fprintf(stderr, "change try t=%.1f n=%d ok=%d res=%.4f he=%.1f R=%.3f/%.3f cov=%.2f off=(%.3f %.3f %.3f)\n", clock_, n, ok, r.residual, r.headingErrorDeg, r.cal.strength, cal_.strength, r.coverage, r.cal.offset.x, r.cal.offset.y, r.cal.offset.z);
 #endif
@@ -836,9 +851,11 @@ bool Calibrator::checkChange(V3 m, V3 up) {
       if (ok && r.residual < std::max(kChangeMaxResidual, 2.0 * quality_.residualGauss) &&
           r.residual * kChangeGain < oldResidual && norm(r.cal.offset - cal_.offset) > tol &&
           r.headingErrorDeg < kChangeMaxHeadingDeg && r.coverage >= kChangeMinCoverage &&
-          std::fabs(r.cal.strength / cal_.strength - 1.0) < 0.1) {
+          (!trusted || std::fabs(r.cal.strength / cal_.strength - 1.0) < 0.1)) {
         Calibration next = cal_;
         next.offset = r.cal.offset;
+        next.strength = r.cal.strength;
+        next.vertical = r.cal.vertical;
         adopt(next, recent, n, &r);
         return false;
       }
@@ -852,9 +869,11 @@ bool Calibrator::checkChange(V3 m, V3 up) {
 }
 
 void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r) {
-  heldStrength_ = cal_.strength;
-  heldVertical_ = cal_.vertical;
-  previous_ = cal_;
+  const bool trusted = quality_.accuracy >= 2 || r == nullptr;
+  heldStrength_ = trusted ? c.strength : 0.0;
+  heldVertical_ = c.vertical;
+  // Only a good calibration is worth returning to.
+  previous_ = quality_.accuracy >= 2 ? cal_ : Calibration{};
   cal_ = c;
   calChanged_ = true;
   ++quality_.newHardIron;

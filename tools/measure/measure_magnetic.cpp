@@ -239,7 +239,8 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
   double magnetIn = -1, magnetOut = -1;
   const bool undisturbed = sc.disturbance == "none";
   double lastRatio = 0.0;
-  int level3Bad = 0;
+  int level3Bad = 0, level2Bad = 0, snaps = 0, within = 0;
+  double logRatio = 0.0;
   for (const Row& r : rows) {
     double acc[3] = {r.a[0], r.a[1], r.a[2]};
     if (std::getenv("MEASURE_TRUE_GRAVITY") && r.truth) {  // diagnosis only
@@ -294,6 +295,12 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
           lastRatio = ratio;
           if (ratio >= 0.5 && ratio <= 2.0) ++tot.ratioOk[a];
           if (a == 3 && actual > 5.0) ++level3Bad;
+          if (a == 2 && actual > 10.0) ++level2Bad;
+          if (a >= 2) {
+            ++snaps;
+            within += ratio >= 0.5 && ratio <= 2.0;
+            logRatio += std::log(ratio);
+          }
           if (std::getenv("MEASURE_VERBOSE"))
             std::printf("   t=%5.1f acc=%d est=%6.2f actual=%6.2f cov=%.2f res=%.4f R=%.3f model=%d reason=%d n=%d hi=%d off=(%.3f %.3f %.3f)\n", r.t, a,
                         q.headingErrorDeg, actual, q.coverage, q.residualGauss, q.fittedStrength,
@@ -332,6 +339,8 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
   if (dAll) std::printf("  detect %5.1f%% (%ld)", 100.0 * dFlag / dAll, dAll);
   if (undisturbed && cAll) std::printf("  false %4.1f%%", 100.0 * cFlag / cAll);
   if (level3Bad) std::printf("  acc3>5deg x%d", level3Bad);
+  if (level2Bad) std::printf("  acc2>10deg x%d", level2Bad);
+  if (snaps) std::printf("  est/actual: x2 %.0f%% gm %.2f", 100.0 * within / snaps, std::exp(logRatio / snaps));
   if (sc.magnet && sc.phases.size() >= 3)
     std::printf("\n%-28s magnet offset adopted %.1f s after %.0f s; reference back %.1f s after %.0f s", "",
                 magnetIn < 0 ? NAN : magnetIn - 36.0, 36.0, magnetOut < 0 ? NAN : magnetOut - 96.0, 96.0);
