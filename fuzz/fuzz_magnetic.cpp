@@ -18,7 +18,7 @@ namespace {
 
 using quelta::fuzz::FuzzInput;
 
-constexpr int kSampleBudget = 6000;
+constexpr int kSampleBudget = 1200;
 
 bool finite3(const double* v) { return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]); }
 
@@ -98,7 +98,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         dev.field.strengthGauss = 0.2 + in.byte() * 0.003;
         dev.field.inclinationDeg = in.intIn(-90, 90);
         dev.magNoiseGauss = in.byte() * 1e-4;
-        const int n = 50 + 10 * in.byte();
+        const int n = 20 + 2 * in.byte();
         const double dt = 0.002 + in.byte() * 0.0005;
         const double phase = in.byte();
         for (int i = 0; i < n && run.samplesLeft > 0; ++i) {

@@ -21,9 +21,11 @@ constexpr double kGravityMaxDev = 0.15;    // window mean's size against the usu
 constexpr double kGravityHalvesCos = 0.9945;  // cos 6 degrees: the window's halves agree
 constexpr double kMinSeparation = 0.05;    // between stored samples, share of the field strength
 constexpr double kRefreshAge = 2.0;        // a stored sample this old is refreshed by a neighbour
-constexpr double kFitInterval = 0.5;
+constexpr double kFitInterval = 0.75;
+constexpr double kSettledFitInterval = 3.0;
 constexpr int kMinSlots = 10;
-constexpr int kIterations = 4;
+constexpr int kIterations = 5;
+constexpr int kWarmIterations = 3;
 constexpr double kNoiseFloor = 0.006;      // gauss, floor of the robust scale
 // What one constant model leaves unexplained on real devices even where
 // nothing disturbs (gravity errors while walking, small field gradients):
@@ -78,13 +80,13 @@ constexpr int kHeldUntilSlots = 40;
 constexpr double kHeldStrengthSigma = 0.02;  // strength held in the change fit
 constexpr double kHeldVerticalSigma = 0.03;
 // Disturbance.
-constexpr double kDisturbTau = 0.3;
+constexpr double kDisturbTau = 0.4;
 constexpr double kStrengthScale = 0.10;   // relative strength deviation giving score 1
 constexpr double kDipScaleDeg = 5.0;      // dip deviation giving score 1
 constexpr double kGravityNoiseTau = 1.0;
-constexpr double kGravityNoiseGain = 1.5;  // dip tolerance added per degree of accelerometer motion
-constexpr double kFlagOn = 0.7;
-constexpr double kFlagOff = 0.5;
+constexpr double kGravityNoiseGain = 2.0;  // dip tolerance added per degree of accelerometer motion
+constexpr double kFlagOn = 0.85;
+constexpr double kFlagOff = 0.6;
 
 constexpr double kDeg = 57.29577951308232;
 
@@ -109,27 +111,20 @@ void symmetricJacobian(V3 s, V3 d, double* out) {
   out[5] = s.y * d.z + s.z * d.y;
 }
 
-// The 26 cells of directions: faces, edges and corners of a cube.
+// The 26 cells of directions: faces, edges and corners of a cube. A
+// direction belongs to the cell whose pattern of signs it follows, counting
+// a component as zero when it is below tan(22.5 deg) of the largest.
 double coverageOf(const V3* dirs, int n) {
   uint32_t cells = 0;
   for (int i = 0; i < n; ++i) {
     const V3 u = dirs[i];
-    int best = 0;
-    double bestDot = -2.0;
-    int index = 0;
-    for (int a = -1; a <= 1; ++a)
-      for (int b = -1; b <= 1; ++b)
-        for (int c = -1; c <= 1; ++c) {
-          if (a == 0 && b == 0 && c == 0) continue;
-          const double k = 1.0 / std::sqrt(static_cast<double>(a * a + b * b + c * c));
-          const double d = k * (a * u.x + b * u.y + c * u.z);
-          if (d > bestDot) {
-            bestDot = d;
-            best = index;
-          }
-          ++index;
-        }
-    cells |= 1u << best;
+    const double big = std::max(std::fabs(u.x), std::max(std::fabs(u.y), std::fabs(u.z)));
+    if (!(big > 0.0)) continue;
+    const double cut = 0.41421356 * big;
+    const int a = u.x > cut ? 2 : (u.x < -cut ? 0 : 1);
+    const int b = u.y > cut ? 2 : (u.y < -cut ? 0 : 1);
+    const int c = u.z > cut ? 2 : (u.z < -cut ? 0 : 1);
+    cells |= 1u << (9 * a + 3 * b + c);  // 13 (all zero) cannot happen
   }
   int count = 0;
   for (uint32_t c = cells; c; c &= c - 1) ++count;
@@ -345,7 +340,9 @@ void Calibrator::endBlock() {
   if (cal_.model != Model::None) offer = checkChange(m, up);
   if (offer) offerCandidate(m, up);
 
-  if (count_ >= kMinSlots && newSinceFit_ > 0 && clock_ - lastFit_ >= kFitInterval) refit();
+  // Fits often while converging, rarely once calibrated.
+  const double interval = quality_.accuracy >= 3 ? kSettledFitInterval : kFitInterval;
+  if (count_ >= kMinSlots && newSinceFit_ > 0 && clock_ - lastFit_ >= interval) refit();
 }
 
 void Calibrator::refreshNearest(int i) {
@@ -483,7 +480,9 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
   double sigmaS = kNoiseFloor, sigmaV = kNoiseFloor;
   double res[kSlots > kRecent ? kSlots : kRecent];
   double resV[kSlots > kRecent ? kSlots : kRecent];
-  for (int it = 0; it <= kIterations; ++it) {
+  // A start from the current calibration is close: fewer steps.
+  const int iterations = (start.model != Model::None && !holdShape) ? kWarmIterations : kIterations;
+  for (int it = 0; it <= iterations; ++it) {
     // Residuals and their robust scales.
     int nv = 0;
     double tmp[kSlots > kRecent ? kSlots : kRecent];
@@ -503,7 +502,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
     // widen the acceptance until everything fits.
     sigmaS = std::min(std::max(1.4826 * median(tmp, n), kNoiseFloor), kMaxScaleRel * r);
     sigmaV = std::min(std::max(std::max(1.4826 * median(tmpV, nv), sigmaS), kNoiseFloor), kMaxScaleRel * r);
-    if (it == kIterations) break;
+    if (it == iterations) break;
 
     double b[kP] = {};
     for (auto& row : a)
@@ -531,7 +530,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
       j[0] = -wn.x;
       j[1] = -wn.y;
       j[2] = -wn.z;
-      symmetricJacobian(nh, d, j + 3);
+      if (ellipsoid) symmetricJacobian(nh, d, j + 3);
       j[9] = -1.0;
       add(j, res[i], robust(res[i] / sigmaS) / (sigmaS * sigmaS));
       if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
@@ -540,7 +539,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
         jv[0] = -wu.x;
         jv[1] = -wu.y;
         jv[2] = -wu.z;
-        symmetricJacobian(s[i].up, d, jv + 3);
+        if (ellipsoid) symmetricJacobian(s[i].up, d, jv + 3);
         jv[10] = -1.0;
         add(jv, resV[i], robust(resV[i] / sigmaV) / (sigmaV * sigmaV));
       }
