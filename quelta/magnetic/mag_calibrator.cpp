@@ -2,9 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#ifdef QUELTA_MAG_DEBUG
-#include <cstdio>
-#endif
 
 namespace quelta::magnetic {
 namespace {
@@ -839,9 +836,6 @@ bool Calibrator::checkChange(V3 m, V3 up) {
         pvs = kExpectedSigma * ps;
       }
       const bool ok = fit(recent, n, start, false, true, ps, pss, pv, pvs, r);
-#ifdef QUELTA_MAG_DEBUG
-      std::fprintf(stderr, "change try t=%.1f n=%d ok=%d res=%.4f he=%.1f R=%.3f/%.3f cov=%.2f off=(%.3f %.3f %.3f)\n", clock_, n, ok, r.residual, r.headingErrorDeg, r.cal.strength, cal_.strength, r.coverage, r.cal.offset.x, r.cal.offset.y, r.cal.offset.z);
-#endif
       // The recent blocks must fit the new offset far better than the old one,
       // and the offset must have moved by more than the model's misfit.
       double oldMisfit[kRecent];
