@@ -18,7 +18,7 @@ namespace {
 
 using quelta::fuzz::FuzzInput;
 
-constexpr int kSampleBudget = 1200;
+constexpr int kSampleBudget = 500;
 
 bool finite3(const double* v) { return std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]); }
 
