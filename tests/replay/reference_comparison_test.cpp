@@ -53,6 +53,7 @@ TEST(ReferenceComparison, FindsTheHeadingAlignmentAndMeasuresWhatRemains) {
     sample.t = 0.02 * i;
     sample.attitude = attitude(heading, pitch, 10.0);
     sample.gyro = {0.1 * i, -0.2, 0.0};
+    sample.hasGyro = sample.hasAttitude = true;
     recording.samples.push_back(sample);
 
     ReplayRow row;

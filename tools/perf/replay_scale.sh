@@ -6,7 +6,10 @@
 #   tools/perf/replay_scale.sh [ROWS...]         (default: 1000000 10000000)
 #
 # Each size is replayed with --out and --report (no --log); the table gives
-# wall time, peak resident memory and the sizes of the outputs. Uses
+# wall time, processor time (user + system, all threads), peak resident
+# memory and the sizes of the outputs. On a shared machine the wall time
+# grows with the load (the 1-minute load average is printed); the
+# processor time much less so. Uses
 # build/tools/replay/quelta-replay (REPLAY overrides) and a scratch
 # directory (SCRATCH, default a fresh one under /tmp, removed at the end).
 set -eu
@@ -41,17 +44,18 @@ make_recording() {
     }' "$source"
 }
 
-printf "%10s  %8s  %10s  %10s  %10s  %s\n" rows "time s" "peak MB" "out MB" "report KB" "recording MB"
+echo "load average: $(cut -d' ' -f1-3 /proc/loadavg) on $(nproc) processors"
+printf "%10s  %8s  %8s  %10s  %10s  %10s  %s\n" rows "time s" "cpu s" "peak MB" "out MB" "report KB" "recording MB"
 for rows in "$@"; do
   recording=$scratch/repeated_$rows.csv
   [ -s "$recording" ] || make_recording "$rows" > "$recording"
   out=$scratch/out.csv
   report=$scratch/report.html
   rm -f "$out" "$report"
-  /usr/bin/time -f "%e %M" -o "$scratch/time.txt" "$replay" "$recording" --out "$out" --report "$report" \
+  /usr/bin/time -f "%e %U %S %M" -o "$scratch/time.txt" "$replay" "$recording" --out "$out" --report "$report" \
     > "$scratch/summary.txt" 2> "$scratch/stderr.txt" || { cat "$scratch/stderr.txt" >&2; exit 1; }
-  read -r seconds kilobytes < "$scratch/time.txt"
-  printf "%10d  %8.2f  %10.1f  %10.1f  %10.0f  %.1f\n" "$rows" "$seconds" "$(awk -v k="$kilobytes" 'BEGIN { print k / 1024 }')" \
+  read -r seconds user system kilobytes < "$scratch/time.txt"
+  printf "%10d  %8.2f  %8.2f  %10.1f  %10.1f  %10.0f  %.1f\n" "$rows" "$seconds" "$(awk -v u="$user" -v s="$system" 'BEGIN { print u + s }')" "$(awk -v k="$kilobytes" 'BEGIN { print k / 1024 }')" \
     "$(stat -c %s "$out" | awk '{ print $1 / 1048576 }')" "$(stat -c %s "$report" | awk '{ print $1 / 1024 }')" \
     "$(stat -c %s "$recording" | awk '{ print $1 / 1048576 }')"
 done

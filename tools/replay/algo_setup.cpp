@@ -1,9 +1,14 @@
 #include "tools/replay/algo_setup.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 #include <vector>
 
@@ -57,6 +62,13 @@ std::string formatFloat(float value) {
   return text;
 }
 
+// For messages: six significant digits.
+std::string shortFloat(float value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", static_cast<double>(value));
+  return text;
+}
+
 template <typename T, size_t N>
 void appendLine(std::string& text, const char* key, const std::array<T, N>& values) {
   text += key;
@@ -97,9 +109,35 @@ void SetupOverrides::applyTo(AlgoSetup& setup) const {
   if (windows) setup.windows = *windows;
 }
 
+std::string storedCalibrationProblem(const AlgoSetup& setup) {
+  const std::array<float, 4>& stored = setup.stored;
+  bool finite = true;
+  for (float value : stored) finite = finite && std::isfinite(value);
+  if (finite && stored[0] == 0.0f && stored[1] == 0.0f && stored[2] == 0.0f) return "";  // none
+  auto list = [&stored](size_t count) {
+    std::string text;
+    for (size_t i = 0; i < count; ++i) text += (i ? " " : "") + shortFloat(stored[i]);
+    return text;
+  };
+  if (!finite) return "stored calibration (offset " + list(3) + ", radius " + shortFloat(stored[3]) +
+                      ") is not finite";
+  if (!(stored[3] > kMinStoredRadius && stored[3] < kMaxStoredRadius)) {
+    return "stored radius " + shortFloat(stored[3]) + " gauss is outside the band the library accepts (" +
+           shortFloat(kMinStoredRadius) + " to " + shortFloat(kMaxStoredRadius) + " gauss)";
+  }
+  return "";
+}
+
+std::string dropImplausibleStoredCalibration(AlgoSetup& setup) {
+  std::string problem = storedCalibrationProblem(setup);
+  if (!problem.empty()) setup.stored = AlgoSetup{}.stored;
+  return problem;
+}
+
 bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::string& problem) {
   out = SetupOverrides{};
-  std::istringstream lines(text);
+  // A byte-order mark from an editor is no part of the first key.
+  std::istringstream lines(text.compare(0, 3, "\xEF\xBB\xBF") == 0 ? text.substr(3) : text);
   std::string line;
   int lineNumber = 0;
   while (std::getline(lines, line)) {
@@ -146,6 +184,43 @@ bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::str
       problem = where + "bad or missing values for '" + key + "'";
       return false;
     }
+  }
+  return true;
+}
+
+bool readCalibrationFile(const std::string& path, SetupOverrides& out, bool& found, std::string& problem) {
+  out = SetupOverrides{};
+  found = false;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT) return true;
+    problem = path + ": cannot open the calibration: " + std::strerror(errno);
+    return false;
+  }
+  found = true;
+  std::string text;
+  struct stat info;
+  int error = fstat(fd, &info) == 0 && S_ISDIR(info.st_mode) ? EISDIR : 0;
+  char buffer[4096];
+  while (error == 0) {
+    const ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got > 0) {
+      text.append(buffer, static_cast<size_t>(got));
+      if (text.size() > (1u << 20)) error = EFBIG;  // a calibration is a few lines
+    } else if (got == 0) {
+      break;
+    } else if (errno != EINTR) {
+      error = errno;
+    }
+  }
+  ::close(fd);
+  if (error != 0) {
+    problem = path + ": cannot read the calibration: " + std::strerror(error);
+    return false;
+  }
+  if (!parseCalibrationFile(text, out, problem)) {
+    problem = path + ":" + problem;
+    return false;
   }
   return true;
 }

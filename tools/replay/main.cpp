@@ -8,24 +8,24 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
-#include <fstream>
 #include <cstring>
 #include <memory>
 #include <optional>
-#include <sstream>
 
 #include "tools/replay/algo_setup.h"
 #include "tools/replay/bundled_recording.h"
 #include "tools/replay/cli_options.h"
 #include "tools/replay/html_report.h"
+#include "tools/replay/log_prefix.h"
+#include "tools/replay/log_prefix.h"
 #include "tools/replay/output_csv.h"
 #include "tools/replay/output_file.h"
 #include "tools/replay/recording.h"
 #include "tools/replay/reference_comparison.h"
 #include "tools/replay/replay_driver.h"
 #include "tools/replay/summary.h"
+#include "tools/replay/units_check.h"
 
 namespace {
 
@@ -34,51 +34,9 @@ using namespace quelta::replay;
 constexpr int kExitBadInput = 1;
 constexpr int kExitUsage = 2;
 
-// The library's log: each line starts with the sample it belongs to.
-FILE* logStream = nullptr;
-bool logAtLineStart = true;
-size_t logSample = 0;
-double logTime = 0.0;
-bool logBeforeReplay = true;
-
-int logToFile(const char* format, ...) {
-  char text[2048];
-  va_list args;
-  va_start(args, format);
-  const int length = std::vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  if (length < 0) return length;
-  const char* at = text;
-  const char* const end = text + std::min<size_t>(static_cast<size_t>(length), sizeof text - 1);
-  while (at < end) {
-    if (logAtLineStart) {
-      if (logBeforeReplay) {
-        std::fputs("[start] ", logStream);
-      } else {
-        std::fprintf(logStream, "[sample %zu t=%.3f] ", logSample, logTime);
-      }
-    }
-    const char* newline = static_cast<const char*>(std::memchr(at, '\n', static_cast<size_t>(end - at)));
-    const char* stop = newline != nullptr ? newline + 1 : end;
-    std::fwrite(at, 1, static_cast<size_t>(stop - at), logStream);
-    logAtLineStart = newline != nullptr;
-    at = stop;
-  }
-  return length;
-}
-
 int fail(const std::string& message) {
   std::fprintf(stderr, "quelta-replay: %s\n", message.c_str());
   return kExitBadInput;
-}
-
-bool readTextFile(const std::string& path, std::string& text) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return false;
-  std::ostringstream content;
-  content << file.rdbuf();
-  text = content.str();
-  return true;
 }
 
 // Progress on standard error, when it is a terminal: one line, rewritten.
@@ -137,28 +95,31 @@ int run(const Options& options) {
   AlgoSetup setup;
   SetupOverrides fromFile;
   if (!options.calibrationFile.empty()) {
-    std::string text;
-    if (readTextFile(options.calibrationFile, text)) {
-      if (!parseCalibrationFile(text, fromFile, problem)) return fail(options.calibrationFile + ":" + problem);
-      fromFile.applyTo(setup);
-    }
+    bool found = false;
+    if (!readCalibrationFile(options.calibrationFile, fromFile, found, problem)) return fail(problem);
+    fromFile.applyTo(setup);
   }
   options.setup.applyTo(setup);
+  // AlgoInitial adopts any stored offset: a wrong one would stay for the run.
+  const std::string storedProblem = dropImplausibleStoredCalibration(setup);
+  if (!storedProblem.empty()) {
+    std::fprintf(stderr, "quelta-replay: warning: %s; not used, calibrating from scratch\n", storedProblem.c_str());
+  }
 
-  progress.phase("reading the recording");
-  Recording recording;
-  InputError error;
-  if (!readRecording(recordingPath, options.units, recording, error)) return fail(error.describe());
-  size_t next = 0;
-  const SampleSource source = [&recording, &next](RecordedSample& sample) {
-    if (next == recording.samples.size()) return false;
-    sample = recording.samples[next++];
-    return true;
-  };
-  const double period = recording.nominalPeriod();
-  const size_t total = recording.samples.size();
-  const std::string name = recording.name;
-  const bool hasGyro = recording.hasGyro, hasAttitude = recording.hasAttitude;
+  // The recording streams; its first samples are read ahead for the
+  // sample interval the library is initialised with and the units check.
+  RecordingReader reader;
+  if (!reader.open(recordingPath, options.units)) return fail(reader.error().describe());
+  const std::vector<RecordedSample>& first = reader.peek(kUnitsCheckSamples);
+  if (reader.failed()) return fail(reader.error().describe());
+  for (const std::string& warning : checkUnits(first, options.units)) {
+    std::fprintf(stderr, "quelta-replay: warning: %s\n", warning.c_str());
+  }
+  const double period = nominalPeriod(first);
+  const size_t total = 0;  // not known before the end
+  const std::string name = reader.name();
+  const bool hasGyro = reader.hasGyroColumns(), hasAttitude = reader.hasAttitudeColumns();
+  const SampleSource source = [&reader](RecordedSample& sample) { return reader.next(sample); };
 
   // Outputs that stream are opened now; the rest when their content is ready.
   DriverOptions driver;
@@ -166,13 +127,8 @@ int run(const Options& options) {
   driver.logMode = options.logMode;
   if (log) {
     if (!log->open(problem)) return fail(problem);
-    logStream = log->stream();
-    driver.log = logToFile;
-    driver.beforeSample = [](size_t index, double t) {
-      logBeforeReplay = false;
-      logSample = index;
-      logTime = t;
-    };
+    setLogStream(log->stream());
+    driver.log = prefixedLog;
   }
   if (csv) {
     if (!csv->open(problem)) return fail(problem);
@@ -184,26 +140,40 @@ int run(const Options& options) {
   ReferenceComparator comparator(hasGyro, hasAttitude);
   std::unique_ptr<ReportBuilder> reportBuilder;
   if (report) reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);
-  FILE* const csvStream = csv ? csv->stream() : nullptr;
   std::optional<ReplayRow> lastFit;
-  replayStream(source, period, total, driver, [&](const RecordedSample& sample, const ReplayRow& row) {
-    if (csvStream != nullptr) writeOutputCsvRow(csvStream, row);
-    summaryBuilder.add(row);
-    comparator.add(sample, row);
-    if (reportBuilder) reportBuilder->add(sample, row);
-    if (row.newCalibration) lastFit = row;
-  });
-  RegisterLogCallback(nullptr);
-  logStream = nullptr;
+  FILE* const csvStream = csv ? csv->stream() : nullptr;
+  {
+    // The library runs on this thread; everything made of its outputs on another.
+    RowPipeline consumers([&](const RecordedSample& sample, const ReplayRow& row) {
+      if (csvStream != nullptr) writeOutputCsvRow(csvStream, row);
+      summaryBuilder.add(row);
+      comparator.add(sample, row);
+      if (reportBuilder) reportBuilder->add(sample, row);
+      if (row.newCalibration) lastFit = row;
+    });
+    replayStream(source, period, total, driver,
+                 [&consumers](const RecordedSample& sample, const ReplayRow& row) { consumers.add(sample, row); });
+    RegisterLogCallback(nullptr);
+    setLogStream(nullptr);
+    consumers.finish();
+  }
+  // A problem further down the recording: nothing is kept (the outputs'
+  // temporaries go with their OutputFile).
+  if (reader.failed()) {
+    progress.clear();
+    return fail(reader.error().describe());
+  }
 
+  const size_t replayed = reader.samplesRead();
   size_t compared = 0;
-  progress.show("comparing with the reference", 0, total);
+  progress.show("comparing with the reference", 0, replayed);
   const ReferenceComparison reference = comparator.finish([&](const SampleErrors& errors) {
     if (reportBuilder) reportBuilder->addErrors(errors);
-    if (++compared % 65536 == 0) progress.show("comparing with the reference", compared, total);
+    if (++compared % 65536 == 0) progress.show("comparing with the reference", compared, replayed);
   });
   std::string summary = formatSummary(summaryBuilder.finish(), reference);
 
+  if (!storedProblem.empty()) summary += "stored calibration not used: " + storedProblem + "\n";
   std::string calibrationText;
   if (calibration) {
     if (lastFit) {
@@ -245,6 +215,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     std::fputs(usageText(), stdout);
+    return 0;
+  }
+  if (options.version) {
+    std::fputs(versionText().c_str(), stdout);
     return 0;
   }
   return run(options);

@@ -40,7 +40,7 @@ void writeOutputCsvHeader(FILE* out) {
 void writeOutputCsvRow(FILE* out, const ReplayRow& r) {
   char line[1024];  // 28 fields of at most 16 characters each
   char* const end = line + sizeof line;
-  char* at = line + std::snprintf(line, sizeof line, "%.9g", r.t);
+  char* at = std::to_chars(line, end, r.t, std::chars_format::general, 9).ptr;  // as %.9g
   at = putInt(at, end, r.accuracy);
   at = putInt(at, end, r.poolCount);
   at = putInt(at, end, r.newCalibration ? 1 : 0);

@@ -236,14 +236,15 @@ bool OutputFile::commit(std::string& problem) {
     problem = describe() + ": not open";
     return false;
   }
-  errno = 0;
+  // A failed write earlier left its errno (nothing since sets it on success).
   const bool written = std::fflush(stream_) == 0 && !std::ferror(stream_);
   const int writeError = errno;
   bool closed = true;
   if (stream_ != stdout) closed = std::fclose(stream_) == 0;
   stream_ = nullptr;
   if (!written || !closed) {
-    problem = describe() + ": write failed: " + std::strerror(written ? errno : writeError);
+    const int error = written ? errno : writeError;
+    problem = describe() + ": write failed: " + (error != 0 ? std::strerror(error) : "input/output error");
     discard();
     return false;
   }

@@ -152,7 +152,7 @@ ReferenceComparator::ReferenceComparator(bool hasGyro, bool hasAttitude)
     : hasGyro_(hasGyro),
       hasAttitude_(hasAttitude),
       calibrated_(std::make_unique<Selection>(hasAttitude)),
-      all_(std::make_unique<Selection>(hasAttitude)) {}
+      uncalibrated_(std::make_unique<Selection>(hasAttitude)) {}
 
 ReferenceComparator::~ReferenceComparator() {
   if (spill_ != nullptr) std::fclose(spill_);
@@ -188,7 +188,7 @@ void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row
   const bool calibrated = row.accuracy == 3;
   anyCalibrated_ = anyCalibrated_ || calibrated;
   if (hasGyro_) {
-    if (!allFinite(sample.gyro.data(), 3)) {
+    if (!sample.hasGyro || !allFinite(sample.gyro.data(), 3)) {
       ++missingGyro_;
     } else {
       double error2 = 0.0, reference2 = 0.0;
@@ -199,13 +199,11 @@ void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row
         error2 += e * e;
         reference2 += sample.gyro[k] * sample.gyro[k];
       }
-      for (Selection* s : {all_.get(), calibrated ? calibrated_.get() : nullptr}) {
-        if (s == nullptr) continue;
-        for (int k = 0; k < 3; ++k) s->gyroSumAxis[k] += axis2[k];
-        s->gyroSum += error2;
-        s->gyroSumReference += reference2;
-        ++s->gyroCount;
-      }
+      Selection& s = calibrated ? *calibrated_ : *uncalibrated_;
+      for (int k = 0; k < 3; ++k) s.gyroSumAxis[k] += axis2[k];
+      s.gyroSum += error2;
+      s.gyroSumReference += reference2;
+      ++s.gyroCount;
     }
   }
   if (!hasAttitude_) return;
@@ -216,7 +214,7 @@ void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row
   record.libraryAzimuth = row.orientation[0];
   record.difference[0] = static_cast<float>(kNaN);
   record.referenceAzimuth = record.pitch = record.roll = static_cast<float>(kNaN);
-  if (!allFinite(sample.attitude.data(), 4)) {
+  if (!sample.hasAttitude || !allFinite(sample.attitude.data(), 4)) {
     ++missingAttitude_;
   } else {
     const Angles angles = anglesOf(sample.attitude);
@@ -232,11 +230,9 @@ void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row
     }
     const double azimuthDifference =
         record.azimuthUsable ? wrapDeg(angles.azimuth - static_cast<double>(row.orientation[0])) : kNaN;
-    for (Selection* s : {all_.get(), calibrated ? calibrated_.get() : nullptr}) {
-      if (s == nullptr) continue;
-      s->heading->add(headingDifference);
-      s->azimuth->add(azimuthDifference);
-    }
+    Selection& s = calibrated ? *calibrated_ : *uncalibrated_;
+    s.heading->add(headingDifference);
+    s.azimuth->add(azimuthDifference);
   }
   keep(record);
 }
@@ -246,7 +242,8 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
   result.calibratedOnly = anyCalibrated_;
   result.missingGyro = missingGyro_;
   result.missingAttitude = missingAttitude_;
-  const Selection& selection = anyCalibrated_ ? *calibrated_ : *all_;
+  // Without a single calibrated sample, the uncalibrated ones are all of them.
+  const Selection& selection = anyCalibrated_ ? *calibrated_ : *uncalibrated_;
   if (hasGyro_ && samples_ > 0) {
     GyroComparison g;
     g.count = selection.gyroCount;
@@ -264,7 +261,7 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
   azimuth.alignmentDeg = selection.azimuth->median();
   // The histograms are no longer needed: give their memory back.
   calibrated_.reset();
-  all_.reset();
+  uncalibrated_.reset();
 
   if (spill_ != nullptr) {
     if (!kept_.empty() && std::fwrite(kept_.data(), sizeof(Record), kept_.size(), spill_) != kept_.size()) {

@@ -148,7 +148,7 @@ class ReferenceComparator {
   size_t missingGyro_ = 0;
   size_t missingAttitude_ = 0;
   std::unique_ptr<Selection> calibrated_;  // accuracy 3
-  std::unique_ptr<Selection> all_;
+  std::unique_ptr<Selection> uncalibrated_;
   std::vector<Record> kept_;
   FILE* spill_ = nullptr;
   size_t readIndex_ = 0;

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "tools/replay/log_prefix.h"
+
 namespace quelta::replay {
 
 namespace {
@@ -32,11 +34,11 @@ size_t replayStream(const SampleSource& source, double period, size_t total, con
   double previousT = 0.0;
   while (source(sample)) {
     if (count == 0) previousT = sample.t - period;
-    if (options.beforeSample) options.beforeSample(count, sample.t);
     const std::array<float, 3> acc = toFloats(sample.acc);
     const std::array<float, 3> mag = toFloats(sample.mag);
     row = ReplayRow{};
     row.t = sample.t;
+    setLogSample(count, sample.t);  // the prefix of the library's log lines
 
     // Calibration and orientation: the field itself is the saturation probe.
     MainAlgorithmProcess(acc.data(), mag.data(), mag.data(), 0, mode);
@@ -68,6 +70,51 @@ size_t replayStream(const SampleSource& source, double period, size_t total, con
   }
   if (options.progress) options.progress(count, total);
   return count;
+}
+
+RowPipeline::RowPipeline(RowSink sink) : sink_(std::move(sink)) {
+  filling_.reserve(kBatch);
+  working_.reserve(kBatch);
+  thread_ = std::thread([this] { work(); });
+}
+
+RowPipeline::~RowPipeline() { finish(); }
+
+void RowPipeline::add(const RecordedSample& sample, const ReplayRow& row) {
+  filling_.emplace_back(sample, row);
+  if (filling_.size() == kBatch) handOver();
+}
+
+void RowPipeline::handOver() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait(lock, [this] { return working_.empty(); });
+  working_.swap(filling_);
+  changed_.notify_all();
+}
+
+void RowPipeline::finish() {
+  if (!thread_.joinable()) return;
+  if (!filling_.empty()) handOver();
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return working_.empty(); });
+    done_ = true;
+    changed_.notify_all();
+  }
+  thread_.join();
+}
+
+void RowPipeline::work() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [this] { return done_ || !working_.empty(); });
+    if (working_.empty()) return;  // done, and nothing left
+    lock.unlock();
+    for (const auto& [sample, row] : working_) sink_(sample, row);
+    lock.lock();
+    working_.clear();
+    changed_.notify_all();
+  }
 }
 
 std::vector<ReplayRow> replayRecording(const Recording& recording, const DriverOptions& options) {

@@ -4,7 +4,11 @@
 // state: one replay per process.
 #pragma once
 
+#include <condition_variable>
 #include <functional>
+#include <mutex>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "QueltaAlgo.h"
@@ -21,9 +25,6 @@ struct DriverOptions {
   // Called now and then with the number of samples done (total is 0 when
   // not known in advance), and once more at the end.
   std::function<void(size_t done, size_t total)> progress;
-  // Called before each sample is given to the library, with its index and
-  // time: lets a log callback say which sample a line belongs to.
-  std::function<void(size_t index, double t)> beforeSample;
 };
 
 // Supplies the next sample; false at the end of the recording.
@@ -36,6 +37,36 @@ using RowSink = std::function<void(const RecordedSample& sample, const ReplayRow
 // is only used for progress. Returns the number of samples replayed.
 size_t replayStream(const SampleSource& source, double period, size_t total, const DriverOptions& options,
                     const RowSink& sink);
+
+// Hands each sample and its row to a sink running on a thread of its own,
+// in order, in batches: whatever the sink does with them (writing the
+// output table, the summary, the comparison, the report) overlaps the
+// replay itself.
+class RowPipeline {
+ public:
+  explicit RowPipeline(RowSink sink);
+  ~RowPipeline();  // finish()es
+  RowPipeline(const RowPipeline&) = delete;
+  RowPipeline& operator=(const RowPipeline&) = delete;
+
+  void add(const RecordedSample& sample, const ReplayRow& row);
+  // Returns once the sink has had every pair added.
+  void finish();
+
+ private:
+  static constexpr size_t kBatch = 2048;
+  using Batch = std::vector<std::pair<RecordedSample, ReplayRow>>;
+  void handOver();
+  void work();
+
+  RowSink sink_;
+  Batch filling_;
+  Batch working_;  // the sink's batch; empty when it is free
+  bool done_ = false;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::thread thread_;
+};
 
 // Replays a recording held in memory and returns every row.
 std::vector<ReplayRow> replayRecording(const Recording& recording, const DriverOptions& options);

@@ -181,12 +181,18 @@ void Envelope::add(double x, double y) {
     origin_ = x;
     started_ = true;
   }
-  if (width_ == 0.0 && x > origin_) width_ = x - origin_;
-  double position = width_ > 0.0 ? std::floor((x - origin_) / width_) : 0.0;
-  if (position < 0.0) position = 0.0;
-  while (position >= static_cast<double>(kBuckets)) {
-    halve();
-    position = std::floor((x - origin_) / width_);
+  size_t index = current_;
+  if (!(x < currentEnd_ && width_ > 0.0)) {
+    if (width_ == 0.0 && x > origin_) width_ = x - origin_;
+    double position = width_ > 0.0 ? std::floor((x - origin_) / width_) : 0.0;
+    if (position < 0.0) position = 0.0;
+    while (position >= static_cast<double>(kBuckets)) {
+      halve();
+      position = std::floor((x - origin_) / width_);
+    }
+    index = static_cast<size_t>(position);
+    current_ = index;
+    currentEnd_ = width_ > 0.0 ? origin_ + (position + 1.0) * width_ : origin_;
   }
   // On a periodic track, each value is placed nearest to the one before.
   double value = y;
@@ -194,7 +200,7 @@ void Envelope::add(double x, double y) {
   lastTracked_ = value;
   haveLast_ = true;
 
-  Bucket& b = buckets_[static_cast<size_t>(position)];
+  Bucket& b = buckets_[index];
   if (b.count == 0) {
     b.xFirst = b.xLast = x;
     b.first = b.lo = b.hi = b.last = value;

@@ -49,6 +49,8 @@ class Envelope {
   std::vector<Bucket> buckets_;
   double origin_ = 0.0;
   double width_ = 0.0;  // bucket length in x; 0 until two distinct x are seen
+  size_t current_ = 0;  // bucket of the last sample, and where it ends in x
+  double currentEnd_ = 0.0;
   bool started_ = false;
   bool gap_ = false;
   bool haveLast_ = false;
