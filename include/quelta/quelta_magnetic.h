@@ -28,9 +28,11 @@
 extern "C" {
 #endif
 
-/* Opaque state of one calibrator: 32 KiB, 8-byte aligned. Allocate it
- * anywhere (static, stack, heap); call quelta_mag_init before use. It holds
- * no pointers, so a copy (memcpy) is an independent calibrator. */
+/* Opaque state of one calibrator: 32 KiB reserved (about 15 KiB used),
+ * 8-byte aligned. Allocate it anywhere (static, stack, heap); call
+ * quelta_mag_init before use. It holds no pointers, so a copy (memcpy) is an
+ * independent calibrator. quelta_mag_update needs up to about 24 KiB of
+ * stack while it fits. */
 #define QUELTA_MAG_STATE_SIZE 32768
 typedef struct quelta_mag_state {
   uint64_t opaque[QUELTA_MAG_STATE_SIZE / 8];

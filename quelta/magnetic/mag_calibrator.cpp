@@ -2,9 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#ifdef QUELTA_MAG_DEBUG
-#include <cstdio>
-#endif
 
 namespace quelta::magnetic {
 namespace {
@@ -21,14 +18,16 @@ constexpr double kGravityMaxDev = 0.15;    // window mean's size against the usu
 constexpr double kGravityHalvesCos = 0.9945;  // cos 6 degrees: the window's halves agree
 constexpr double kMinSeparation = 0.05;    // between stored samples, share of the field strength
 constexpr double kRefreshAge = 2.0;        // a stored sample this old is refreshed by a neighbour
-constexpr double kFitInterval = 0.5;
+constexpr double kFitInterval = 0.75;
+constexpr double kSettledFitInterval = 3.0;
 constexpr int kMinSlots = 10;
-constexpr int kIterations = 4;
+constexpr int kIterations = 5;
+constexpr int kWarmIterations = 3;
 constexpr double kNoiseFloor = 0.006;      // gauss, floor of the robust scale
 // What one constant model leaves unexplained on real devices even where
 // nothing disturbs (gravity errors while walking, small field gradients):
 // the floor of the scale that the covariance (the heading error) uses.
-constexpr double kModelNoise = 0.012;
+constexpr double kModelNoise = 0.016;
 // Without an expected field, the strength stays within the Earth's range.
 constexpr double kPlausibleStrength = 0.45;
 constexpr double kPlausibleStrengthSigma = 0.1;
@@ -53,7 +52,7 @@ constexpr double kEllipsoidMinEigen = 0.12;
 constexpr int kEllipsoidMinSlots = 30;
 // Heading error: covariance inflation (neighbouring blocks are correlated)
 // and the floor of what the model cannot see.
-constexpr double kCovInflation = 4.0;
+constexpr double kCovInflation = 5.0;
 constexpr double kFloorSphereDeg = 0.8;
 constexpr double kFloorEllipsoidDeg = 0.4;
 // Accuracy levels from the heading error estimate.
@@ -78,13 +77,13 @@ constexpr int kHeldUntilSlots = 40;
 constexpr double kHeldStrengthSigma = 0.02;  // strength held in the change fit
 constexpr double kHeldVerticalSigma = 0.03;
 // Disturbance.
-constexpr double kDisturbTau = 0.3;
+constexpr double kDisturbTau = 0.4;
 constexpr double kStrengthScale = 0.10;   // relative strength deviation giving score 1
 constexpr double kDipScaleDeg = 5.0;      // dip deviation giving score 1
 constexpr double kGravityNoiseTau = 1.0;
-constexpr double kGravityNoiseGain = 1.5;  // dip tolerance added per degree of accelerometer motion
-constexpr double kFlagOn = 0.7;
-constexpr double kFlagOff = 0.5;
+constexpr double kGravityNoiseGain = 2.0;  // dip tolerance added per degree of accelerometer motion
+constexpr double kFlagOn = 0.85;
+constexpr double kFlagOff = 0.6;
 
 constexpr double kDeg = 57.29577951308232;
 
@@ -109,27 +108,20 @@ void symmetricJacobian(V3 s, V3 d, double* out) {
   out[5] = s.y * d.z + s.z * d.y;
 }
 
-// The 26 cells of directions: faces, edges and corners of a cube.
+// The 26 cells of directions: faces, edges and corners of a cube. A
+// direction belongs to the cell whose pattern of signs it follows, counting
+// a component as zero when it is below tan(22.5 deg) of the largest.
 double coverageOf(const V3* dirs, int n) {
   uint32_t cells = 0;
   for (int i = 0; i < n; ++i) {
     const V3 u = dirs[i];
-    int best = 0;
-    double bestDot = -2.0;
-    int index = 0;
-    for (int a = -1; a <= 1; ++a)
-      for (int b = -1; b <= 1; ++b)
-        for (int c = -1; c <= 1; ++c) {
-          if (a == 0 && b == 0 && c == 0) continue;
-          const double k = 1.0 / std::sqrt(static_cast<double>(a * a + b * b + c * c));
-          const double d = k * (a * u.x + b * u.y + c * u.z);
-          if (d > bestDot) {
-            bestDot = d;
-            best = index;
-          }
-          ++index;
-        }
-    cells |= 1u << best;
+    const double big = std::max(std::fabs(u.x), std::max(std::fabs(u.y), std::fabs(u.z)));
+    if (!(big > 0.0)) continue;
+    const double cut = 0.41421356 * big;
+    const int a = u.x > cut ? 2 : (u.x < -cut ? 0 : 1);
+    const int b = u.y > cut ? 2 : (u.y < -cut ? 0 : 1);
+    const int c = u.z > cut ? 2 : (u.z < -cut ? 0 : 1);
+    cells |= 1u << (9 * a + 3 * b + c);  // 13 (all zero) cannot happen
   }
   int count = 0;
   for (uint32_t c = cells; c; c &= c - 1) ++count;
@@ -345,7 +337,9 @@ void Calibrator::endBlock() {
   if (cal_.model != Model::None) offer = checkChange(m, up);
   if (offer) offerCandidate(m, up);
 
-  if (count_ >= kMinSlots && newSinceFit_ > 0 && clock_ - lastFit_ >= kFitInterval) refit();
+  // Fits often while converging, rarely once calibrated.
+  const double interval = quality_.accuracy >= 3 ? kSettledFitInterval : kFitInterval;
+  if (count_ >= kMinSlots && newSinceFit_ > 0 && clock_ - lastFit_ >= interval) refit();
 }
 
 void Calibrator::refreshNearest(int i) {
@@ -483,7 +477,9 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
   double sigmaS = kNoiseFloor, sigmaV = kNoiseFloor;
   double res[kSlots > kRecent ? kSlots : kRecent];
   double resV[kSlots > kRecent ? kSlots : kRecent];
-  for (int it = 0; it <= kIterations; ++it) {
+  // A start from the current calibration is close: fewer steps.
+  const int iterations = (start.model != Model::None && !holdShape) ? kWarmIterations : kIterations;
+  for (int it = 0; it <= iterations; ++it) {
     // Residuals and their robust scales.
     int nv = 0;
     double tmp[kSlots > kRecent ? kSlots : kRecent];
@@ -503,7 +499,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
     // widen the acceptance until everything fits.
     sigmaS = std::min(std::max(1.4826 * median(tmp, n), kNoiseFloor), kMaxScaleRel * r);
     sigmaV = std::min(std::max(std::max(1.4826 * median(tmpV, nv), sigmaS), kNoiseFloor), kMaxScaleRel * r);
-    if (it == kIterations) break;
+    if (it == iterations) break;
 
     double b[kP] = {};
     for (auto& row : a)
@@ -531,7 +527,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
       j[0] = -wn.x;
       j[1] = -wn.y;
       j[2] = -wn.z;
-      symmetricJacobian(nh, d, j + 3);
+      if (ellipsoid) symmetricJacobian(nh, d, j + 3);
       j[9] = -1.0;
       add(j, res[i], robust(res[i] / sigmaS) / (sigmaS * sigmaS));
       if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
@@ -540,7 +536,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
         jv[0] = -wu.x;
         jv[1] = -wu.y;
         jv[2] = -wu.z;
-        symmetricJacobian(s[i].up, d, jv + 3);
+        if (ellipsoid) symmetricJacobian(s[i].up, d, jv + 3);
         jv[10] = -1.0;
         add(jv, resV[i], robust(resV[i] / sigmaV) / (sigmaV * sigmaV));
       }
@@ -665,7 +661,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
   out.cal.offset = c;
   out.cal.softIron = w;
   out.cal.strength = r;
-  out.cal.vertical = haveUp ? v : start.vertical;
+  out.cal.vertical = std::max(-r, std::min(r, haveUp ? v : start.vertical));
   out.cal.model = ellipsoid ? Model::Ellipsoid : (start.model == Model::Ellipsoid ? Model::Ellipsoid : Model::Sphere);
   out.residual = sigmaS;
   // Coverage reported about the fitted centre.
@@ -784,7 +780,7 @@ bool Calibrator::checkChange(V3 m, V3 up) {
     // disturbed place). Start again from the recent blocks; the calibration
     // before stays in memory should the old field come back.
     if (clock_ - inconsistentSince_ >= kRestartSeconds && inconsistentShare_ > kRestartShare && n >= kChangeMinBlocks) {
-      previous_ = cal_;
+      previous_ = quality_.accuracy >= 2 ? cal_ : Calibration{};
       heldStrength_ = 0.0;
       priorOffsetSigma_ = 0.0;
       count_ = 0;
@@ -822,12 +818,24 @@ bool Calibrator::checkChange(V3 m, V3 up) {
         start.offset = (1.0 / n) * mean;
       }
       FitResult r;
+      // Held only when the stored calibration was good; else the priors of
+      // a first calibration.
+      const bool trusted = quality_.accuracy >= 2;
       const bool haveUp = cal_.vertical != 0.0;
-      const bool ok = fit(recent, n, start, false, true, cal_.strength, kHeldStrengthSigma * cal_.strength,
-                          cal_.vertical, haveUp ? kHeldVerticalSigma * cal_.strength : 0.0, r);
-#ifdef QUELTA_MAG_DEBUG
-      std::fprintf(stderr, "change try t=%.1f n=%d ok=%d res=%.4f he=%.1f R=%.3f/%.3f cov=%.2f off=(%.3f %.3f %.3f)\n", clock_, n, ok, r.residual, r.headingErrorDeg, r.cal.strength, cal_.strength, r.coverage, r.cal.offset.x, r.cal.offset.y, r.cal.offset.z);
-#endif
+      double ps = kPlausibleStrength, pss = kPlausibleStrengthSigma;
+      double pv = kPlausibleVertical, pvs = kPlausibleVerticalSigma;
+      if (trusted) {
+        ps = cal_.strength;
+        pss = kHeldStrengthSigma * ps;
+        pv = cal_.vertical;
+        pvs = haveUp ? kHeldVerticalSigma * ps : 0.0;
+      } else if (expected_.known && expected_.strengthGauss > 0.0) {
+        ps = expected_.strengthGauss;
+        pss = kExpectedSigma * ps;
+        pv = -ps * std::sin(expected_.dipDeg / kDeg);
+        pvs = kExpectedSigma * ps;
+      }
+      const bool ok = fit(recent, n, start, false, true, ps, pss, pv, pvs, r);
       // The recent blocks must fit the new offset far better than the old one,
       // and the offset must have moved by more than the model's misfit.
       double oldMisfit[kRecent];
@@ -836,9 +844,11 @@ bool Calibrator::checkChange(V3 m, V3 up) {
       if (ok && r.residual < std::max(kChangeMaxResidual, 2.0 * quality_.residualGauss) &&
           r.residual * kChangeGain < oldResidual && norm(r.cal.offset - cal_.offset) > tol &&
           r.headingErrorDeg < kChangeMaxHeadingDeg && r.coverage >= kChangeMinCoverage &&
-          std::fabs(r.cal.strength / cal_.strength - 1.0) < 0.1) {
+          (!trusted || std::fabs(r.cal.strength / cal_.strength - 1.0) < 0.1)) {
         Calibration next = cal_;
         next.offset = r.cal.offset;
+        next.strength = r.cal.strength;
+        next.vertical = r.cal.vertical;
         adopt(next, recent, n, &r);
         return false;
       }
@@ -852,9 +862,11 @@ bool Calibrator::checkChange(V3 m, V3 up) {
 }
 
 void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r) {
-  heldStrength_ = cal_.strength;
-  heldVertical_ = cal_.vertical;
-  previous_ = cal_;
+  const bool trusted = quality_.accuracy >= 2 || r == nullptr;
+  heldStrength_ = trusted ? c.strength : 0.0;
+  heldVertical_ = c.vertical;
+  // Only a good calibration is worth returning to.
+  previous_ = quality_.accuracy >= 2 ? cal_ : Calibration{};
   cal_ = c;
   calChanged_ = true;
   ++quality_.newHardIron;

@@ -25,6 +25,9 @@
 //    disturbance changes strength or dip. While the stored model is
 //    contradicted, a second fit over the last few seconds with the strength
 //    and dip held tells the two apart and adopts the new offset quickly.
+//  * Per sample, the disturbance score compares the smoothed strength and
+//    dip with the fitted ones (which an expected field pulls towards the
+//    model's values through the fit's priors).
 #pragma once
 
 #include <cstddef>

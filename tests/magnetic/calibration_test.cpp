@@ -80,7 +80,7 @@ TEST(MagneticCalibration, SoftAndHardIronFromUnevenHandMotion) {
   EXPECT_LT(shapeError(c.softIron, distortionOf(dev)), 0.01);
   EXPECT_LT(worstHeading, 1.0);
   EXPECT_EQ(cal.quality().accuracy, 3);
-  EXPECT_LT(cal.quality().headingErrorDeg, 2.0);
+  EXPECT_LT(cal.quality().headingErrorDeg, 3.0);  // floored for real devices
   EXPECT_NEAR(quelta::det(c.softIron), 1.0, 1e-9);
   // Offset in the raw frame: exactly the hard iron, whatever the scale.
   EXPECT_NEAR(c.offset.x, dev.hardIron.x, 0.005);

@@ -7,6 +7,7 @@
 
 #include "quelta/magnetic/mag_calibrator.h"
 #include "quelta/quelta.h"
+#include "tests/support/allocation_counter.h"
 #include "tools/sim/magnetic_sim.h"
 
 namespace {
@@ -174,6 +175,33 @@ TEST(MagneticCApi, TwoInstancesAreIndependentAndMatchSeparateRuns) {
   quelta_mag_set_expected_field(&a, NAN, 10.0);  // clears, does not poison
   EXPECT_EQ(quelta_mag_update(&a, 41.0, mag, nullptr, &oa), 1);
   EXPECT_TRUE(std::isfinite(oa.calibrated[0]));
+}
+
+TEST(MagneticCApi, NoHeapInAnyCall) {
+  // Calibration, a magnet attached (adoption), disturbance, broken samples,
+  // save, restore and the texts: not one allocation.
+  static quelta_mag_state s, t;
+  quelta::sim::SoftIronDevice dev;
+  double mag[3], acc[3];
+  quelta_mag_sample out;
+  quelta::test::AllocationCounter counter;
+  quelta_mag_init(&s);
+  quelta_mag_set_expected_field(&s, 0.48, 62.0);
+  for (double time = 0.0; time < 90.0; time += 0.02) {
+    if (time > 60.0) dev.hardIron = {0.5, -0.1, 2.3};
+    dev.read(quelta::sim::unevenHandMotion(time), mag, acc);
+    if (static_cast<int>(time * 50.0) % 97 == 0) mag[0] = NAN;
+    quelta_mag_update(&s, time, mag, acc, &out);
+  }
+  uint8_t rec[QUELTA_MAG_RECORD_SIZE];
+  quelta_mag_save(&s, rec);
+  quelta_mag_init(&t);
+  const int status = quelta_mag_restore(&t, rec, sizeof rec);
+  quelta_mag_quality q;
+  quelta_mag_get_quality(&t, &q);
+  quelta_mag_reason_text(q.reason);
+  EXPECT_EQ(counter.count(), 0);
+  EXPECT_EQ(status, QUELTA_MAG_RECORD_OK);
 }
 
 }  // namespace

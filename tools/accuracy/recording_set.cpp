@@ -1,7 +1,6 @@
 #include "tools/accuracy/recording_set.h"
 
 #include <dirent.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <cctype>
@@ -15,17 +14,6 @@
 namespace quelta::accuracy {
 
 namespace {
-
-bool readGzip(const std::string& path, std::string& text) {
-  gzFile file = gzopen(path.c_str(), "rb");
-  if (file == nullptr) return false;
-  char buffer[1 << 16];
-  int got;
-  while ((got = gzread(file, buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(got));
-  const bool ok = got == 0;
-  gzclose(file);
-  return ok;
-}
 
 // A small JSON reader, enough for the sidecars: values are kept as their
 // text, objects flattened to dotted keys, arrays indexed ("a.0.b").
@@ -118,48 +106,6 @@ class FlatJson {
   std::map<std::string, std::string> values_;
 };
 
-bool parseCsv(const std::string& text, replay::Recording& out, std::string& problem) {
-  std::istringstream lines(text);
-  std::string line;
-  if (!std::getline(lines, line)) return problem = "empty", false;
-  const char* names[] = {"t", "ax", "ay", "az", "mx", "my", "mz", "gx", "gy", "gz", "qw", "qx", "qy", "qz"};
-  std::vector<std::string> header;
-  {
-    std::stringstream h(line);
-    std::string cell;
-    while (std::getline(h, cell, ',')) header.push_back(cell);
-  }
-  int column[14];
-  for (int k = 0; k < 14; ++k) {
-    auto it = std::find(header.begin(), header.end(), names[k]);
-    if (it == header.end()) return problem = std::string("no column ") + names[k], false;
-    column[k] = static_cast<int>(it - header.begin());
-  }
-  std::vector<double> cells(header.size());
-  while (std::getline(lines, line)) {
-    if (line.empty()) continue;
-    const char* p = line.c_str();
-    for (size_t c = 0; c < cells.size(); ++c) {
-      char* end = nullptr;
-      cells[c] = std::strtod(p, &end);  // reads "nan" too
-      if (end == p) return problem = "bad number in: " + line, false;
-      p = *end == ',' ? end + 1 : end;
-    }
-    replay::RecordedSample s;
-    s.t = cells[column[0]];
-    for (int k = 0; k < 3; ++k) {
-      s.acc[k] = cells[column[1 + k]];
-      s.mag[k] = cells[column[4 + k]];
-      s.gyro[k] = cells[column[7 + k]];
-    }
-    for (int k = 0; k < 4; ++k) s.attitude[k] = cells[column[10 + k]];
-    out.samples.push_back(s);
-  }
-  out.hasGyro = true;
-  out.hasAttitude = true;
-  return true;
-}
-
 }  // namespace
 
 std::array<double, 3> TruthRecording::offsetAt(double t) const {
@@ -203,10 +149,18 @@ bool loadTruthRecording(const std::string& directory, const std::string& name, T
     for (int k = 0; k < 3; ++k) p.offset[k] = json.number(phase + "offset_gauss." + std::to_string(k), 0.0);
     out.phases.push_back(p);
   }
-  std::string text;
-  if (!readGzip(directory + "/" + name + ".csv.gz", text)) return problem = "cannot read the CSV", false;
+  replay::InputError error;
+  if (!replay::readRecording(directory + "/" + name + ".csv.gz", replay::Units{}, out.recording, error)) {
+    problem = error.describe();
+    return false;
+  }
   out.recording.name = name;
-  return parseCsv(text, out.recording, problem);
+  // Samples without truth carry a NaN attitude: every measure leaves them out.
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  for (replay::RecordedSample& s : out.recording.samples) {
+    if (!s.hasAttitude) s.attitude = {nan, nan, nan, nan};
+  }
+  return true;
 }
 
 std::vector<std::string> listRecordings(const std::string& directory) {

@@ -1,7 +1,8 @@
 // The recordings with optical truth: a gzip-compressed CSV per recording
 // (t, ax..az in g, mx..mz in gauss, gx..gz in rad/s, qw..qz device to the
-// capture frame, nan where the capture had no value) and a JSON sidecar
-// with the reference calibration and the recording's undisturbed field.
+// capture frame, nan where the capture had no value), read by the replay
+// tool's reader, and a JSON sidecar with the reference calibration and the
+// recording's undisturbed field.
 #pragma once
 
 #include <array>
