@@ -47,7 +47,8 @@ size_t replayCompassStream(const SampleSource& source, size_t total, const Compa
 
     row = ReplayRow{};
     row.t = sample.t;
-    row.accuracy = out.accuracy;
+    // The calibration's accuracy, as the fixed pipelines' column means it.
+    row.accuracy = quality.accuracy;
     row.newCalibration = field.new_calibration != 0;
     toFloats(calibration.offset, row.offset);
     row.radius = static_cast<float>(calibration.strength);
@@ -73,6 +74,7 @@ size_t replayCompassStream(const SampleSource& source, size_t total, const Compa
     c.reason = quality.reason;
     c.calibrationHeadingError = static_cast<float>(quality.heading_error_deg);
     c.headingAccuracy = static_cast<float>(out.heading_accuracy_deg);
+    c.outputAccuracy = out.accuracy;
     c.flags = out.flags;
 
     sink(sample, row);

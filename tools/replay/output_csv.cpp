@@ -64,12 +64,12 @@ void writeCompassCsvHeader(FILE* out) {
       "rv_x,rv_y,rv_z,rv_w,gravity_x,gravity_y,gravity_z,linacc_x,linacc_y,linacc_z,"
       "soft_xx,soft_xy,soft_xz,soft_yx,soft_yy,soft_yz,soft_zx,soft_zy,soft_zz,model,"
       "disturbance,disturbed,coverage,residual,expected_strength,fitted_strength,reason,"
-      "cal_heading_error,heading_accuracy,flags\n",
+      "cal_heading_error,heading_accuracy,output_accuracy,flags\n",
       out);
 }
 
 void writeCompassCsvRow(FILE* out, const ReplayRow& r) {
-  char line[1536];  // 46 fields of at most 16 characters each
+  char line[1536];  // 47 fields of at most 16 characters each
   char* const end = line + sizeof line;
   const CompassRow& c = r.compass;
   char* at = std::to_chars(line, end, r.t, std::chars_format::general, 9).ptr;  // as %.9g
@@ -90,6 +90,7 @@ void writeCompassCsvRow(FILE* out, const ReplayRow& r) {
   at = putFloats(at, end, std::array<float, 4>{c.coverage, c.residual, c.expectedStrength, c.fittedStrength});
   at = putInt(at, end, c.reason);
   at = putFloats(at, end, std::array<float, 2>{c.calibrationHeadingError, c.headingAccuracy});
+  at = putInt(at, end, c.outputAccuracy);
   at = putInt(at, end, static_cast<int>(c.flags));
   *at++ = '\n';
   std::fwrite(line, 1, static_cast<size_t>(at - line), out);

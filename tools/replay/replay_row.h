@@ -20,6 +20,7 @@ struct CompassRow {
   int32_t reason = 0;             // why the calibration is not yet good (0: it is)
   float calibrationHeadingError = 0.0f;  // deg, heading error the calibration leaves (estimate)
   float headingAccuracy = 0.0f;          // deg, estimated heading error of the output
+  int32_t outputAccuracy = 0;            // 0..3, of the attitude as phones report it (heading and calibration)
   uint32_t flags = 0;                    // calibrating, disturbed, accelerating, ...
 };
 
