@@ -727,8 +727,11 @@ def check_compass(program, workdir, recording):
     # The simulated hand is undisturbed: the flag is (almost) never raised.
     if sum(int(row["disturbed"]) for row in rows) > len(rows) // 20:
         fail("disturbance flagged on more than 5 %% of an undisturbed recording:\n" + summary)
-    for key in ("engine", "soft iron", "quality", "field strength", "disturbance", "heading accuracy", "flags"):
+    for key in ("engine", "soft iron", "quality", "field strength", "disturbance", "heading accuracy", "flags",
+                "heading  ", "tilt "):
         summary_value(summary, key)
+    if summary_figure(summary, "tilt ", r"RMS error ([0-9.]+) deg") > 5.0:
+        fail("tilt RMS above 5 deg on the simulated hand:\n" + summary)
     if "against the reference gyroscope" not in summary_value(summary, "angular rate"):
         fail("without --gyro the rate is judged against the recorded gyroscope:\n" + summary)
     azimuth_rms = summary_figure(summary, "azimuth", r"RMS error ([0-9.]+) deg")

@@ -120,6 +120,58 @@ TEST(ReferenceComparator, RateFromTheReferenceAttitudeIsSettledOneSampleLate) {
   EXPECT_FALSE(none.finish().gyro);
 }
 
+TEST(ReferenceComparator, HeadingAtAnyTiltAndTiltAgreeWithTheirDefinitions) {
+  // Attitudes all over the sphere (upright and upside down too) with
+  // estimates off by a heading of 12 degrees plus a few degrees of every kind.
+  ReferenceComparator comparator(false, true);
+  std::vector<Quat> references, estimates;
+  for (int i = 0; i < 400; ++i) {
+    const double a = 0.37 * i, b = 0.23 * i + 1.0, c = 0.11 * i;
+    const Quat reference = multiply(headingRotation(std::fmod(53.0 * i, 360.0)),
+                                    multiply(Quat{std::cos(a), std::sin(a), 0, 0}, Quat{std::cos(b), 0, std::sin(b), 0}));
+    const Quat error = multiply(headingRotation(-12.0 + 3.0 * std::sin(c)),
+                                Quat{std::cos(0.03 * std::cos(c)), std::sin(0.03 * std::cos(c)), 0, 0});
+    const Quat estimate = multiply(error, reference);
+    RecordedSample sample;
+    sample.t = 0.02 * i;
+    sample.attitude = reference;
+    sample.hasAttitude = true;
+    ReplayRow row;
+    row.t = sample.t;
+    row.accuracy = 3;
+    row.rotVec = {static_cast<float>(estimate[1]), static_cast<float>(estimate[2]), static_cast<float>(estimate[3]),
+                  static_cast<float>(estimate[0])};
+    comparator.add(sample, row);
+    references.push_back(reference);
+    estimates.push_back({row.rotVec[3], row.rotVec[0], row.rotVec[1], row.rotVec[2]});
+  }
+  std::vector<double> headings;
+  double worstTilt = 0.0, largestTilt = 0.0;
+  const ReferenceComparison result = comparator.finish([&](const SampleErrors& e) {
+    const Quat& r = references[e.index];
+    const Quat& m = estimates[e.index];
+    worstTilt = std::max(worstTilt, std::fabs(e.tiltDeg - tiltErrorDeg(r, m)));
+    largestTilt = std::max(largestTilt, e.tiltDeg);
+    headings.push_back(e.headingDeg);
+  });
+  ASSERT_TRUE(result.heading && result.tilt && result.rotationVector);
+  ASSERT_EQ(headings.size(), 400u);
+  // The heading errors are the module's own, after the rotation vector's alignment.
+  EXPECT_DOUBLE_EQ(result.heading->alignmentDeg, result.rotationVector->alignmentDeg);
+  EXPECT_NEAR(result.heading->alignmentDeg, 12.0, 3.1);
+  double worstHeading = 0.0;
+  for (size_t i = 0; i < headings.size(); ++i) {
+    const double wanted = wrapDeg(headingErrorDeg(references[i], estimates[i]) - result.heading->alignmentDeg);
+    worstHeading = std::max(worstHeading, std::fabs(wrapDeg(headings[i] - wanted)));
+  }
+  EXPECT_LT(worstHeading, 0.01);
+  EXPECT_LT(worstTilt, 0.01);
+  EXPECT_GT(largestTilt, 1.0);  // the tilt part of the errors is seen
+  EXPECT_LT(result.tilt->maxDeg, 3.5);
+  EXPECT_LT(result.heading->maxDeg, 6.5);
+  EXPECT_EQ(result.heading->count, 400u);
+}
+
 TEST(Summary, CompassLinesAndTheRateItWasJudgedAgainst) {
   SummaryBuilder builder("rec.csv", 0.02);
   builder.setCompass("gyroscope fed (gx gy gz); no location (headings to magnetic north)");

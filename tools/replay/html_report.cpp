@@ -65,6 +65,8 @@ void ReportBuilder::setCompass(bool rateFromAttitude) {
   disturbed_ = envelope();
   headingAccuracy_ = envelope();
   calibrationHeadingError_ = envelope();
+  headingError_ = envelope(360.0, -180.0);
+  tiltError_ = envelope();
   coverage_ = envelope();
   fittedStrength_ = envelope();
   expectedStrength_ = envelope();
@@ -118,6 +120,10 @@ void ReportBuilder::addErrors(const SampleErrors& e) {
   azimuthError_->add(e.t, e.azimuthDeg);
   if (rateFromAttitude_) {
     for (int k = 0; k < 3; ++k) referenceGyro_[k]->add(e.t, e.referenceRate[k]);
+  }
+  if (compass_) {
+    headingError_->add(e.t, e.headingDeg);
+    tiltError_->add(e.t, e.tiltDeg);
   }
 }
 
@@ -268,9 +274,16 @@ std::string ReportBuilder::render(const std::string& summaryText, const std::vec
                             "degrees");
     chart.series.push_back(line(compass_ ? "attitude" : "rotation vector", kZ, rotationVectorError_));
     chart.series.push_back(line("azimuth", kX, azimuthError_));
-    // The azimuth error is periodic and fixes no range: take both series' extent.
+    std::vector<EnvelopePtr> shown = {rotationVectorError_, azimuthError_};
+    if (compass_) {
+      chart.series.push_back(line("heading at any tilt", kY, headingError_));
+      chart.series.push_back(line("tilt", kGrey, tiltError_));
+      shown.push_back(headingError_);
+      shown.push_back(tiltError_);
+    }
+    // The azimuth error is periodic and fixes no range: take every series' extent.
     double lo = 0.0, hi = 1.0;
-    for (const auto& e : {rotationVectorError_, azimuthError_}) {
+    for (const auto& e : shown) {
       for (const Envelope::Bucket& b : e->buckets()) {
         if (b.count == 0) continue;
         lo = std::min(lo, std::max(b.lo, -180.0));

@@ -52,6 +52,7 @@ class ReportBuilder {
   EnvelopePtr vgyro_[3], referenceGyro_[3];
   EnvelopePtr rotationVectorError_, azimuthError_;
   EnvelopePtr disturbance_, disturbed_, headingAccuracy_, calibrationHeadingError_;
+  EnvelopePtr headingError_, tiltError_;
   EnvelopePtr coverage_, fittedStrength_, expectedStrength_, residual_, softIron_[6];
   // Every stride-th raw field sample; the stride doubles when full.
   std::vector<std::array<float, 3>> cloud_;

@@ -346,6 +346,7 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
   readIndex_ = 0;
 
   ErrorStatistics rotationStats(180.0, kAngleResolutionDeg), azimuthStats(180.0, kAngleResolutionDeg);
+  ErrorStatistics headingStats(180.0, kAngleResolutionDeg), tiltStats(180.0, kAngleResolutionDeg);
   const Quat undo = conjugate(headingRotation(rotationVector.alignmentDeg));
   Record record;
   SampleErrors errors;
@@ -358,6 +359,13 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
       const Quat d = {record.difference[0], record.difference[1], record.difference[2], record.difference[3]};
       errors.rotationVectorDeg = rotationAngleDeg(multiply(d, undo));
       rotationStats.add(errors.rotationVectorDeg);
+      // d turns the estimate's world onto the reference's: its twist about up
+      // is the heading error, the angle it tips up by the tilt error.
+      errors.headingDeg = wrapDeg(headingOfDeg(d) - rotationVector.alignmentDeg);
+      headingStats.add(errors.headingDeg);
+      errors.tiltDeg = 2.0 * std::atan2(std::sqrt(d[1] * d[1] + d[2] * d[2]), std::sqrt(d[0] * d[0] + d[3] * d[3])) *
+                       180.0 / kPi;
+      tiltStats.add(errors.tiltDeg);
     }
     if (std::isfinite(record.referenceAzimuth)) {
       if (errors.compared && record.azimuthUsable) {
@@ -379,7 +387,10 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
   kept_.clear();
   kept_.shrink_to_fit();
 
-  for (auto [stats, out] : {std::pair{&rotationStats, &rotationVector}, std::pair{&azimuthStats, &azimuth}}) {
+  AngleComparison heading, tilt;
+  heading.alignmentDeg = rotationVector.alignmentDeg;
+  for (auto [stats, out] : {std::pair{&rotationStats, &rotationVector}, std::pair{&azimuthStats, &azimuth},
+                            std::pair{&headingStats, &heading}, std::pair{&tiltStats, &tilt}}) {
     out->count = stats->count();
     out->rmsDeg = stats->rms();
     out->maxDeg = stats->max();
@@ -387,6 +398,8 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
   }
   result.rotationVector = rotationVector;
   result.azimuth = azimuth;
+  result.heading = heading;
+  result.tilt = tilt;
   return result;
 }
 

@@ -109,6 +109,11 @@ struct ReferenceComparison {
   std::optional<GyroComparison> gyro;
   std::optional<AngleComparison> rotationVector;
   std::optional<AngleComparison> azimuth;
+  // From the same differences as rotationVector, at any tilt: the turn about
+  // the vertical between reference and estimate after the heading alignment
+  // (the rotation vector's), and the angle between their up directions.
+  std::optional<AngleComparison> heading;
+  std::optional<AngleComparison> tilt;
 };
 
 // One sample's errors against the reference, NaN where not compared.
@@ -124,6 +129,10 @@ struct SampleErrors {
   std::array<double, 3> referenceAngles{std::numeric_limits<double>::quiet_NaN(),
                                         std::numeric_limits<double>::quiet_NaN(),
                                         std::numeric_limits<double>::quiet_NaN()};
+  // Signed heading error at any tilt after the alignment, and tilt error,
+  // degrees (see ReferenceComparison::heading and tilt).
+  double headingDeg = std::numeric_limits<double>::quiet_NaN();
+  double tiltDeg = std::numeric_limits<double>::quiet_NaN();
   // The rate derived from the reference attitude (rad/s, device frame),
   // when the comparator derives it; NaN otherwise.
   std::array<double, 3> referenceRate{std::numeric_limits<double>::quiet_NaN(),

@@ -255,6 +255,16 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
             s.compass ? "attitude       " : "rotation vector", r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part,
             r.alignmentDeg);
   }
+  // At any tilt: shown for the compass, whose attitude is meant to hold
+  // there (the fixed pipelines' lines stay as they were).
+  if (s.compass && reference.heading && reference.tilt) {
+    const AngleComparison& h = *reference.heading;
+    const AngleComparison& t = *reference.tilt;
+    appendf(text, "heading          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples at any tilt (turn about the vertical)\n",
+            h.rmsDeg, h.medianDeg, h.maxDeg, h.count, part);
+    appendf(text, "tilt             RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples\n", t.rmsDeg,
+            t.medianDeg, t.maxDeg, t.count, part);
+  }
   if (reference.azimuth) {
     const AngleComparison& a = *reference.azimuth;
     appendf(text, "azimuth          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples tilted <= %.0f deg, heading alignment %.2f deg\n",
