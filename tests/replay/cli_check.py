@@ -772,6 +772,10 @@ def check_compass(program, workdir, recording):
     median = shifts[len(shifts) // 2]
     if abs(median - declination) > 0.3:
         fail("azimuths turned by %.2f deg (median), want the declination %.2f" % (median, declination))
+    status, _, errors = replay(program, [recording, "--engine=compass", "--location=48.1,11.6", "--date=2040-01-01"],
+                               workdir)
+    if status != 0 or "warning: field model: date outside the model's validity" not in errors:
+        fail("a date beyond the field model's validity: status %d, no warning: %r" % (status, errors))
     true_alignment = summary_figure(summary, "azimuth", r"heading alignment (-?[0-9.]+) deg")
     if abs(wrap180(magnetic_alignment - true_alignment - declination)) > 0.3:
         fail("heading alignment %.2f on magnetic, %.2f on true north: not the declination %.2f apart" %
@@ -828,6 +832,8 @@ def check_compass(program, workdir, recording):
                            r"bad value '2026-02-30' for --date \(YYYY-MM-DD\)"),
                           (["--engine=compass", "--location", "48.1,11.6", "--date", "1.6.2026"],
                            "bad value '1.6.2026' for --date"),
+                          (["--engine=compass", "--location", "48.1,11.6", "--date", "1850-06-01"],
+                           "bad value '1850-06-01' for --date"),
                           (["--engine=compass", "--location", "48.1,11.6"], "--location and --date go together"),
                           (["--location", "48.1,11.6", "--date", "2026-01-01"], "--location needs --engine compass"),
                           (["--gyro"], "--gyro needs --engine compass"),

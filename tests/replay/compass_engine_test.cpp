@@ -244,7 +244,7 @@ TEST(Options, EngineLocationDateAndGyro) {
     EXPECT_FALSE(parseLocation(bad, location)) << bad;
   }
   for (const char* good : {"2024-02-29", "2000-02-29", "2030-12-31", "2026-01-01"}) EXPECT_TRUE(parseDate(good)) << good;
-  for (const char* bad : {"2026-02-29", "1900-02-29", "2026-13-01", "2026-00-10", "2026-04-31", "2026-1-01",
+  for (const char* bad : {"2026-02-29", "1900-02-29", "1899-12-31", "2101-01-01", "2026-13-01", "2026-00-10", "2026-04-31", "2026-1-01",
                           "26-01-01", "2026/01/01", "2026-01-01x", ""}) {
     EXPECT_FALSE(parseDate(bad)) << bad;
   }

@@ -236,7 +236,8 @@ bool parseDate(const std::string& text) {
   }
   const int year = std::stoi(text.substr(0, 4)), month = std::stoi(text.substr(5, 2)), day = std::stoi(text.substr(8, 2));
   static const int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-  if (month < 1 || month > 12 || day < 1) return false;
+  // The years the field model takes at all (it warns outside its validity).
+  if (year < 1900 || year > 2100 || month < 1 || month > 12 || day < 1) return false;
   const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
   return day <= kDays[month - 1] + (month == 2 && leap ? 1 : 0);
 }

@@ -46,7 +46,7 @@ const char* usageText();
 // "LAT,LON[,HEIGHT_M]": latitude -90..90, longitude -180..360, height in
 // metres (default 0) within what the field model accepts.
 bool parseLocation(const std::string& text, Location& out);
-// "YYYY-MM-DD", a real calendar date.
+// "YYYY-MM-DD", a real calendar date in the years 1900 to 2100.
 bool parseDate(const std::string& text);
 
 // "quelta-replay VERSION\n", the library's version from its header.
