@@ -42,7 +42,7 @@ constexpr double kMaxStrength = 0.9;
 constexpr double kHuber = 2.0;
 constexpr double kMaxScaleRel = 0.04;      // cap of the robust scale, share of the strength
 constexpr double kInlierRel = 0.05;        // a stored sample explained by a fit, share of the strength
-constexpr double kPoorFit = 0.02;          // gauss: a fit this rough tries other starts
+constexpr double kPoorFit = 0.012;          // gauss: a fit this rough tries other starts
 constexpr double kRejectSigmas = 6.0;
 constexpr double kTypicalStrength = 0.45;  // before any fit
 constexpr double kExpectedSigma = 0.05;    // share of the expected strength
@@ -207,6 +207,8 @@ void Calibrator::reset() {
   devStrength_ = 0.0;
   devDip_ = 0.0;
   gravityNoise_ = 0.0;
+  refDipDeg_ = 0.0;
+  refDipFor_[0] = refDipFor_[1] = 0.0;
   flag_ = false;
   calChanged_ = false;
   headingErrorRaw_ = 180.0;
@@ -231,7 +233,7 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
 
   // Gravity.
   double accDev = 1.0;
-  double accAngle = 90.0;
+  double accAngleSq = 8100.0;
   if (acc != nullptr) {
     const V3 a{acc[0], acc[1], acc[2]};
     const double an = norm(a);
@@ -246,7 +248,9 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
         accNorm_ += dt / (kAccNormTau + dt) * (an - accNorm_);
       }
       accDev = norm(a - gravity_) / accNorm_;
-      accAngle = std::acos(clampUnit(dot(a, gravity_) / (an * norm(gravity_)))) * kDeg;
+      // Squared angle from gravity, degrees^2 (2 (1 - cos) is the squared
+      // angle for small angles, and grows with it up to 180 degrees).
+      accAngleSq = 2.0 * (1.0 - clampUnit(dot(a, gravity_) / (an * norm(gravity_)))) * kDeg * kDeg;
     }
   }
   const V3 up = haveGravity_ ? normalized(gravity_) : V3{};
@@ -280,9 +284,9 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   const V3 h = apply(m);
   out.calibrated = h;
   out.strength = norm(h);
-  disturbance(h, (haveGravity_ && accDev < kStaticAccDev) ? up : V3{}, accAngle, dt, out);
-  if (up.x != 0.0 || up.y != 0.0 || up.z != 0.0)
-    out.dipDeg = std::asin(clampUnit(-dot(h, up) / std::max(out.strength, 1e-12))) * kDeg;
+  const bool haveUp = up.x != 0.0 || up.y != 0.0 || up.z != 0.0;
+  if (haveUp) out.dipDeg = std::asin(clampUnit(-dot(h, up) / std::max(out.strength, 1e-12))) * kDeg;
+  disturbance(out.strength, haveUp && accDev < kStaticAccDev, accAngleSq, dt, out);
   out.newCalibration = calChanged_;
   out.accuracy = quality_.accuracy;
   return out;
@@ -916,23 +920,25 @@ void Calibrator::updateQuality(const FitResult* r) {
   quality_.reason = reason;
 }
 
-void Calibrator::disturbance(V3 h, V3 up, double accAngleDeg, double dt, SampleOutput& out) {
+void Calibrator::disturbance(double strength, bool dipUsable, double accAngleSq, double dt, SampleOutput& out) {
   if (cal_.model == Model::None) {
     out.disturbance = 0.0;
     out.disturbed = false;
     return;
   }
   const double k = dt / (kDisturbTau + dt);
-  const double hn = norm(h);
-  devStrength_ += k * ((hn / cal_.strength - 1.0) - devStrength_);
-  if (up.x != 0.0 || up.y != 0.0 || up.z != 0.0) {
-    const double dip = std::asin(clampUnit(-dot(h, up) / std::max(hn, 1e-12)));
-    const double ref = std::asin(clampUnit(-cal_.vertical / cal_.strength));
-    devDip_ += k * ((dip - ref) * kDeg - devDip_);
+  devStrength_ += k * ((strength / cal_.strength - 1.0) - devStrength_);
+  if (dipUsable) {
+    if (cal_.vertical != refDipFor_[0] || cal_.strength != refDipFor_[1]) {
+      refDipDeg_ = std::asin(clampUnit(-cal_.vertical / cal_.strength)) * kDeg;
+      refDipFor_[0] = cal_.vertical;
+      refDipFor_[1] = cal_.strength;
+    }
+    devDip_ += k * ((out.dipDeg - refDipDeg_) - devDip_);
   }
   // The dip is only as good as gravity: its tolerance grows while the
   // accelerometer moves about its low-passed direction.
-  gravityNoise_ += dt / (kGravityNoiseTau + dt) * (accAngleDeg * accAngleDeg - gravityNoise_);
+  gravityNoise_ += dt / (kGravityNoiseTau + dt) * (accAngleSq - gravityNoise_);
   const double dipScale = std::sqrt(kDipScaleDeg * kDipScaleDeg + kGravityNoiseGain * kGravityNoiseGain * gravityNoise_);
   const double score = std::max(std::fabs(devStrength_) / kStrengthScale, std::fabs(devDip_) / dipScale);
   if (score > kFlagOn) flag_ = true;

@@ -162,7 +162,7 @@ class Calibrator {
   bool checkChange(V3 m, V3 up);  // false: keep the block out of the store
   void updateQuality(const FitResult* r);
   void adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r);
-  void disturbance(V3 h, V3 up, double accAngleDeg, double dt, SampleOutput& out);
+  void disturbance(double strength, bool dipUsable, double accAngleSq, double dt, SampleOutput& out);
 
   ExpectedField expected_;
   Calibration cal_;
@@ -228,6 +228,8 @@ class Calibrator {
   double devStrength_ = 0.0;  // low-passed relative strength deviation
   double devDip_ = 0.0;       // low-passed dip deviation, degrees
   double gravityNoise_ = 0.0; // low-passed squared angle between accelerometer and gravity, deg^2
+  double refDipDeg_ = 0.0;    // the fitted dip, for the calibration in refDipFor_ (vertical, strength)
+  double refDipFor_[2] = {0.0, 0.0};
   bool flag_ = false;
   bool calChanged_ = false;
   double headingErrorRaw_ = 180.0;
