@@ -45,6 +45,14 @@ def vec(*vs):
     return b''.join(v if isinstance(v, bytes) else g(v) for v in vs)
 
 
+def mag_run(x_mg, y_mg, z_mg, n_byte, strength_byte):
+    """Op 2 of fuzz_magnetic: a turning device with hard iron in milligauss."""
+    def int_in(v, lo):
+        return struct.pack('>H', v - lo)
+    return (bytes([2]) + int_in(x_mg, -4000) + int_in(y_mg, -4000) + int_in(z_mg, -6000)
+            + bytes([strength_byte % 256]) + int_in(60, -90) + bytes([20, n_byte, 36, 7]))
+
+
 SEEDS = {
     'calibration': {
         # Wave the device through 64 spread samples: partial fits, then the full fit.
@@ -112,6 +120,18 @@ SEEDS = {
         + bytes([0]) + anyint(-2147483648),
         'quaternions': bytes([1]) + vec(-0.5, 0.5, 0.5, 0.5, 0, 1, 0, 0),
         'complex': bytes([2]) + vec(0, 1, 0, 0) + vec(2) + small(4),
+    },
+    'magnetic': {
+        # Turning device runs (op 2) with a phone-like hard iron, then a
+        # save/restore with one damaged byte (op 4).
+        'turning_then_save': (mag_run(600, -700, 4100, 50, 250) * 4) + bytes([4, 17, 3]),
+        # A magnet appears: the offset jumps between runs.
+        'magnet_appears': mag_run(0, 0, 0, 50, 250) * 3 + mag_run(-70, -10, 580, 50, 250) * 3,
+        # Broken samples: NaN time and field, backwards time, zeros, reset.
+        'broken_stream': bytes([0, 4]) + special('nan') + vec(0.2, -0.1) + special('inf')
+        + vec(0, 0, 1) + bytes([1, 3])
+        + bytes([1, 2, 9]) + vec(0.3, 0.1, -0.4, 0.01, 0.02, 0.99) + bytes([1, 1])
+        + bytes([8]) + bytes([6]) + bytes([3]) + vec(0.5, 60) + bytes([5, 40]) + b'QMAG' + bytes(36),
     },
 }
 

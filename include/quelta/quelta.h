@@ -8,6 +8,8 @@
 
 #include "quelta/quelta_export.h"
 #include "quelta/quelta_geomag.h"
+#include "quelta/quelta_compass.h"
+#include "quelta/quelta_magnetic.h"
 
 #define QUELTA_VERSION_MAJOR 0
 #define QUELTA_VERSION_MINOR 1

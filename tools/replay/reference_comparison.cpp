@@ -341,4 +341,51 @@ double bestAngleOffset(const std::vector<double>& reference, const std::vector<d
   return differences.median();
 }
 
+
+std::array<double, 4> northFromField(const std::array<double, 3>& worldField) {
+  // Counter-clockwise turn that takes the field's horizontal direction onto +y.
+  const double angle = std::atan2(worldField[0], worldField[1]);
+  return {std::cos(0.5 * angle), 0.0, 0.0, std::sin(0.5 * angle)};
+}
+
+double headingErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate) {
+  return headingOfDeg(multiply(reference, conjugate(estimate)));
+}
+
+double tiltErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate) {
+  const Vec3 a = rotate(conjugate(reference), {0.0, 0.0, 1.0});
+  const Vec3 b = rotate(conjugate(estimate), {0.0, 0.0, 1.0});
+  const Vec3 c{a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+  const double s = std::sqrt(c[0] * c[0] + c[1] * c[1] + c[2] * c[2]);
+  return std::atan2(s, a[0] * b[0] + a[1] * b[1] + a[2] * b[2]) * 180.0 / 3.14159265358979323846;
+}
+
+double attitudeErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate,
+                        double alignmentDeg) {
+  return rotationAngleDeg(multiply(conjugate(reference), multiply(headingRotation(alignmentDeg), estimate)));
+}
+
+std::vector<std::array<double, 3>> referenceRates(const std::vector<double>& t,
+                                                  const std::vector<std::array<double, 4>>& reference) {
+  const size_t n = reference.size();
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  std::vector<std::array<double, 3>> rates(n, {nan, nan, nan});
+  auto usable = [&](size_t i) {
+    const Quat& q = reference[i];
+    return std::isfinite(q[0] + q[1] + q[2] + q[3]);
+  };
+  for (size_t i = 1; i + 1 < n; ++i) {
+    if (!usable(i - 1) || !usable(i + 1)) continue;
+    const double dt = t[i + 1] - t[i - 1];
+    if (!(dt > 0.0)) continue;
+    Quat d = multiply(conjugate(reference[i - 1]), reference[i + 1]);
+    if (d[0] < 0.0) d = {-d[0], -d[1], -d[2], -d[3]};
+    const double v = std::sqrt(d[1] * d[1] + d[2] * d[2] + d[3] * d[3]);
+    const double angle = 2.0 * std::atan2(v, d[0]);
+    const double scale = v > 1e-12 ? angle / v / dt : 2.0 / dt;
+    rates[i] = {d[1] * scale, d[2] * scale, d[3] * scale};
+  }
+  return rates;
+}
+
 }  // namespace quelta::replay

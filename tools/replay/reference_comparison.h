@@ -172,4 +172,36 @@ double bestAngleOffset(const std::vector<double>& reference, const std::vector<d
 // q: the twist of q about the vertical.
 double headingOfDeg(const std::array<double, 4>& q);
 
+
+// Per-sample measures of an attitude estimate against a reference attitude,
+// both device to east-north-up, quaternions (w, x, y, z), for engines that
+// report a whole attitude (the compass filter, TRIAD). They hold at any
+// tilt: the heading error is the turn about the vertical between the two
+// (the twist of reference * estimate^-1 about up), not a difference of
+// azimuths, which lose their meaning towards the vertical.
+
+// The rotation to apply on the left of every reference attitude so that its
+// north becomes the horizontal direction of worldField (a recording's
+// magnetic north, in the reference frame).
+std::array<double, 4> northFromField(const std::array<double, 3>& worldField);
+
+// Turn about the vertical from estimate to reference, degrees [-180, 180),
+// clockwise positive (headingOfDeg of reference * estimate^-1).
+double headingErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate);
+
+// Angle between the reference's and the estimate's up, seen in the device
+// frame, degrees.
+double tiltErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate);
+
+// Whole attitude error after turning the estimate by a constant heading
+// (degrees, clockwise, as bestHeadingAlignment returns it).
+double attitudeErrorDeg(const std::array<double, 4>& reference, const std::array<double, 4>& estimate,
+                        double alignmentDeg);
+
+// Angular rate in the device frame derived from the reference attitudes by
+// central differences (rad/s); NaN where a neighbour is missing (non-finite)
+// or the interval is not positive.
+std::vector<std::array<double, 3>> referenceRates(const std::vector<double>& t,
+                                                  const std::vector<std::array<double, 4>>& reference);
+
 }  // namespace quelta::replay

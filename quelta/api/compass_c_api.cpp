@@ -1,0 +1,161 @@
+// The compass's C interface over caller-owned storage.
+#include <new>
+
+#include "quelta/compass/compass.h"
+#include "quelta/quelta_compass.h"
+
+namespace {
+
+using quelta::compass::Compass;
+
+// The object sits after a header word that says it was initialised.
+constexpr uint64_t kMagic = 0x51434f4d50415353ull;  // "QCOMPASS"
+constexpr size_t kOffset = 16;
+
+static_assert(sizeof(Compass) + kOffset <= sizeof(quelta_compass), "the compass state outgrew its storage");
+static_assert(alignof(Compass) <= 16, "storage alignment");
+static_assert(quelta::magnetic::kRecordSize == QUELTA_MAG_RECORD_SIZE, "record size");
+
+void* place(quelta_compass* state) { return reinterpret_cast<unsigned char*>(state->opaque) + kOffset; }
+
+Compass* self(quelta_compass* state) {
+  if (state == nullptr || state->opaque[0] != kMagic) return nullptr;
+  return std::launder(reinterpret_cast<Compass*>(place(state)));
+}
+const Compass* self(const quelta_compass* state) { return self(const_cast<quelta_compass*>(state)); }
+
+void copy3(const quelta::compass::Vec3& v, double* out) {
+  out[0] = v.x;
+  out[1] = v.y;
+  out[2] = v.z;
+}
+
+}  // namespace
+
+extern "C" {
+
+QUELTA_LAYER_API int32_t quelta_compass_init(quelta_compass* state) {
+  if (state == nullptr) return -1;
+  new (place(state)) Compass();
+  state->opaque[0] = kMagic;
+  return 0;
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_reset(quelta_compass* state) {
+  Compass* c = self(state);
+  if (c == nullptr) return -1;
+  c->reset();
+  return 0;
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_set_declination(quelta_compass* state, double declination_deg) {
+  Compass* c = self(state);
+  if (c == nullptr || !std::isfinite(declination_deg)) return -1;
+  c->setDeclination(declination_deg);
+  return 0;
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state, double strength_gauss,
+                                                           double dip_deg) {
+  Compass* c = self(state);
+  if (c == nullptr) return -1;
+  quelta::magnetic::ExpectedField f;
+  if (std::isfinite(strength_gauss) && std::isfinite(dip_deg) && strength_gauss > 0.0 && strength_gauss < 10.0 &&
+      std::fabs(dip_deg) <= 90.0) {
+    f.strengthGauss = strength_gauss;
+    f.dipDeg = dip_deg;
+    f.known = true;
+  }
+  c->setExpectedField(f);
+  return 0;
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_update(quelta_compass* state, double t, const double* acc,
+                                               const double* raw_field, const double* gyro) {
+  Compass* c = self(state);
+  if (c == nullptr || acc == nullptr) return -1;
+  const quelta::compass::Vec3 a{acc[0], acc[1], acc[2]};
+  quelta::compass::Vec3 m, g;
+  if (raw_field != nullptr) m = {raw_field[0], raw_field[1], raw_field[2]};
+  if (gyro != nullptr) g = {gyro[0], gyro[1], gyro[2]};
+  c->update(t, a, raw_field != nullptr ? &m : nullptr, gyro != nullptr ? &g : nullptr);
+  return 0;
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state, double t, const double* acc,
+                                                          const double* field,
+                                                          const quelta_compass_field_quality* quality,
+                                                          const double* gyro) {
+  Compass* c = self(state);
+  if (c == nullptr || acc == nullptr) return -1;
+  quelta::compass::FieldQuality q;
+  if (quality != nullptr) {
+    q.disturbed = quality->disturbed != 0;
+    q.disturbanceScore = quality->disturbance_score;
+    q.calibrationAccuracy = quality->calibration_accuracy;
+    q.calibrationHeadingErrorDeg = quality->calibration_heading_error_deg;
+  }
+  const quelta::compass::Vec3 a{acc[0], acc[1], acc[2]};
+  quelta::compass::Vec3 m, g;
+  if (field != nullptr) m = {field[0], field[1], field[2]};
+  if (gyro != nullptr) g = {gyro[0], gyro[1], gyro[2]};
+  c->filter().update(t, a, field != nullptr ? &m : nullptr, q, gyro != nullptr ? &g : nullptr);
+  return 0;
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_get_output(const quelta_compass* state, quelta_compass_output* out) {
+  const Compass* c = self(state);
+  if (c == nullptr || out == nullptr) return -1;
+  const quelta::compass::CompassOutput& o = c->output();
+  out->t = o.t;
+  out->quaternion[0] = o.attitude.w;
+  out->quaternion[1] = o.attitude.x;
+  out->quaternion[2] = o.attitude.y;
+  out->quaternion[3] = o.attitude.z;
+  out->azimuth_deg = o.azimuthDeg;
+  out->pitch_deg = o.pitchDeg;
+  out->roll_deg = o.rollDeg;
+  copy3(o.gravity, out->gravity);
+  copy3(o.linearAcc, out->linear_acceleration);
+  copy3(o.rate, out->angular_rate);
+  copy3(o.gyroBias, out->gyro_bias);
+  out->heading_accuracy_deg = o.headingAccuracyDeg;
+  out->accuracy = o.accuracy;
+  out->flags = o.flags;
+  return 0;
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_get_calibration_quality(const quelta_compass* state,
+                                                                quelta_mag_quality* out) {
+  const Compass* c = self(state);
+  if (c == nullptr || out == nullptr) return -1;
+  const quelta::magnetic::Quality& q = c->calibrator().quality();
+  out->accuracy = q.accuracy;
+  out->reason = static_cast<int>(q.reason);
+  out->coverage = q.coverage;
+  out->residual_gauss = q.residualGauss;
+  out->fitted_strength = q.fittedStrength;
+  out->expected_strength = q.expectedStrength;
+  out->heading_error_deg = q.headingErrorDeg;
+  out->samples = q.samples;
+  out->new_hard_iron = q.newHardIron;
+  return 0;
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_save_calibration(const quelta_compass* state,
+                                                         uint8_t record[QUELTA_MAG_RECORD_SIZE]) {
+  const Compass* c = self(state);
+  if (c == nullptr || record == nullptr) return -1;
+  uint8_t(&r)[quelta::magnetic::kRecordSize] = *reinterpret_cast<uint8_t(*)[quelta::magnetic::kRecordSize]>(record);
+  return static_cast<int32_t>(c->calibrator().save(r));
+}
+
+QUELTA_LAYER_API int32_t quelta_compass_restore_calibration(quelta_compass* state, const uint8_t* record,
+                                                            size_t size) {
+  Compass* c = self(state);
+  if (c == nullptr) return -1;
+  if (record == nullptr) return QUELTA_MAG_RECORD_TRUNCATED;
+  return static_cast<int32_t>(c->calibrator().restore(record, size));
+}
+
+}  // extern "C"

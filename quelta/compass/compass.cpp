@@ -1,0 +1,35 @@
+#include "quelta/compass/compass.h"
+
+namespace quelta::compass {
+
+void Compass::reset() {
+  calibrator_.reset();
+  filter_.reset();
+  field_ = magnetic::SampleOutput{};
+}
+
+void Compass::update(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
+  FieldQuality quality;
+  const magnetic::Quality& q = calibrator_.quality();
+  if (rawField == nullptr) {
+    quality.calibrationAccuracy = q.accuracy;
+    quality.calibrationHeadingErrorDeg = q.accuracy > 0 ? q.headingErrorDeg : 0.0;
+    filter_.update(t, acc, nullptr, quality, gyro);
+    return;
+  }
+  const double raw[3] = {rawField->x, rawField->y, rawField->z};
+  const double a[3] = {acc.x, acc.y, acc.z};
+  field_ = calibrator_.update(t, raw, a);
+  quality.calibrationAccuracy = field_.accuracy;
+  quality.disturbed = field_.disturbed;
+  quality.disturbanceScore = field_.disturbance;
+  quality.newCalibration = field_.newCalibration;
+  quality.calibrationHeadingErrorDeg = calibrator_.quality().headingErrorDeg;
+  // Before the first calibration the field still carries the device's own
+  // hard iron: it says nothing about north.
+  const bool usable = field_.valid && field_.accuracy >= 1;
+  const Vec3 calibrated{field_.calibrated.x, field_.calibrated.y, field_.calibrated.z};
+  filter_.update(t, acc, usable ? &calibrated : nullptr, quality, gyro);
+}
+
+}  // namespace quelta::compass

@@ -1,0 +1,72 @@
+// Small double-precision vector and quaternion helpers for the compass
+// filter. Quaternions are Hamilton, scalar first, and rotate device
+// coordinates into east-north-up.
+#pragma once
+
+#include <cmath>
+
+namespace quelta::compass {
+
+struct Vec3 {
+  double x = 0.0, y = 0.0, z = 0.0;
+};
+
+struct Quat {
+  double w = 1.0, x = 0.0, y = 0.0, z = 0.0;
+};
+
+inline Vec3 operator+(Vec3 a, Vec3 b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
+inline Vec3 operator-(Vec3 a, Vec3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
+inline Vec3 operator*(double s, Vec3 a) { return {s * a.x, s * a.y, s * a.z}; }
+inline double dot(Vec3 a, Vec3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+inline Vec3 cross(Vec3 a, Vec3 b) {
+  return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
+inline double norm(Vec3 a) { return std::sqrt(dot(a, a)); }
+
+inline Quat operator*(Quat p, Quat q) {
+  return {p.w * q.w - p.x * q.x - p.y * q.y - p.z * q.z, p.w * q.x + p.x * q.w + p.y * q.z - p.z * q.y,
+          p.w * q.y - p.x * q.z + p.y * q.w + p.z * q.x, p.w * q.z + p.x * q.y - p.y * q.x + p.z * q.w};
+}
+inline Quat conj(Quat q) { return {q.w, -q.x, -q.y, -q.z}; }
+
+inline Quat normalised(Quat q) {
+  const double n = std::sqrt(q.w * q.w + q.x * q.x + q.y * q.y + q.z * q.z);
+  if (!(n > 1e-12)) return Quat{};
+  const double s = (q.w < 0.0 ? -1.0 : 1.0) / n;  // scalar part kept non-negative
+  return {q.w * s, q.x * s, q.y * s, q.z * s};
+}
+
+// Rotates v by the unit quaternion q (q v q*).
+inline Vec3 rotate(Quat q, Vec3 v) {
+  const Vec3 u{q.x, q.y, q.z};
+  const Vec3 t = 2.0 * cross(u, v);
+  return v + q.w * t + cross(u, t);
+}
+// Rotates v by the inverse of q.
+inline Vec3 rotateBack(Quat q, Vec3 v) { return rotate(conj(q), v); }
+
+// The rotation by the rotation vector r (axis times angle, radians).
+inline Quat fromRotationVector(Vec3 r) {
+  const double angle = norm(r);
+  if (angle < 1e-9) return normalised({1.0, 0.5 * r.x, 0.5 * r.y, 0.5 * r.z});
+  const double s = std::sin(0.5 * angle) / angle;
+  return {std::cos(0.5 * angle), s * r.x, s * r.y, s * r.z};
+}
+
+// The rotation of angle radians about the vertical (counter-clockwise seen
+// from above).
+inline Quat aboutUp(double angle) { return {std::cos(0.5 * angle), 0.0, 0.0, std::sin(0.5 * angle)}; }
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kDeg = kPi / 180.0;
+
+inline double wrapPi(double a) {
+  a = std::fmod(a + kPi, 2.0 * kPi);
+  if (a < 0.0) a += 2.0 * kPi;
+  return a - kPi;
+}
+
+inline double clampTo(double v, double lo, double hi) { return v < lo ? lo : (v > hi ? hi : v); }
+
+}  // namespace quelta::compass

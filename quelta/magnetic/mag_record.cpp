@@ -1,0 +1,122 @@
+// The calibration's save/restore record: 128 bytes, little-endian.
+//   0  'Q' 'M' 'A' 'G'
+//   4  u16 version (1)        6  u16 record size (128)
+//   8  u8 model (1 sphere, 2 ellipsoid)   9  u8 accuracy   10  u16 zero
+//  12  f64 offset x y z, soft iron 00 11 22 01 02 12, strength, vertical,
+//      residual, heading error (degrees), coverage
+// 124  u32 CRC-32 (IEEE) of bytes 0..123
+#include <cmath>
+#include <cstring>
+
+#include "quelta/magnetic/mag_calibrator.h"
+
+namespace quelta::magnetic {
+namespace {
+
+constexpr std::size_t kCrcAt = kRecordSize - 4;
+constexpr int kDoubles = 14;
+
+uint32_t crc32(const uint8_t* p, std::size_t n) {
+  uint32_t c = 0xFFFFFFFFu;
+  for (std::size_t i = 0; i < n; ++i) {
+    c ^= p[i];
+    for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
+  }
+  return ~c;
+}
+
+void put16(uint8_t* p, uint16_t v) {
+  p[0] = static_cast<uint8_t>(v);
+  p[1] = static_cast<uint8_t>(v >> 8);
+}
+void put32(uint8_t* p, uint32_t v) {
+  for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+void putF64(uint8_t* p, double d) {
+  uint64_t v;
+  std::memcpy(&v, &d, 8);
+  for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+uint16_t get16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
+uint32_t get32(const uint8_t* p) {
+  uint32_t v = 0;
+  for (int i = 0; i < 4; ++i) v |= static_cast<uint32_t>(p[i]) << (8 * i);
+  return v;
+}
+double getF64(const uint8_t* p) {
+  uint64_t v = 0;
+  for (int i = 0; i < 8; ++i) v |= static_cast<uint64_t>(p[i]) << (8 * i);
+  double d;
+  std::memcpy(&d, &v, 8);
+  return d;
+}
+
+}  // namespace
+
+RecordStatus Calibrator::save(uint8_t (&rec)[kRecordSize]) const {
+  std::memset(rec, 0, kRecordSize);
+  if (cal_.model == Model::None) return RecordStatus::NoCalibration;
+  rec[0] = 'Q';
+  rec[1] = 'M';
+  rec[2] = 'A';
+  rec[3] = 'G';
+  put16(rec + 4, kRecordVersion);
+  put16(rec + 6, static_cast<uint16_t>(kRecordSize));
+  rec[8] = static_cast<uint8_t>(cal_.model);
+  rec[9] = static_cast<uint8_t>(quality_.accuracy);
+  const M3& w = cal_.softIron;
+  const double v[kDoubles] = {cal_.offset.x, cal_.offset.y, cal_.offset.z, w.m[0][0], w.m[1][1],
+                              w.m[2][2], w.m[0][1], w.m[0][2], w.m[1][2], cal_.strength,
+                              cal_.vertical, quality_.residualGauss, quality_.headingErrorDeg,
+                              quality_.coverage};
+  for (int i = 0; i < kDoubles; ++i) putF64(rec + 12 + 8 * i, v[i]);
+  put32(rec + kCrcAt, crc32(rec, kCrcAt));
+  return RecordStatus::Ok;
+}
+
+RecordStatus Calibrator::restore(const uint8_t* rec, std::size_t size) {
+  if (rec == nullptr || size < kRecordSize) return RecordStatus::Truncated;
+  if (rec[0] != 'Q' || rec[1] != 'M' || rec[2] != 'A' || rec[3] != 'G') return RecordStatus::BadMagic;
+  if (get16(rec + 4) != kRecordVersion || get16(rec + 6) != kRecordSize) return RecordStatus::OtherVersion;
+  if (get32(rec + kCrcAt) != crc32(rec, kCrcAt)) return RecordStatus::BadChecksum;
+  double v[kDoubles];
+  for (int i = 0; i < kDoubles; ++i) {
+    v[i] = getF64(rec + 12 + 8 * i);
+    if (!std::isfinite(v[i])) return RecordStatus::BadValues;
+  }
+  const uint8_t model = rec[8];
+  const uint8_t accuracy = rec[9];
+  if ((model != 1 && model != 2) || accuracy > 3 || get16(rec + 10) != 0) return RecordStatus::BadValues;
+  Calibration c;
+  c.offset = {v[0], v[1], v[2]};
+  c.softIron.m[0][0] = v[3];
+  c.softIron.m[1][1] = v[4];
+  c.softIron.m[2][2] = v[5];
+  c.softIron.m[0][1] = c.softIron.m[1][0] = v[6];
+  c.softIron.m[0][2] = c.softIron.m[2][0] = v[7];
+  c.softIron.m[1][2] = c.softIron.m[2][1] = v[8];
+  c.strength = v[9];
+  c.vertical = v[10];
+  c.model = static_cast<Model>(model);
+  const double d = det(c.softIron);
+  bool sane = norm(c.offset) < 100.0 && c.strength > 0.02 && c.strength < 10.0 &&
+              std::fabs(c.vertical) <= c.strength * 1.0001 && std::fabs(d - 1.0) < 1e-3 &&
+              v[11] >= 0.0 && v[12] >= 0.0 && v[12] <= 180.0 && v[13] >= 0.0 && v[13] <= 1.0;
+  for (int i = 0; i < 3; ++i) sane = sane && c.softIron.m[i][i] > 0.5 && c.softIron.m[i][i] < 2.0;
+  if (!sane) return RecordStatus::BadValues;
+
+  reset();
+  cal_ = c;
+  headingErrorRaw_ = v[12];
+  quality_.residualGauss = v[11];
+  quality_.coverage = v[13];
+  // The restored offset holds the fit until the data outweigh it.
+  priorOffset_ = c.offset;
+  priorOffsetSigma_ = std::max(0.005, std::tan(std::min(v[12], 30.0) / 57.29577951308232) * 0.5 * c.strength);
+  updateQuality(nullptr);
+  if (quality_.accuracy > accuracy) quality_.accuracy = accuracy;
+  calChanged_ = true;
+  return RecordStatus::Ok;
+}
+
+}  // namespace quelta::magnetic

@@ -1,0 +1,182 @@
+#include "tools/accuracy/engines.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <limits>
+
+#include "quelta/compass/compass.h"
+#include "quelta/compass/compass_filter.h"
+#include "tools/replay/replay_driver.h"
+
+namespace quelta::accuracy {
+
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+compass::Vec3 vec(const std::array<double, 3>& a) { return {a[0], a[1], a[2]}; }
+
+compass::Vec3 calibrated(const TruthRecording& truth, const replay::RecordedSample& s) {
+  const std::array<double, 3> offset = truth.offsetAt(s.t);
+  return {s.mag[0] - offset[0], s.mag[1] - offset[1], s.mag[2] - offset[2]};
+}
+
+EngineRun sized(size_t n) {
+  EngineRun run;
+  run.attitude.assign(n, replay::Quat{kNaN, kNaN, kNaN, kNaN});
+  run.rate.assign(n, replay::Vec3{kNaN, kNaN, kNaN});
+  run.reportedHeadingDeg.assign(n, kNaN);
+  run.accuracy.assign(n, -1);
+  run.flags.assign(n, 0u);
+  return run;
+}
+
+EngineRun runFixed(const replay::Recording& recording) {
+  replay::DriverOptions options;
+  const std::vector<replay::ReplayRow> rows = replay::replayRecording(recording, options);
+  EngineRun run = sized(rows.size());
+  for (size_t i = 0; i < rows.size(); ++i) {
+    const auto& r = rows[i].rotVec;
+    run.attitude[i] = {r[3], r[0], r[1], r[2]};
+    run.rate[i] = {rows[i].vgyro[0], rows[i].vgyro[1], rows[i].vgyro[2]};
+    run.accuracy[i] = rows[i].accuracy;
+  }
+  return run;
+}
+
+// Tuning experiments: QUELTA_COMPASS_TUNING="tiltTau=1.2,headingTau=5" sets
+// FilterSettings fields by name for this run.
+compass::FilterSettings tunedSettings() {
+  compass::FilterSettings s;
+  const char* env = std::getenv("QUELTA_COMPASS_TUNING");
+  if (env == nullptr) return s;
+  struct Field {
+    const char* name;
+    double* value;
+  } fields[] = {{"tiltTau", &s.tiltTau}, {"accMeanTau", &s.accMeanTau}, {"headingTau", &s.headingTau},
+                {"biasTiltTau", &s.biasTiltTau}, {"biasHeadingTau", &s.biasHeadingTau},
+                {"accNormTolerance", &s.accNormTolerance}, {"accRejectAngleDeg", &s.accRejectAngleDeg},
+                {"accRejectMaxTime", &s.accRejectMaxTime}, {"fieldStrengthTolerance", &s.fieldStrengthTolerance},
+                {"fieldDipToleranceDeg", &s.fieldDipToleranceDeg}, {"fieldReferenceTau", &s.fieldReferenceTau},
+                {"fieldRelearnTime", &s.fieldRelearnTime}, {"trackTiltTau", &s.trackTiltTau},
+                {"trackTiltAngleDeg", &s.trackTiltAngleDeg}, {"trackHeadingTau", &s.trackHeadingTau},
+                {"trackHeadingAngleDeg", &s.trackHeadingAngleDeg}, {"trackPredict", &s.trackPredict},
+                {"headingNoiseFloorDeg", &s.headingNoiseFloorDeg}, {"headingDriftRate", &s.headingDriftRate},
+                {"innovationWeight", &s.innovationWeight}, {"restBiasTau", &s.restBiasTau}, {"fieldTiltTau", &s.fieldTiltTau},
+                {"biasTiltTauStart", &s.biasTiltTauStart}, {"biasHeadingTauStart", &s.biasHeadingTauStart},
+                {"biasSettleTime", &s.biasSettleTime},
+                {"biasCleanTime", &s.biasCleanTime}, {"trackDipToleranceScale", &s.trackDipToleranceScale}, {"accStepLimit", &s.accStepLimit}, {"readingDelay", &s.readingDelay}, {"coning", &s.coning}, {"trackDisturbedWeight", &s.trackDisturbedWeight},
+                {"trackInnovationWeight", &s.trackInnovationWeight}, {"trackLagTime", &s.trackLagTime},
+                {"trackDisturbedErrorDeg", &s.trackDisturbedErrorDeg}};
+  std::string text = env;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find(',', start);
+    if (end == std::string::npos) end = text.size();
+    const std::string item = text.substr(start, end - start);
+    const size_t eq = item.find('=');
+    for (Field& f : fields) {
+      if (eq != std::string::npos && item.compare(0, eq, f.name) == 0 && std::strlen(f.name) == eq) {
+        *f.value = std::strtod(item.c_str() + eq + 1, nullptr);
+      }
+    }
+    start = end + 1;
+  }
+  return s;
+}
+
+EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recording, bool gyro, double bias) {
+  EngineRun run = sized(recording.samples.size());
+  compass::CompassFilter filter(tunedSettings());
+  const compass::FieldQuality quality;  // an ideal calibration, no outside disturbance flag
+  for (size_t i = 0; i < recording.samples.size(); ++i) {
+    const replay::RecordedSample& s = recording.samples[i];
+    const compass::Vec3 field = calibrated(truth, s);
+    const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
+    filter.update(s.t, vec(s.acc), &field, quality, gyro ? &rate : nullptr);
+    const compass::CompassOutput& o = filter.output();
+    run.attitude[i] = {o.attitude.w, o.attitude.x, o.attitude.y, o.attitude.z};
+    run.rate[i] = {o.rate.x, o.rate.y, o.rate.z};
+    run.reportedHeadingDeg[i] = o.headingAccuracyDeg;
+    run.accuracy[i] = o.accuracy;
+    run.flags[i] = o.flags;
+  }
+  return run;
+}
+
+EngineRun runOwnCalibration(const replay::Recording& recording, bool gyro, double bias) {
+  EngineRun run = sized(recording.samples.size());
+  static compass::Compass whole;  // large: kept off the stack
+  whole = compass::Compass(tunedSettings());
+  for (size_t i = 0; i < recording.samples.size(); ++i) {
+    const replay::RecordedSample& s = recording.samples[i];
+    const compass::Vec3 raw = vec(s.mag);
+    const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
+    whole.update(s.t, vec(s.acc), &raw, gyro ? &rate : nullptr);
+    const compass::CompassOutput& o = whole.output();
+    run.attitude[i] = {o.attitude.w, o.attitude.x, o.attitude.y, o.attitude.z};
+    run.rate[i] = {o.rate.x, o.rate.y, o.rate.z};
+    run.reportedHeadingDeg[i] = o.headingAccuracyDeg;
+    run.accuracy[i] = o.accuracy;
+    run.flags[i] = o.flags;
+  }
+  return run;
+}
+
+EngineRun runTriad(const TruthRecording& truth, const replay::Recording& recording, double window) {
+  EngineRun run = sized(recording.samples.size());
+  const auto& samples = recording.samples;
+  compass::Vec3 sumAcc, sumField;
+  size_t first = 0;
+  for (size_t i = 0; i < samples.size(); ++i) {
+    compass::Vec3 acc = vec(samples[i].acc);
+    compass::Vec3 field = calibrated(truth, samples[i]);
+    if (window > 0.0) {
+      sumAcc = sumAcc + acc;
+      sumField = sumField + field;
+      while (samples[first].t <= samples[i].t - window) {
+        sumAcc = sumAcc - vec(samples[first].acc);
+        sumField = sumField - calibrated(truth, samples[first]);
+        ++first;
+      }
+      acc = sumAcc;
+      field = sumField;
+    }
+    compass::Quat q;
+    if (compass::attitudeFromVectors(acc, field, q)) run.attitude[i] = {q.w, q.x, q.y, q.z};
+  }
+  return run;
+}
+
+}  // namespace
+
+const char* engineName(Engine engine) {
+  switch (engine) {
+    case Engine::Fixed: return "fixed pipelines";
+    case Engine::CompassGyro: return "compass, gyro";
+    case Engine::CompassNoGyro: return "compass, no gyro";
+    case Engine::Triad: return "TRIAD";
+    case Engine::TriadMean: return "TRIAD 0.5 s";
+    case Engine::OwnCalGyro: return "compass+cal, gyro";
+    case Engine::OwnCalNoGyro: return "compass+cal, no gyro";
+  }
+  return "?";
+}
+
+EngineRun runEngine(Engine engine, const TruthRecording& truth, const replay::Recording& recording,
+                    double gyroBias) {
+  switch (engine) {
+    case Engine::Fixed: return runFixed(recording);
+    case Engine::CompassGyro: return runCompass(truth, recording, true, gyroBias);
+    case Engine::CompassNoGyro: return runCompass(truth, recording, false, 0.0);
+    case Engine::Triad: return runTriad(truth, recording, 0.0);
+    case Engine::TriadMean: return runTriad(truth, recording, 0.5);
+    case Engine::OwnCalGyro: return runOwnCalibration(recording, true, gyroBias);
+    case Engine::OwnCalNoGyro: return runOwnCalibration(recording, false, 0.0);
+  }
+  return {};
+}
+
+}  // namespace quelta::accuracy
