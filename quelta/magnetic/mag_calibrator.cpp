@@ -702,7 +702,9 @@ void Calibrator::refit() {
   }
   FitResult r;
   bool ok = fit(slots_, count_, start, true, false, ps, pss, pv, pvs, r);
-  if (!ok || r.residual > kPoorFit) {
+  // (Not again while a good calibration stays as rough as it was.)
+  const bool settled = quality_.accuracy >= 3 && r.residual < 1.5 * quality_.residualGauss;
+  if (!ok || (r.residual > kPoorFit && !settled)) {
     // Rough or failed: other starts compete, judged by how many stored
     // samples they explain (the store may hold disturbed samples).
     int best = ok ? inliers(r.cal, slots_, count_) : -1;
