@@ -422,6 +422,14 @@ bool RecordingReader::openBytes(std::string bytes, const std::string& name, cons
 bool RecordingReader::hasGyroColumns() const { return parser_ && parser_->layout.gyro[0] >= 0; }
 bool RecordingReader::hasAttitudeColumns() const { return parser_ && parser_->layout.attitude[0] >= 0; }
 
+bool RecordingReader::failAt(const std::string& message, int column) {
+  error_.line = parser_->lineNumber;
+  error_.column = column;
+  error_.message = message;
+  failed_ = true;
+  return false;
+}
+
 bool RecordingReader::start(const Units& units) {
   Parser& p = *parser_;
   ahead_.clear();
@@ -430,13 +438,7 @@ bool RecordingReader::start(const Units& units) {
   p.accScale = units.acc == AccUnit::G ? 1.0 : 1.0 / kStandardGravity;
   p.magScale = units.mag == MagUnit::Gauss ? 1.0 : 1.0 / kMicroteslaPerGauss;
 
-  auto fail = [this, &p](const std::string& message, int column) {
-    error_.line = p.lineNumber;
-    error_.column = column;
-    error_.message = message;
-    failed_ = true;
-    return false;
-  };
+  auto fail = [this](const std::string& message, int column) { return failAt(message, column); };
 
   std::string problem;
   do {
@@ -524,13 +526,7 @@ bool RecordingReader::start(const Units& units) {
 bool RecordingReader::readSample(RecordedSample& sample) {
   if (failed_ || !parser_) return false;
   Parser& p = *parser_;
-  auto fail = [this, &p](const std::string& message, int column) {
-    error_.line = p.lineNumber;
-    error_.column = column;
-    error_.message = message;
-    failed_ = true;
-    return false;
-  };
+  auto fail = [this](const std::string& message, int column) { return failAt(message, column); };
 
   std::string problem;
   do {

@@ -99,6 +99,8 @@ class RecordingReader {
   struct Parser;
   bool start(const Units& units);
   bool readSample(RecordedSample& sample);
+  // Records a parse error at the current line and the given column; always false.
+  bool failAt(const std::string& message, int column);
 
   std::unique_ptr<Parser> parser_;
   std::string name_;
