@@ -27,6 +27,19 @@ char* putInt(char* at, char* end, int value) {
   return std::to_chars(at, end, value).ptr;
 }
 
+// The columns both engines write, in this order: offset, radius, calibrated
+// field, azimuth/pitch/roll, rate, rotation vector, gravity, linear acceleration.
+char* putSharedColumns(char* at, char* end, const ReplayRow& r) {
+  at = putFloats(at, end, r.offset);
+  at = putFloats(at, end, std::array<float, 1>{r.radius});
+  at = putFloats(at, end, r.calField);
+  at = putFloats(at, end, r.orientation);
+  at = putFloats(at, end, r.vgyro);
+  at = putFloats(at, end, r.rotVec);
+  at = putFloats(at, end, r.gravity);
+  return putFloats(at, end, r.linearAcc);
+}
+
 }  // namespace
 
 void writeOutputCsvHeader(FILE* out) {
@@ -45,14 +58,7 @@ void writeOutputCsvRow(FILE* out, const ReplayRow& r) {
   at = putInt(at, end, r.poolCount);
   at = putInt(at, end, r.newCalibration ? 1 : 0);
   at = putInt(at, end, r.saturation ? 1 : 0);
-  at = putFloats(at, end, r.offset);
-  at = putFloats(at, end, std::array<float, 1>{r.radius});
-  at = putFloats(at, end, r.calField);
-  at = putFloats(at, end, r.orientation);
-  at = putFloats(at, end, r.vgyro);
-  at = putFloats(at, end, r.rotVec);
-  at = putFloats(at, end, r.gravity);
-  at = putFloats(at, end, r.linearAcc);
+  at = putSharedColumns(at, end, r);
   *at++ = '\n';
   std::fwrite(line, 1, static_cast<size_t>(at - line), out);
 }
@@ -75,14 +81,7 @@ void writeCompassCsvRow(FILE* out, const ReplayRow& r) {
   char* at = std::to_chars(line, end, r.t, std::chars_format::general, 9).ptr;  // as %.9g
   at = putInt(at, end, r.accuracy);
   at = putInt(at, end, r.newCalibration ? 1 : 0);
-  at = putFloats(at, end, r.offset);
-  at = putFloats(at, end, std::array<float, 1>{r.radius});
-  at = putFloats(at, end, r.calField);
-  at = putFloats(at, end, r.orientation);
-  at = putFloats(at, end, r.vgyro);
-  at = putFloats(at, end, r.rotVec);
-  at = putFloats(at, end, r.gravity);
-  at = putFloats(at, end, r.linearAcc);
+  at = putSharedColumns(at, end, r);
   at = putFloats(at, end, c.softIron);
   at = putInt(at, end, c.model);
   at = putFloats(at, end, std::array<float, 1>{c.disturbance});
