@@ -43,6 +43,20 @@ add_test(NAME replay.cli.usage_error COMMAND ${REPLAY_CHECK} usage $<TARGET_FILE
 # The unit tests of tests/replay/ also drive the library directly.
 target_link_libraries(test_replay PRIVATE quelta_replay_driver quelta_recording_sim)
 
+# The real recordings beside the repository (../shared/recordings, or two
+# levels up from a worktree); tests that need them skip when absent.
+if(NOT DEFINED QUELTA_SHARED_RECORDINGS)
+  set(QUELTA_SHARED_RECORDINGS "")
+  foreach(candidate ${PROJECT_SOURCE_DIR}/../shared/recordings ${PROJECT_SOURCE_DIR}/../../shared/recordings)
+    if(IS_DIRECTORY ${candidate})
+      get_filename_component(QUELTA_SHARED_RECORDINGS ${candidate} ABSOLUTE)
+      break()
+    endif()
+  endforeach()
+endif()
+set(QUELTA_SHARED_RECORDINGS "${QUELTA_SHARED_RECORDINGS}" CACHE PATH "Real recordings (*.csv.gz) for the tests that use them; empty: none")
+target_compile_definitions(test_replay PRIVATE QUELTA_SHARED_RECORDINGS="${QUELTA_SHARED_RECORDINGS}")
+
 if(CMAKE_CROSSCOMPILING_EMULATOR)
   list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
   get_property(replay_tests DIRECTORY PROPERTY TESTS)
