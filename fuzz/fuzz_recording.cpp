@@ -1,27 +1,30 @@
-// The replay tool's recording reader, on CSV text: header resolution, field
-// splitting, number parsing, unit conversion, every refusal.
-// The first byte picks the declared units; the rest is the file.
+// The replay tool's recording reader on CSV text, as the tool uses it: open,
+// peek at the first samples, then stream them all. Header resolution (any
+// case, quotes, byte-order mark), field splitting, number parsing, missing
+// reference values, unit conversion, every refusal.
+// Input: a units byte (fuzz_recording_checks.h), a peek-count byte, the file.
 //
 // Checked besides memory safety: a refusal carries a message and a place
-// (line 0 only for whole-file problems, a column only with a line); an
-// accepted recording has at least one sample, finite and strictly
-// increasing times and sensor values that are finite as the floats handed
-// to the library.
-#include <cmath>
+// (a column only with a line); an accepted recording has at least one
+// sample, finite and strictly increasing times, sensor values finite as the
+// floats handed to the library, finite references only where the header
+// has their columns and counts of missing references that match the
+// samples; peeking changes nothing: the same bytes read without a peek give
+// the same samples and the same error.
 #include <cstdint>
 #include <string>
 
-#include "fuzz/fuzz_input.h"
 #include "fuzz/fuzz_recording_checks.h"
-#include "tools/replay/recording.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
+  if (size < 2) return 0;
   const quelta::replay::Units units = quelta::fuzz::unitsFromByte(data[0]);
-  const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
-  quelta::replay::Recording recording;
-  quelta::replay::InputError error;
-  const bool accepted = quelta::replay::parseRecording(text, "fuzz.csv", units, recording, error);
-  quelta::fuzz::checkReaderResult(accepted, recording, error);
+  const size_t peekCount = data[1];
+  const std::string text(reinterpret_cast<const char*>(data + 2), size - 2);
+  const quelta::fuzz::Reading peeked = quelta::fuzz::readAll(text, units, peekCount);
+  if (peekCount > 0) {
+    const quelta::fuzz::Reading streamed = quelta::fuzz::readAll(text, units, 0);
+    FUZZ_CHECK(quelta::fuzz::sameReading(peeked, streamed));
+  }
   return 0;
 }

@@ -2,10 +2,10 @@
 """Writes the seed corpora of the reader targets from the replay tool's test
 fixtures, the start of the bundled recording and a few hand-made files:
 
-  fuzz/corpus/recording/         units byte, then CSV text
-  fuzz/corpus/recording_gz/      units byte, mode byte, then (mode 0) a gzip
-                                 file or (other modes) CSV text that the
-                                 target compresses itself
+  fuzz/corpus/recording/         units byte, peek-count byte, CSV text
+  fuzz/corpus/recording_gz/      units byte, mode byte, parameter byte, then
+                                 (mode 0) a gzip file or (modes 1-4) CSV text
+                                 that the target compresses itself
   fuzz/corpus/calibration_file/  calibration-file text
 
 The units byte: bit 0 accelerometer in m/s2 (else g), bit 1 field in uT
@@ -78,10 +78,11 @@ def main():
     compressed = reset('recording_gz')
     for name, units, text in recordings():
         data = text.encode('utf-8')
-        write(plain, name, bytes([units]) + data)
+        write(plain, name, bytes([units, 30]) + data)
         # mtime=0: the same bytes on every run.
-        write(compressed, name + '.gz', bytes([units, 0]) + gzip.compress(data, mtime=0))
-        write(compressed, name + '.text', bytes([units, 1]) + data)
+        write(compressed, name + '.gz', bytes([units, 0, 0]) + gzip.compress(data, mtime=0))
+        write(compressed, name + '.text', bytes([units, 1, 6]) + data)
+        write(compressed, name + '.members', bytes([units, 3, 128]) + data)
     calibration = reset('calibration_file')
     for name, text in HAND_MADE_CALIBRATION_FILES.items():
         write(calibration, name, text.encode('utf-8'))

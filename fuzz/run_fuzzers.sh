@@ -5,8 +5,8 @@
 #
 # SECONDS_PER_TARGET defaults to 60; TARGET is one of the library's
 # families (calibration, vgyro, rotvec, buffers, math) or one of the replay
-# tool's readers (recording, calibration_file) (default: all). Build the
-# targets first:
+# tool's readers (recording, recording_gz, calibration_file); default: all.
+# Build the targets first:
 #   cmake --workflow --preset fuzz
 # Environment:
 #   FUZZ_BUILD_DIR  where the targets are (default build-fuzz)
@@ -26,7 +26,7 @@ seconds="${1:-60}"
 shift || true
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  targets=(calibration vgyro rotvec buffers math recording calibration_file)
+  targets=(calibration vgyro rotvec buffers math recording recording_gz calibration_file)
 fi
 build="${FUZZ_BUILD_DIR:-build-fuzz}"
 work="${FUZZ_WORK_DIR:-$build/fuzz-work}"
