@@ -42,9 +42,8 @@ static void read_sensors(double t, float acc[3], float mag[3]) {
 }
 
 int main(void) {
-  /* The set-up: these are the values the library holds from load, so this
-   * AlgoInitial call could be left out. A host that kept a calibration
-   * hands it over in storedCal (offset x, y, z, radius). */
+  /* once (optional: these are the values the library holds from load; a
+   * host that kept a calibration hands it over in storedCal) */
   const float axis[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
   const float storedCal[4] = {0.0f, 0.0f, 0.0f, 0.5f}; /* zero offset: none stored */
   const float pool[8] = {6, 16, 32, 0.1f, 0.1f, 0.85f, 1.15f, 1.4f};
@@ -55,7 +54,6 @@ int main(void) {
   float calibration[7] = {0};
   int accuracy = 0, fits = 0;
 
-  /* once */
   AlgoInitial(axis, storedCal, pool, thresholds, paraC, NULL);
   for (int i = 0; i < 60 * 50; ++i) {
     read_sensors(i * (double)dt, acc, mag);
