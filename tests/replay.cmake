@@ -23,13 +23,14 @@ add_test(NAME replay.cli.bundled_recording_by_default
   COMMAND ${REPLAY_CHECK} bundled $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/bundled)
 
 foreach(case
-    "missing_column|missing_column.csv:1: missing required column 'mz'"
+    "missing_column|missing_column.csv:1:17: missing required column 'mz'"
+    "huge_value|huge_value.csv:3:16: column 'my': '1e39' is beyond the range of a float"
     "non_numeric|non_numeric.csv:3:16: column 'my': '0.1x' is not a finite number"
     "non_increasing_time|non_increasing_time.csv:4:1: time 0.02 does not increase"
     "short_row|short_row.csv:3:19: expected 7 values, found 6"
     "empty|empty.csv: empty recording"
     "header_only|header_only.csv: no samples after the header row"
-    "missing_file|missing_file.csv: cannot open the recording")
+    "missing_file|missing_file.csv: cannot open the recording: No such file or directory")
   string(REPLACE "|" ";" parts "${case}")
   list(GET parts 0 name)
   list(GET parts 1 message)
@@ -39,9 +40,6 @@ foreach(case
 endforeach()
 
 add_test(NAME replay.cli.usage_error COMMAND ${REPLAY_CHECK} usage $<TARGET_FILE:quelta-replay>)
-
-# The unit tests of tests/replay/ also drive the library directly.
-target_link_libraries(test_replay PRIVATE quelta_replay_driver quelta_recording_sim)
 
 # The real recordings beside the repository (../shared/recordings, or two
 # levels up from a worktree); tests that need them skip when absent.
@@ -55,6 +53,30 @@ if(NOT DEFINED QUELTA_SHARED_RECORDINGS)
   endforeach()
 endif()
 set(QUELTA_SHARED_RECORDINGS "${QUELTA_SHARED_RECORDINGS}" CACHE PATH "Real recordings (*.csv.gz) for the tests that use them; empty: none")
+
+# Input side: a directory, the forms of one recording (spreadsheet export,
+# gzip, standard input), the shared real recordings and their units, an
+# impossible stored calibration, the version.
+add_test(NAME replay.cli.bad_input.directory
+  COMMAND ${REPLAY_CHECK} bad-input $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/bad_directory
+          ${REPLAY_FIXTURES} "fixtures: cannot read the recording: Is a directory")
+add_test(NAME replay.cli.stored_calibration_outside_the_band
+  COMMAND ${REPLAY_CHECK} stored $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/stored)
+add_test(NAME replay.cli.version
+  COMMAND ${REPLAY_CHECK} version $<TARGET_FILE:quelta-replay> ${PROJECT_SOURCE_DIR}/include/QueltaAlgo.h)
+get_target_property(replay_definitions quelta_replay INTERFACE_COMPILE_DEFINITIONS)
+if("QUELTA_REPLAY_HAVE_ZLIB=1" IN_LIST replay_definitions)
+  add_test(NAME replay.cli.inputs_gzip_stdin_and_spreadsheet_export
+    COMMAND ${REPLAY_CHECK} inputs $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/inputs
+            ${PROJECT_SOURCE_DIR}/data/handheld.csv)
+  add_test(NAME replay.cli.shared_recordings_and_their_units
+    COMMAND ${REPLAY_CHECK} recordings $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/recordings
+            "${QUELTA_SHARED_RECORDINGS}")
+  set_tests_properties(replay.cli.shared_recordings_and_their_units PROPERTIES SKIP_RETURN_CODE 77)
+endif()
+
+# The unit tests of tests/replay/ also drive the library directly.
+target_link_libraries(test_replay PRIVATE quelta_replay_driver quelta_recording_sim)
 target_compile_definitions(test_replay PRIVATE QUELTA_SHARED_RECORDINGS="${QUELTA_SHARED_RECORDINGS}")
 
 if(CMAKE_CROSSCOMPILING_EMULATOR)

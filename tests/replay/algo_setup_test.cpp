@@ -3,6 +3,11 @@
 #include "tools/replay/algo_setup.h"
 #include "tools/replay/cli_options.h"
 
+#include <cmath>
+#include <limits>
+
+#include "include/QueltaAlgo.h"
+
 namespace quelta::replay {
 namespace {
 
@@ -50,6 +55,34 @@ TEST(CalibrationFile, ProblemsNameLineAndColumn) {
   EXPECT_FALSE(read.offset);
 }
 
+// AlgoInitial adopts any non-zero stored offset with its radius; the tool
+// hands over only what the library itself could have fitted.
+TEST(CalibrationFile, StoredCalibrationOutsideTheRadiusBandIsDropped) {
+  AlgoSetup setup;
+  setup.stored = {0.1f, -0.2f, 0.05f, 50.0f};
+  EXPECT_EQ(dropImplausibleStoredCalibration(setup),
+            "stored radius 50 gauss is outside the band the library accepts (0.2 to 0.8 gauss)");
+  EXPECT_EQ(setup.stored, AlgoSetup{}.stored);
+
+  for (float radius : {0.2f, 0.8f, 0.0f, -0.5f}) {
+    setup.stored = {0.1f, -0.2f, 0.05f, radius};
+    EXPECT_FALSE(storedCalibrationProblem(setup).empty()) << radius;
+  }
+  setup.stored = {0.1f, std::nanf(""), 0.05f, 0.5f};
+  EXPECT_EQ(storedCalibrationProblem(setup), "stored calibration (offset 0.1 nan 0.05, radius 0.5) is not finite");
+  setup.stored = {0.1f, -0.2f, 0.05f, std::numeric_limits<float>::infinity()};
+  EXPECT_FALSE(storedCalibrationProblem(setup).empty());
+
+  // Inside the band it is kept bit for bit; an all-zero offset means none,
+  // whatever the radius says.
+  const std::array<float, 4> good{0.1f, -0.2f, 0.05f, 0.21f};
+  setup.stored = good;
+  EXPECT_EQ(dropImplausibleStoredCalibration(setup), "");
+  EXPECT_EQ(setup.stored, good);
+  setup.stored = {0.0f, -0.0f, 0.0f, 50.0f};
+  EXPECT_EQ(storedCalibrationProblem(setup), "");
+}
+
 TEST(Options, CommandLineOverridesAndUsageErrors) {
   Options options;
   std::string problem;
@@ -71,6 +104,43 @@ TEST(Options, CommandLineOverridesAndUsageErrors) {
   EXPECT_FALSE(parseOptions({"--log-mode", "1x"}, options, problem));
   EXPECT_FALSE(parseOptions({"--report"}, options, problem));
   EXPECT_EQ(problem, "option --report needs a value");
+}
+
+TEST(Options, EqualsFormStandardInputVersionAndEndOfOptions) {
+  Options options;
+  std::string problem;
+  ASSERT_TRUE(parseOptions({"--out=o.csv", "--report=r=1.html", "--log", "l.txt", "--log-mode=-1", "--calibration=c",
+                            "--acc-unit=m/s2", "--mag-unit=uT", "--axis=0,1,0,-1,0,0,0,0,1", "--pool=1,2,3,4,5,6,7,8",
+                            "--thresholds=0.1,0.2,0.3", "--windows=5,4", "-"},
+                           options, problem))
+      << problem;
+  EXPECT_EQ(options.recording, "-");
+  EXPECT_EQ(options.outCsv, "o.csv");
+  EXPECT_EQ(options.reportHtml, "r=1.html");  // only the first '=' separates
+  EXPECT_TRUE(options.logFile == "l.txt" && options.logMode == -1 && options.calibrationFile == "c");
+  EXPECT_TRUE(options.units.acc == AccUnit::MetresPerSecond2 && options.units.mag == MagUnit::Microtesla);
+  EXPECT_TRUE(options.setup.axis && (*options.setup.axis)[1] == 1.0f && options.setup.pool &&
+              (*options.setup.pool)[7] == 8.0f && options.setup.thresholds && options.setup.windows);
+  EXPECT_FALSE(options.version || options.help);
+
+  ASSERT_TRUE(parseOptions({"--version"}, options, problem));
+  EXPECT_TRUE(options.version);
+  EXPECT_EQ(versionText(), std::string("quelta-replay ") + QUELTA_ALGO_VERSION_STRING + "\n");
+  ASSERT_TRUE(parseOptions({"--out", "x.csv", "--", "--odd-name.csv"}, options, problem));
+  EXPECT_EQ(options.recording, "--odd-name.csv");
+
+  const std::pair<std::vector<std::string>, std::string> errors[] = {
+      {{"--out="}, "option --out needs a value"},
+      {{"--help=yes"}, "option --help takes no value"},
+      {{"--colour=red"}, "unknown option --colour"},
+      {{"-x"}, "unknown option -x"},
+      {{"--acc-unit=furlong"}, "bad value 'furlong' for --acc-unit"},
+      {{"--log-mode=99999999999999999999"}, "bad value '99999999999999999999' for --log-mode"},
+      {{"-", "rec.csv"}, "more than one recording given: '-' and 'rec.csv'"}};
+  for (const auto& [args, message] : errors) {
+    EXPECT_FALSE(parseOptions(args, options, problem)) << args[0];
+    EXPECT_EQ(problem, message);
+  }
 }
 
 }  // namespace

@@ -57,6 +57,13 @@ std::string formatFloat(float value) {
   return text;
 }
 
+// For messages: six significant digits.
+std::string shortFloat(float value) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%g", static_cast<double>(value));
+  return text;
+}
+
 template <typename T, size_t N>
 void appendLine(std::string& text, const char* key, const std::array<T, N>& values) {
   text += key;
@@ -95,6 +102,31 @@ void SetupOverrides::applyTo(AlgoSetup& setup) const {
   if (pool) setup.pool = *pool;
   if (thresholds) setup.thresholds = *thresholds;
   if (windows) setup.windows = *windows;
+}
+
+std::string storedCalibrationProblem(const AlgoSetup& setup) {
+  const std::array<float, 4>& stored = setup.stored;
+  bool finite = true;
+  for (float value : stored) finite = finite && std::isfinite(value);
+  if (finite && stored[0] == 0.0f && stored[1] == 0.0f && stored[2] == 0.0f) return "";  // none
+  auto list = [&stored](size_t count) {
+    std::string text;
+    for (size_t i = 0; i < count; ++i) text += (i ? " " : "") + shortFloat(stored[i]);
+    return text;
+  };
+  if (!finite) return "stored calibration (offset " + list(3) + ", radius " + shortFloat(stored[3]) +
+                      ") is not finite";
+  if (!(stored[3] > kMinStoredRadius && stored[3] < kMaxStoredRadius)) {
+    return "stored radius " + shortFloat(stored[3]) + " gauss is outside the band the library accepts (" +
+           shortFloat(kMinStoredRadius) + " to " + shortFloat(kMaxStoredRadius) + " gauss)";
+  }
+  return "";
+}
+
+std::string dropImplausibleStoredCalibration(AlgoSetup& setup) {
+  std::string problem = storedCalibrationProblem(setup);
+  if (!problem.empty()) setup.stored = AlgoSetup{}.stored;
+  return problem;
 }
 
 bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::string& problem) {

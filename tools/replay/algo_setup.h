@@ -42,6 +42,22 @@ struct SetupOverrides {
   void applyTo(AlgoSetup& setup) const;
 };
 
+// The library accepts a fitted field radius only inside this band (gauss);
+// a stored calibration outside it cannot have come from the library.
+constexpr float kMinStoredRadius = 0.2f;
+constexpr float kMaxStoredRadius = 0.8f;
+
+// Why the stored calibration in setup must not be handed to AlgoInitial
+// (which adopts any non-zero offset as it is): a non-finite value, or a
+// radius outside (kMinStoredRadius, kMaxStoredRadius). Empty when it may
+// be, or when there is none (all-zero offset).
+std::string storedCalibrationProblem(const AlgoSetup& setup);
+
+// Replaces a stored calibration that storedCalibrationProblem refuses with
+// "none" (zero offset, default radius) and returns the problem; empty when
+// setup is left as it is.
+std::string dropImplausibleStoredCalibration(AlgoSetup& setup);
+
 // Parses a calibration file's text. On failure returns false with a
 // "line:column: message" text in problem.
 bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::string& problem);

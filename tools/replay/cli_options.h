@@ -18,12 +18,18 @@ struct Options {
   std::string calibrationFile;  // --calibration
   Units units;                  // --acc-unit, --mag-unit
   SetupOverrides setup;         // --axis, --pool, --thresholds, --windows
-  bool help = false;
+  bool help = false;             // --help, -h
+  bool version = false;          // --version
 };
 
-// Parses argv[1..]. False with a message in problem on a usage error.
+// Parses argv[1..]. Every option with a value takes it as --name=value or
+// --name value; "-" names standard input, and after "--" every argument is
+// taken for a recording. False with a message in problem on a usage error.
 bool parseOptions(const std::vector<std::string>& args, Options& out, std::string& problem);
 
 const char* usageText();
+
+// "quelta-replay VERSION\n", the library's version from its header.
+std::string versionText();
 
 }  // namespace quelta::replay

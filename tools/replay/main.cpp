@@ -3,7 +3,7 @@
 // a visual report, the library's log and the calibration to keep.
 #include <unistd.h>
 
-#include <cstdarg>
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <memory>
@@ -13,12 +13,14 @@
 #include "tools/replay/bundled_recording.h"
 #include "tools/replay/cli_options.h"
 #include "tools/replay/html_report.h"
+#include "tools/replay/log_prefix.h"
 #include "tools/replay/output_csv.h"
 #include "tools/replay/output_file.h"
 #include "tools/replay/recording.h"
 #include "tools/replay/reference_comparison.h"
 #include "tools/replay/replay_driver.h"
 #include "tools/replay/summary.h"
+#include "tools/replay/units_check.h"
 
 namespace {
 
@@ -26,16 +28,6 @@ using namespace quelta::replay;
 
 constexpr int kExitBadInput = 1;
 constexpr int kExitUsage = 2;
-
-FILE* logStream = nullptr;
-
-int logToFile(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  const int written = std::vfprintf(logStream, format, args);
-  va_end(args);
-  return written;
-}
 
 int fail(const std::string& message) {
   std::fprintf(stderr, "quelta-replay: %s\n", message.c_str());
@@ -87,10 +79,23 @@ int run(const Options& options) {
     }
   }
   options.setup.applyTo(setup);
+  // AlgoInitial adopts any stored offset: a wrong one would stay for the run.
+  const std::string storedProblem = dropImplausibleStoredCalibration(setup);
+  if (!storedProblem.empty()) {
+    std::fprintf(stderr, "quelta-replay: warning: %s; not used, calibrating from scratch\n", storedProblem.c_str());
+  }
 
   Recording recording;
   InputError error;
   if (!readRecording(recordingPath, options.units, recording, error)) return fail(error.describe());
+  {
+    const size_t count = std::min(recording.samples.size(), kUnitsCheckSamples);
+    const std::vector<RecordedSample> first(recording.samples.begin(),
+                                            recording.samples.begin() + static_cast<std::ptrdiff_t>(count));
+    for (const std::string& warning : checkUnits(first, options.units)) {
+      std::fprintf(stderr, "quelta-replay: warning: %s\n", warning.c_str());
+    }
+  }
 
   std::string problem;
   std::unique_ptr<OutputFile> log;
@@ -100,18 +105,19 @@ int run(const Options& options) {
   if (!options.logFile.empty()) {
     log = std::make_unique<OutputFile>(options.logFile);
     if (!log->open(problem)) return fail(problem);
-    logStream = log->stream();
-    driver.log = logToFile;
+    setLogStream(log->stream());
+    driver.log = prefixedLog;
   }
   if (isatty(STDERR_FILENO) && recording.samples.size() >= 1000) driver.progress = showProgress;
 
   const std::vector<ReplayRow> rows = replayRecording(recording, driver);
   RegisterLogCallback(nullptr);
-  logStream = nullptr;
+  setLogStream(nullptr);
 
   const ReferenceComparison reference = compareWithReference(recording, rows);
   std::string summary = formatSummary(summarise(recording, rows), reference);
 
+  if (!storedProblem.empty()) summary += "stored calibration not used: " + storedProblem + "\n";
   std::string calibrationText;
   if (!options.calibrationFile.empty()) {
     if (const ReplayRow* fit = lastAcceptedFit(rows)) {
@@ -158,6 +164,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     std::fputs(usageText(), stdout);
+    return 0;
+  }
+  if (options.version) {
+    std::fputs(versionText().c_str(), stdout);
     return 0;
   }
   return run(options);

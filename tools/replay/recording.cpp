@@ -199,7 +199,7 @@ class TextStream {
 };
 
 struct Field {
-  size_t begin = 0;  // in the parser's field text
+  const char* text = nullptr;  // in the line, or unquoted in the parser's field text
   size_t size = 0;
   int column = 0;  // 1-based character position of the field's first character
 };
@@ -259,7 +259,7 @@ struct RecordingReader::Parser {
   double previousT = 0.0;
   int previousTimeLine = 0;
 
-  std::string_view fieldAt(size_t i) const { return std::string_view(fieldText).substr(fields[i].begin, fields[i].size); }
+  std::string_view fieldAt(size_t i) const { return std::string_view(fields[i].text, fields[i].size); }
 
   // The next line without its line ending. False at the end or on an error.
   bool nextLine(std::string& problem) {
@@ -312,14 +312,15 @@ struct RecordingReader::Parser {
   bool split(std::string& problem, int& column) {
     fields.clear();
     fieldText.clear();
+    fieldText.reserve(line.size());  // quoted fields never outgrow it: their text stays put
     size_t i = 0;
     const size_t n = line.size();
     while (true) {
       while (i < n && isBlank(line[i])) ++i;
       Field field;
-      field.begin = fieldText.size();
       field.column = static_cast<int>(i) + 1;
       if (i < n && line[i] == '"') {
+        const size_t begin = fieldText.size();
         const size_t open = i++;
         bool closed = false;
         while (i < n) {
@@ -346,14 +347,17 @@ struct RecordingReader::Parser {
           column = static_cast<int>(i) + 1;
           return false;
         }
+        field.text = fieldText.data() + begin;
+        field.size = fieldText.size() - begin;
       } else {
         const size_t start = i;
-        while (i < n && line[i] != ',') ++i;
+        const void* comma = std::memchr(line.data() + i, ',', n - i);
+        i = comma ? static_cast<size_t>(static_cast<const char*>(comma) - line.data()) : n;
         size_t last = i;
         while (last > start && isBlank(line[last - 1])) --last;
-        fieldText.append(line.data() + start, last - start);
+        field.text = line.data() + start;
+        field.size = last - start;
       }
-      field.size = fieldText.size() - field.begin;
       fields.push_back(field);
       if (i >= n) break;
       ++i;  // the comma

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "tools/replay/log_prefix.h"
+
 namespace quelta::replay {
 
 namespace {
@@ -35,6 +37,7 @@ std::vector<ReplayRow> replayRecording(const Recording& recording, const DriverO
     const std::array<float, 3> mag = toFloats(sample.mag);
     ReplayRow row;
     row.t = sample.t;
+    setLogSample(i, sample.t);  // the prefix of the library's log lines
 
     // Calibration and orientation: the field itself is the saturation probe.
     MainAlgorithmProcess(acc.data(), mag.data(), mag.data(), 0, mode);
