@@ -128,6 +128,19 @@ fi
 # The build tree's run path names the prefix: no LD_LIBRARY_PATH.
 env -u LD_LIBRARY_PATH ctest --test-dir "$work/cmake-hosts" --output-on-failure || fail "a host built through find_package"
 
+# A component the package does not have is refused.
+mkdir -p "$work/unknown-component"
+cat > "$work/unknown-component/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.20)
+project(UnknownComponent NONE)
+find_package(QueltaAlgo REQUIRED COMPONENTS Quelta NoSuchPart)
+CMAKE
+if cmake -S "$work/unknown-component" -B "$work/unknown-component/build" -DCMAKE_PREFIX_PATH="$prefix" \
+     -DCMAKE_FIND_ROOT_PATH_MODE_PACKAGE=BOTH > "$work/unknown.log" 2>&1; then
+  fail "find_package(QueltaAlgo COMPONENTS NoSuchPart) succeeded"
+fi
+grep -q "NoSuchPart" "$work/unknown.log" || { cat "$work/unknown.log"; fail "the refusal does not name the component"; }
+
 echo "-- pkg-config"
 command -v pkg-config > /dev/null || fail "pkg-config is not installed"
 set --
