@@ -73,6 +73,9 @@ if("QUELTA_REPLAY_HAVE_ZLIB=1" IN_LIST replay_definitions)
     COMMAND ${REPLAY_CHECK} recordings $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/recordings
             "${QUELTA_SHARED_RECORDINGS}")
   set_tests_properties(replay.cli.shared_recordings_and_their_units PROPERTIES SKIP_RETURN_CODE 77)
+  add_test(NAME replay.cli.bad_input.truncated_gzip
+    COMMAND ${REPLAY_CHECK} bad-input $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/bad_truncated_gzip
+            ${REPLAY_FIXTURES}/truncated.csv.gz "truncated.csv.gz:22: the compressed recording ends early")
 endif()
 
 # The unit tests of tests/replay/ also drive the library directly.

@@ -4,6 +4,8 @@
 #include "tools/replay/cli_options.h"
 
 #include <cmath>
+#include <cstdio>
+#include <fstream>
 #include <limits>
 
 #include "include/QueltaAlgo.h"
@@ -51,8 +53,41 @@ TEST(CalibrationFile, ProblemsNameLineAndColumn) {
   EXPECT_FALSE(parseCalibrationFile("radius 0.5 0.6\n", read, problem));
   EXPECT_FALSE(parseCalibrationFile("windows 11 8.5\n", read, problem));
   EXPECT_FALSE(parseCalibrationFile("pool 6 16 32 0.1 0.1 0.85 1.15 x\n", read, problem));
+  // Non-finite values, also one beyond the range of a float, are refused
+  // where they stand: the file says which line to mend.
+  EXPECT_FALSE(parseCalibrationFile("offset 0.1 0.2 0.3\nradius 0.5\noffset 0.1 nan 0.3\n", read, problem));
+  EXPECT_EQ(problem, "3:1: bad or missing values for 'offset'");
+  EXPECT_FALSE(parseCalibrationFile("radius 1e39\n", read, problem));
+  EXPECT_FALSE(parseCalibrationFile("axis inf 0 0 0 1 0 0 0 1\n", read, problem));
   EXPECT_TRUE(parseCalibrationFile("\n# nothing\n", read, problem));
   EXPECT_FALSE(read.offset);
+}
+
+TEST(CalibrationFile, ReadingNamesTheFileAndTheReason) {
+  SetupOverrides read;
+  bool found = true;
+  std::string problem;
+  const std::string directory = testing::TempDir();
+  EXPECT_TRUE(readCalibrationFile(directory + "/no-such.cal", read, found, problem));
+  EXPECT_FALSE(found || read.offset);  // a first run: nothing stored yet
+  EXPECT_FALSE(readCalibrationFile(directory, read, found, problem));
+  EXPECT_EQ(problem, directory + ": cannot read the calibration: Is a directory");
+
+  // As an editor may leave it: byte-order mark, CRLF.
+  const std::string path = directory + "/calibration_file_test.cal";
+  {
+    std::ofstream file(path, std::ios::binary);
+    file << "\xEF\xBB\xBFoffset 0.1 -0.25 0.08\r\nradius 0.5\r\n";
+  }
+  ASSERT_TRUE(readCalibrationFile(path, read, found, problem)) << problem;
+  EXPECT_TRUE(found && read.offset && (*read.offset)[1] == -0.25f && read.radius && *read.radius == 0.5f);
+  {
+    std::ofstream file(path, std::ios::binary);
+    file << "offset 0.1 -0.25 0.08\nradius 1e39\n";
+  }
+  EXPECT_FALSE(readCalibrationFile(path, read, found, problem));
+  EXPECT_EQ(problem, path + ":2:1: bad or missing values for 'radius'");
+  std::remove(path.c_str());
 }
 
 // AlgoInitial adopts any non-zero stored offset with its radius; the tool

@@ -20,8 +20,8 @@
       without the .gz name) and on standard input gives the same outputs.
   cli_check.py recordings REPLAY WORKDIR DIR
       every DIR/*.csv.gz replays without a units warning; converted to m/s2
-      and microtesla each is warned about, naming both options. Skips (77)
-      without DIR.
+      and microtesla, one board and one phone recording are warned about,
+      naming both options. Skips (77) without DIR.
   cli_check.py stored REPLAY WORKDIR
       a stored calibration with an impossible radius is reported, not used,
       and replaced by the run's fit.
@@ -275,6 +275,10 @@ def check_recordings(program, workdir, directory):
         print("no recordings in %r: skipped" % directory)
         sys.exit(77)
     os.makedirs(workdir, exist_ok=True)
+
+    def first_of(prefix):
+        return next((n for n in names if n.startswith(prefix)), None)
+
     for name in names:
         path = os.path.join(directory, name)
         status, summary, errors = replay(program, [path], workdir)
@@ -287,6 +291,10 @@ def check_recordings(program, workdir, directory):
             fail("%s: summary %r, want %d samples" % (name, summary_value(summary, "samples"), rows))
         print("%s: %s" % (name, summary_value(summary, "samples")))
 
+        # End to end on one recording of each device (the unit tests check
+        # every recording's converted samples).
+        if name not in (first_of("broad_"), first_of("n5_")):
+            continue
         si = os.path.join(workdir, name[:-len(".gz")])
         with open(si, "w") as handle:
             handle.write(si_version(gzip.open(path, "rt").read()))

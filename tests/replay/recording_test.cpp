@@ -93,14 +93,14 @@ TEST(Recording, ReadsColumnsInAnyOrderConvertsUnitsAndSkipsNoise) {
 // names in capitals and in quotes, gaps in the motion capture.
 TEST(Recording, AcceptsRealWorldHeadersAndMissingReferenceValues) {
   const std::string text =
-      "\xEF\xBB\xBF\"T\",\"AX\",Ay,\"az\" ,MX,my,\"M\"\"z\",GX,gy,gz,QW,qx,qy,qz\n"
+      "\xEF\xBB\xBF\"T\",\"AX\",Ay,\" az\" ,MX,my,\"M\"\"z\",GX,gy,gz,QW,qx,qy,qz\n"
       "0,0,0,1,0.1,0.2,0.3,0.1,0.2,0.3,1,0,0,0\n"
       "0.02,0,0,1,0.1,0.2,0.3,,,,nan,NaN,-nan,NAN\n"
       "0.04,0,0,1,0.1,0.2,0.3,0.1,0.2,0.3,0.5,nan,0.5,0.5\n"
-      "0.06,0,0,1,0.1,0.2,0.3,0.1,,0.3,0,1,0,0\n";
+      "0.06,0,0,1,0.1,0.2,\"0.3\",0.1,,0.3,0,1,0,0\n";
   // "M""z" unquotes to M"z, which is no known column: mz is missing.
   EXPECT_EQ(errorOf(text),
-            "rec.csv:1:52: missing required column 'mz' (the header has 14 columns: T, AX, Ay, az, MX, my, M\"z, GX, "
+            "rec.csv:1:53: missing required column 'mz' (the header has 14 columns: T, AX, Ay,  az, MX, my, M\"z, GX, "
             "gy, gz, QW, qx, qy, qz)");
   std::string fixed = text;
   fixed.replace(fixed.find("\"M\"\"z\""), 6, "\"Mz\"");
@@ -121,6 +121,7 @@ TEST(Recording, AcceptsRealWorldHeadersAndMissingReferenceValues) {
   EXPECT_EQ(recording.samples[3].gyro, (std::array<double, 3>{0, 0, 0}));
   EXPECT_EQ(recording.samples[3].attitude[1], 1.0);
   EXPECT_EQ(recording.samples[0].mag[2], 0.3);
+  EXPECT_EQ(recording.samples[3].mag[2], 0.3);  // quoted values are numbers too
 
   // A reference value that is there must still be a finite number.
   EXPECT_EQ(errorOf("t,ax,ay,az,mx,my,mz,qw,qx,qy,qz\n0,0,0,1,0.1,0.2,0.3,inf,0,0,0\n"),
@@ -134,6 +135,10 @@ TEST(Recording, BadInputIsLocatedByLineAndColumn) {
             "rec.csv:1:17: missing required column 'my' (the header has 6 columns: t, ax, ay, az, mx, mz)");
   EXPECT_EQ(errorOf("0,0,0,1,0.1,0.2,0.3\n"),
             "rec.csv:1:1: no header row: the first row must name the columns (t, ax, ay, az, mx, my, mz)");
+  EXPECT_EQ(errorOf("t;ax;ay;az;mx;my;mz\n0;0;0;1;0;0;0\n"),
+            "rec.csv:1:1: the columns are separated by ';': the recording needs commas");
+  EXPECT_EQ(errorOf(std::string("\xFF\xFEt\0,\0a\0x\0", 10)), "rec.csv:1:1: the recording is UTF-16 text: save it as UTF-8 or ASCII");
+  EXPECT_EQ(errorOf("time\n"), "rec.csv:1:5: missing required column 't' (the header has 1 column: time)");
   EXPECT_EQ(errorOf("t,ax,ay,az,mx,my,mz, AX\n"), "rec.csv:1:22: duplicate column 'AX'");
   EXPECT_EQ(errorOf("t,ax,ay,az,mx,my,mz,gx,gy\n"), "rec.csv:1:21: reference gyroscope needs all of gx, gy, gz");
   EXPECT_EQ(errorOf("t,ax,ay,az,mx,my,mz,x,qw\n"), "rec.csv:1:23: reference attitude needs all of qw, qx, qy, qz");
@@ -209,7 +214,9 @@ TEST(RecordingReader, StreamsPeeksAndCounts) {
                 sample.hasAttitude == want.hasAttitude && sample.attitude == want.attitude)
         << "sample " << i;
     ++i;
-    if (i == 500) EXPECT_EQ(reader.peek(3000).size(), 3000u);  // peek again midway
+    if (i == 500) {
+      EXPECT_EQ(reader.peek(3000).size(), 3000u);  // peek again midway
+    }
   }
   EXPECT_FALSE(reader.failed()) << reader.error().describe();
   EXPECT_EQ(i, 20000u);
@@ -244,6 +251,11 @@ TEST(RecordingReader, ReadsGzipByContentIncludingConcatenatedMembers) {
   const size_t half = text.find('\n', text.size() / 2) + 1;
   ASSERT_TRUE(parse(gzip(text.substr(0, half)) + gzip(text.substr(half)), packed, error)) << error.describe();
   EXPECT_EQ(packed.samples.size(), plain.samples.size());
+  std::string emptyMembers;
+  const std::string emptyMember = gzip("");
+  for (int i = 0; i < 100000; ++i) emptyMembers += emptyMember;
+  ASSERT_TRUE(parse(emptyMembers + gzip(text) + emptyMembers, packed, error)) << error.describe();
+  EXPECT_EQ(packed.samples.size(), plain.samples.size());
 
   // A truncated or damaged file is an error, not a shorter recording.
   const std::string whole = gzip(text);
@@ -252,6 +264,11 @@ TEST(RecordingReader, ReadsGzipByContentIncludingConcatenatedMembers) {
   damaged[damaged.size() - 6] ^= 0x55;  // in the checksum
   EXPECT_EQ(errorOf(damaged), "rec.csv:30002: corrupt compressed data (incorrect data check)");
   EXPECT_EQ(errorOf(whole + "junk"), "rec.csv:30002: unexpected data after the end of the compressed recording");
+}
+#else
+TEST(RecordingReader, SaysWhenItCannotDecompress) {
+  EXPECT_EQ(errorOf(std::string("\x1f\x8b\x08\x00", 4)),
+            "rec.csv:1: a gzip-compressed recording, and this build has no zlib: decompress it first (gunzip)");
 }
 #endif
 
@@ -277,7 +294,9 @@ TEST(RecordingReader, ReadsEverySharedRecording) {
     EXPECT_GT(reader.samplesRead(), 4000u) << entry.path();
     EXPECT_TRUE(reader.hasAttitudeColumns() && reader.hasGyroColumns());
     EXPECT_EQ(withAttitude + reader.missingAttitude(), reader.samplesRead());
-    if (entry.path().filename() == "n5_calib_figure8_d2.csv.gz") EXPECT_EQ(withAttitude, 0u);
+    if (entry.path().filename() == "n5_calib_figure8_d2.csv.gz") {
+      EXPECT_EQ(withAttitude, 0u);  // no truth at all
+    }
     if (entry.path().filename() == "broad_21_fast_combined.csv.gz") {
       EXPECT_GT(reader.missingAttitude(), 0u);  // starts with a gap
       EXPECT_GT(withAttitude, reader.samplesRead() / 2);

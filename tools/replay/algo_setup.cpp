@@ -1,9 +1,14 @@
 #include "tools/replay/algo_setup.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <sstream>
 #include <vector>
 
@@ -131,7 +136,8 @@ std::string dropImplausibleStoredCalibration(AlgoSetup& setup) {
 
 bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::string& problem) {
   out = SetupOverrides{};
-  std::istringstream lines(text);
+  // A byte-order mark from an editor is no part of the first key.
+  std::istringstream lines(text.compare(0, 3, "\xEF\xBB\xBF") == 0 ? text.substr(3) : text);
   std::string line;
   int lineNumber = 0;
   while (std::getline(lines, line)) {
@@ -178,6 +184,43 @@ bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::str
       problem = where + "bad or missing values for '" + key + "'";
       return false;
     }
+  }
+  return true;
+}
+
+bool readCalibrationFile(const std::string& path, SetupOverrides& out, bool& found, std::string& problem) {
+  out = SetupOverrides{};
+  found = false;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT) return true;
+    problem = path + ": cannot open the calibration: " + std::strerror(errno);
+    return false;
+  }
+  found = true;
+  std::string text;
+  struct stat info;
+  int error = fstat(fd, &info) == 0 && S_ISDIR(info.st_mode) ? EISDIR : 0;
+  char buffer[4096];
+  while (error == 0) {
+    const ssize_t got = ::read(fd, buffer, sizeof buffer);
+    if (got > 0) {
+      text.append(buffer, static_cast<size_t>(got));
+      if (text.size() > (1u << 20)) error = EFBIG;  // a calibration is a few lines
+    } else if (got == 0) {
+      break;
+    } else if (errno != EINTR) {
+      error = errno;
+    }
+  }
+  ::close(fd);
+  if (error != 0) {
+    problem = path + ": cannot read the calibration: " + std::strerror(error);
+    return false;
+  }
+  if (!parseCalibrationFile(text, out, problem)) {
+    problem = path + ":" + problem;
+    return false;
   }
   return true;
 }

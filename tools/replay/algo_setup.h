@@ -62,6 +62,11 @@ std::string dropImplausibleStoredCalibration(AlgoSetup& setup);
 // "line:column: message" text in problem.
 bool parseCalibrationFile(const std::string& text, SetupOverrides& out, std::string& problem);
 
+// Reads the calibration file at path. A file that does not exist is no
+// error: found is false and out is empty. Otherwise false with
+// "path: reason" or "path:line:column: message" in problem.
+bool readCalibrationFile(const std::string& path, SetupOverrides& out, bool& found, std::string& problem);
+
 // Text of a calibration file: the offset and radius given, then the other
 // items that are set in kept.
 std::string formatCalibrationFile(const std::array<float, 3>& offset, float radius,

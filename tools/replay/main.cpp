@@ -34,15 +34,6 @@ int fail(const std::string& message) {
   return kExitBadInput;
 }
 
-bool readTextFile(const std::string& path, std::string& text) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return false;
-  std::ostringstream content;
-  content << file.rdbuf();
-  text = content.str();
-  return true;
-}
-
 void showProgress(size_t done, size_t total) {
   if (done < total) {
     std::fprintf(stderr, "\rreplaying %3zu%% (%zu of %zu samples)", done * 100 / total, done, total);
@@ -71,12 +62,10 @@ int run(const Options& options) {
   AlgoSetup setup;
   SetupOverrides fromFile;
   if (!options.calibrationFile.empty()) {
-    std::string text;
-    if (readTextFile(options.calibrationFile, text)) {
-      std::string problem;
-      if (!parseCalibrationFile(text, fromFile, problem)) return fail(options.calibrationFile + ":" + problem);
-      fromFile.applyTo(setup);
-    }
+    bool found = false;
+    std::string problem;
+    if (!readCalibrationFile(options.calibrationFile, fromFile, found, problem)) return fail(problem);
+    fromFile.applyTo(setup);
   }
   options.setup.applyTo(setup);
   // AlgoInitial adopts any stored offset: a wrong one would stay for the run.

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cfloat>
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <cstring>
 #include <sstream>
@@ -107,7 +108,13 @@ class TextStream {
       return true;
     }
 #if QUELTA_REPLAY_HAVE_ZLIB
-    return inflateMore(out, problem);
+    // Empty members decode to nothing: go on to the next one.
+    size_t before = out.size();
+    while (inflateMore(out, problem)) {
+      if (out.size() > before) return true;
+      before = out.size();
+    }
+    return false;
 #else
     return false;
 #endif
@@ -130,6 +137,8 @@ class TextStream {
   }
 
 #if QUELTA_REPLAY_HAVE_ZLIB
+  // Decodes what is there up to the end of the current member. False at
+  // the end (problem empty) or on an error.
   bool inflateMore(std::string& out, std::string& problem) {
     if (!pendingProblem_.empty()) {
       problem = pendingProblem_;
@@ -179,8 +188,7 @@ class TextStream {
       problem = stop;
       return false;
     }
-    if (produced > 0) return true;
-    return inflateMore(out, problem);  // an empty member: go on to the next one
+    return true;  // possibly nothing, after an empty member
   }
 
   std::string pendingProblem_;
@@ -261,6 +269,11 @@ struct RecordingReader::Parser {
 
   std::string_view fieldAt(size_t i) const { return std::string_view(fields[i].text, fields[i].size); }
 
+  // Line numbers stop at the largest int rather than wrap.
+  void countLine() {
+    if (lineNumber < INT_MAX) ++lineNumber;
+  }
+
   // The next line without its line ending. False at the end or on an error.
   bool nextLine(std::string& problem) {
     while (true) {
@@ -272,7 +285,7 @@ struct RecordingReader::Parser {
       }
       if (text.size() - textPos > kMaxLine) {
         problem = "line longer than " + std::to_string(kMaxLine) + " bytes: not a recording";
-        ++lineNumber;
+        countLine();
         return false;
       }
       if (textDone) {
@@ -286,13 +299,13 @@ struct RecordingReader::Parser {
       if (!stream->readMore(text, problem)) {
         if (!problem.empty()) {
           // Report the problem at the line being read.
-          ++lineNumber;
+          countLine();
           return false;
         }
         textDone = true;
       }
     }
-    ++lineNumber;
+    countLine();
     if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
     if (lineNumber == 1 && line.substr(0, 3) == "\xEF\xBB\xBF") {
       line.remove_prefix(3);  // UTF-8 byte-order mark
@@ -451,7 +464,10 @@ bool RecordingReader::start(const Units& units) {
       {"qy", &layout.attitude[2]}, {"qz", &layout.attitude[3]}};
   p.columnCount = p.fields.size();
   for (size_t i = 0; i < p.columnCount; ++i) {
-    p.columnNames.push_back(lowerCase(p.fieldAt(i)));
+    std::string_view name = p.fieldAt(i);  // " t " in quotes is t as well
+    while (!name.empty() && isBlank(name.front())) name.remove_prefix(1);
+    while (!name.empty() && isBlank(name.back())) name.remove_suffix(1);
+    p.columnNames.push_back(lowerCase(name));
     for (const Named& named : names) {
       if (p.columnNames[i] != named.name) continue;
       if (*named.slot >= 0) {
@@ -466,14 +482,22 @@ bool RecordingReader::start(const Units& units) {
     const std::string name = named.name;
     const bool required = name == "t" || name[0] == 'a' || name[0] == 'm';
     if (!required || *named.slot >= 0) continue;
+    // The likely causes first, then what the header does name.
+    const std::string_view first = p.line.substr(0, 2);
+    if (first == "\xFF\xFE" || first == "\xFE\xFF") {
+      return fail("the recording is UTF-16 text: save it as UTF-8 or ASCII", 1);
+    }
     double number = 0.0;
     if (parseDouble(p.fieldAt(0), number)) {
       return fail("no header row: the first row must name the columns (t, ax, ay, az, mx, my, mz)", 1);
     }
+    if (p.columnCount == 1 && p.line.find(';') != std::string_view::npos) {
+      return fail("the columns are separated by ';': the recording needs commas", 1);
+    }
     std::string found;
     for (size_t i = 0; i < p.columnCount; ++i) found += (i ? ", " : "") + std::string(p.fieldAt(i));
     return fail("missing required column '" + name + "' (the header has " + std::to_string(p.columnCount) +
-                    " columns: " + found + ")",
+                    (p.columnCount == 1 ? " column: " : " columns: ") + found + ")",
                 endColumn);
   }
   auto checkGroup = [&](const int* columns, int size, const char* message) {
