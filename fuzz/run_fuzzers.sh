@@ -3,8 +3,11 @@
 #
 #   fuzz/run_fuzzers.sh [SECONDS_PER_TARGET] [TARGET...]
 #
-# SECONDS_PER_TARGET defaults to 60; TARGET is calibration, vgyro, rotvec,
-# buffers, math or magnetic (default: all). Build the targets first:
+# SECONDS_PER_TARGET defaults to 60; TARGET is one of the library's
+# families (calibration, vgyro, rotvec, buffers, math), the layer's magnetic calibration
+# (magnetic) or one of the replay
+# tool's readers (recording, recording_gz, calibration_file); default: all.
+# Build the targets first:
 #   cmake --workflow --preset fuzz
 # Environment:
 #   FUZZ_BUILD_DIR  where the targets are (default build-fuzz)
@@ -24,7 +27,7 @@ seconds="${1:-60}"
 shift || true
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  targets=(calibration vgyro rotvec buffers math magnetic)
+  targets=(calibration vgyro rotvec buffers math magnetic recording recording_gz calibration_file)
 fi
 build="${FUZZ_BUILD_DIR:-build-fuzz}"
 work="${FUZZ_WORK_DIR:-$build/fuzz-work}"

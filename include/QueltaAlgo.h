@@ -55,7 +55,24 @@ extern "C" {
  * can be registered. Called on the host's thread, inside library calls. */
 typedef int (*LogCallback)(const char *fmt, ...);
 
-/* The registered callback; null (the default) switches every line off. */
+/* The registered callback; null (the default) switches every line off.
+ *
+ * With a callback registered, most lines follow the log mode the host passes
+ * to its pipeline (MainAlgorithmProcess, CalcQueltaGyro, CalcQueltaRotVec).
+ * These lines ignore every log mode and appear whenever a callback is set:
+ *   AlgoInitial           "... iMagAccuracy in initial %d" and
+ *                         "... paraC[1]= %d paraC[2]= %d" on every call;
+ *   MainAlgorithmProcess  "... qualitydown %d" when the quality watch drops
+ *                         the accuracy to 0, and "MatInv Err******" when a
+ *                         sphere fit meets a singular matrix;
+ *   GetCalMag             "... calimag %d %d %d" on every call (calibrated
+ *                         field in milligauss, truncated toward zero);
+ *   GetCalPara            "... dSphereOffset %d %d %d" on every call (offset
+ *                         in milligauss, truncated toward zero).
+ * GetCalMag's two "%f" detail lines follow the mode of the latest
+ * MainAlgorithmProcess call (1 only), and the rotation vector's accessors
+ * follow the mode of the latest CalcQueltaRotVec call. The orientation
+ * (GetCalOri) logs nothing. */
 QUELTA_API extern LogCallback log_func;
 
 /* Stores fn in log_func, replacing any earlier callback; null silences. */
@@ -66,6 +83,15 @@ QUELTA_API void RegisterLogCallback(LogCallback fn);
  * ------------------------------------------------------------------------ */
 
 /* Set-up; may be called at any time, any number of times. Returns 1.
+ * Optional: from load until the first call the library holds these values,
+ * so a host content with them can start with MainAlgorithmProcess.
+ *   paraAxis  {1, 0, 0,  0, 1, 0,  0, 0, 1} (identity)
+ *   paraInit  no stored calibration: offset {0, 0, 0}, radius 0.5, accuracy 0
+ *   paraPool  {6, 16, 32, 0.1, 0.1, 0.85, 1.15, 1.4}
+ *   paraThd   {0.1, 2e-5, 2e-4}
+ *   paraC     {20, 11, 8} (50 samples per second)
+ *   no log callback
+ * Every array must be given in full: nothing is taken from the defaults.
  *   paraAxis[9]  axis matrix, row-major; samples are multiplied as row vectors.
  *   paraInit[4]  stored calibration: offset x, y, z, radius. An all-zero offset
  *                (-0.0 counts as zero) means "none": accuracy 0, nothing else
@@ -90,7 +116,17 @@ QUELTA_API int32_t AlgoInitial(const float *paraAxis, const float *paraInit,
 /* One sample set: accelerometer, magnetometer (gauss) and the saturation probe
  * vector. iReStart == 1 empties the calibration pool. iCalLogMode 0 or 1
  * enables trace lines, 1 also detail lines; anything else (negative values
- * included) silences them. Returns 1. */
+ * included) silences them (see log_func for the lines that ignore it).
+ * Returns 1.
+ *
+ * satMag, the saturation probe, is only watched, never calibrated: pass the
+ * magnetometer's reading as the sensor gave it (usually the same array as
+ * mag; a host that scales or filters mag may pass the unprocessed one). A
+ * saturated axis stops following the motion: when the accelerometer says the
+ * device moves (30-sample variance above paraThd[0] on any axis) while one
+ * probe axis barely varies (30-sample variance below paraThd[1]) for 11
+ * sample sets in a row, GetMagSaturation reports 1 once. Its unit is that of
+ * paraThd[1] (gauss squared with the defaults). */
 QUELTA_API int32_t MainAlgorithmProcess(const float *acc, const float *mag,
                                         const float *satMag, int32_t iReStart,
                                         int32_t iCalLogMode);
@@ -103,7 +139,13 @@ QUELTA_API void GetRawMag(float *out);
 /* Current hard-iron offset (3 floats). Returns 1. */
 QUELTA_API int32_t GetOffset(float *out);
 /* Offset x, y, z, radius, horizontal and vertical intensity, inclination in
- * degrees (7 floats). Returns 1 once after each accepted full fit, else 0. */
+ * degrees (7 floats). Returns 1 once after each accepted full fit (at accuracy
+ * 3 the refinement's refits included), else 0. All 7 floats are written
+ * whatever it returns: the offset and radius in force now (as GetOffset:
+ * 0 and 0.5 from load, then a stored calibration, a partial fit at accuracy
+ * 1 or 2, or a full fit) and the field geometry last measured by GetCalOri
+ * (0 until the first measurement). Only a result of 1 marks a calibration
+ * worth storing. */
 QUELTA_API int32_t GetCalPara(float *out);
 /* Calibration accuracy, 0 (uncalibrated) to 3 (full fit). */
 QUELTA_API int32_t GetMagAccuracy(void);

@@ -1,6 +1,7 @@
 # Platform checks on the built shared object: no fused multiply-add anywhere
 # (results must not depend on the target), and the installed tree works for
-# a C host through CMake and through pkg-config.
+# every C host through CMake and through pkg-config, and the installed
+# program runs.
 
 if(CMAKE_OBJDUMP)
   add_test(NAME platform.no_fused_multiply_add
@@ -26,6 +27,9 @@ if(QUELTA_INSTALL)
   # An instrumented shared object needs a host built with the same sanitizers.
   string(REPLACE ";" " " quelta_host_flags "${QUELTA_HOST_SANITIZER_FLAGS}")
   string(REPLACE ";" " " quelta_host_libs "${QUELTA_HOST_SANITIZER_LIBS}")
+  # Installs into scratch prefixes: layout, runtime linker cache, the
+  # installed quelta-replay without LD_LIBRARY_PATH, and every C host
+  # (examples/, platform/install_host/) through CMake and pkg-config.
   add_test(NAME platform.installed_tree_serves_c_hosts
     COMMAND ${CMAKE_COMMAND} -E env
             "EMULATOR=${quelta_emulator}"
@@ -34,7 +38,7 @@ if(QUELTA_INSTALL)
             "C_TARGET=${CMAKE_C_COMPILER_TARGET}"
             "HOST_FLAGS=${quelta_host_flags}"
             "HOST_LIBS=${quelta_host_libs}"
+            "READELF=${CMAKE_READELF}"
             sh ${CMAKE_CURRENT_SOURCE_DIR}/platform/check_install.sh
-            ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_SOURCE_DIR}/platform/install_host
-            ${CMAKE_C_COMPILER})
+            ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR} ${CMAKE_C_COMPILER})
 endif()

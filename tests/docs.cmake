@@ -1,0 +1,21 @@
+# The documents hold: every option README.md and docs/*.md name is listed by
+# the --help of its program, every test they name is known to ctest, and the
+# README's C snippet is part of examples/compass_host.c (which the install
+# check compiles and runs).
+find_package(Python3 REQUIRED COMPONENTS Interpreter)
+set(QUELTA_DOCS_CHECK ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/docs/check_docs.py
+  --source ${PROJECT_SOURCE_DIR} --build ${PROJECT_BINARY_DIR}
+  --program quelta-replay=$<TARGET_FILE:quelta-replay>
+  --program quelta-make-recording=$<TARGET_FILE:quelta-make-recording>)
+list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " quelta_docs_emulator)
+if(quelta_docs_emulator)
+  list(APPEND QUELTA_DOCS_CHECK --emulator ${quelta_docs_emulator})
+endif()
+add_test(NAME docs.options_and_tests_named_exist COMMAND ${QUELTA_DOCS_CHECK})
+
+# The check must catch what it is there for: a planted document naming an
+# unknown option and an unknown test fails it, both reported.
+add_test(NAME docs.check_detects_unknown_options_and_tests
+  COMMAND ${QUELTA_DOCS_CHECK} --docs ${CMAKE_CURRENT_SOURCE_DIR}/docs/planted_mistakes.md)
+set_tests_properties(docs.check_detects_unknown_options_and_tests PROPERTIES
+  PASS_REGULAR_EXPRESSION "--no-such-option is not listed by quelta-replay --help.*--seeed is not listed by quelta-make-recording --help.*test NoSuchSuite.NoSuchTest is not known.*test PoolCapacity.NoSuchCase is not known.*test golden.no_such_trace is not known")
