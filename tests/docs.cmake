@@ -6,7 +6,13 @@ find_package(Python3 REQUIRED COMPONENTS Interpreter)
 set(QUELTA_DOCS_CHECK ${Python3_EXECUTABLE} ${CMAKE_CURRENT_SOURCE_DIR}/docs/check_docs.py
   --source ${PROJECT_SOURCE_DIR} --build ${PROJECT_BINARY_DIR}
   --program quelta-replay=$<TARGET_FILE:quelta-replay>
-  --program quelta-make-recording=$<TARGET_FILE:quelta-make-recording>)
+  --program quelta-make-recording=$<TARGET_FILE:quelta-make-recording>
+  --program quelta-wmm=$<TARGET_FILE:quelta-wmm>
+  --program quelta-accuracy=$<TARGET_FILE:quelta-accuracy>)
+# The magnetic measurement tool is built only where zlib is.
+if(TARGET measure_magnetic)
+  list(APPEND QUELTA_DOCS_CHECK --program measure_magnetic=$<TARGET_FILE:measure_magnetic>)
+endif()
 list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " quelta_docs_emulator)
 if(quelta_docs_emulator)
   list(APPEND QUELTA_DOCS_CHECK --emulator ${quelta_docs_emulator})

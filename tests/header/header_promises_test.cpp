@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "QueltaAlgo.h"
-#include "magcal/calibrator.h"
-#include "orientation/orientation.h"
+#include "interface/compass.h"
 #include "tests/support/log_capture.h"
 #include "tools/sim/device_sim.h"
 
@@ -24,10 +23,7 @@ const float kPool[8] = {6, 16, 32, 0.1f, 0.1f, 0.85f, 1.15f, 1.4f};
 const float kThresholds[3] = {0.1f, 2e-5f, 2e-4f};
 const int32_t kParaC[3] = {20, 11, 8};
 
-void freshCalibrationAndOrientation() {
-  quelta::defaultCalibrator() = quelta::Calibrator{};
-  quelta::defaultOrientation() = quelta::Orientation{};
-}
+void freshCalibrationAndOrientation() { quelta::defaultCompass() = quelta::Compass{}; }
 
 // A minute of a device turned in the hand at 50 Hz through calibration and
 // orientation; every output of every call, as bits.
@@ -61,14 +57,21 @@ std::vector<uint32_t> handHeldMinute(int32_t logMode) {
 TEST(HeaderPromises, AlgoInitialIsOptionalTheDefaultsAreTheDocumentedArrays) {
   // Every element: the set-up held from load is the one the documented
   // arrays give (a run cannot tell several of them apart).
-  const quelta::CalibrationState fromLoad = quelta::defaultCalibrator().state;
+  const quelta::Compass& loaded = quelta::defaultCompass();
+  const quelta::HostSetUp documented =
+      quelta::unpackHostSetUp(kAxis, kNoStoredCalibration, kPool, kThresholds, kParaC);
   EXPECT_EQ(log_func, nullptr);
-  AlgoInitial(kAxis, kNoStoredCalibration, kPool, kThresholds, kParaC, nullptr);
-  const quelta::CalibrationState& set = quelta::defaultCalibrator().state;
-  EXPECT_EQ(std::memcmp(&fromLoad.config, &set.config, sizeof set.config), 0);
-  EXPECT_TRUE(set.iMagAccuracy == 0 && fromLoad.iMagAccuracy == 0);
-  EXPECT_TRUE(fromLoad.dSphereRadius == 0.5f && fromLoad.dSphereOffset[0] == 0.0f &&
-              fromLoad.dSphereOffset[1] == 0.0f && fromLoad.dSphereOffset[2] == 0.0f);
+  EXPECT_EQ(std::memcmp(&loaded.intake().settings, &documented.intake, sizeof documented.intake), 0);
+  EXPECT_EQ(std::memcmp(&loaded.calibrator().settings(), &documented.calibration,
+                        sizeof documented.calibration),
+            0);
+  EXPECT_EQ(std::memcmp(&loaded.orientation().settings(), &documented.orientation,
+                        sizeof documented.orientation),
+            0);
+  EXPECT_EQ(loaded.calibrator().accuracy(), 0);
+  EXPECT_EQ(loaded.calibrator().radius(), 0.5f);
+  EXPECT_TRUE(loaded.calibrator().offset().x == 0.0f && loaded.calibrator().offset().y == 0.0f &&
+              loaded.calibrator().offset().z == 0.0f);
 
   // And a whole run gives the same bits with and without the call.
   freshCalibrationAndOrientation();

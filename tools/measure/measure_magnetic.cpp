@@ -408,10 +408,17 @@ void simulated() {
 }
 
 int main(int argc, char** argv) {
-  std::string dir = "/work/shared/recordings";
+  std::string dir = "../shared/recordings";
   FILE* csv = nullptr;
   for (int i = 1; i < argc; ++i) {
-    if (!std::strcmp(argv[i], "--expected")) {
+    if (!std::strcmp(argv[i], "--help")) {
+      std::printf(
+          "usage: measure_magnetic [RECORDINGS_DIR] [--expected] [--csv FILE]\n"
+          "  RECORDINGS_DIR  the recordings with their sidecars (default ../shared/recordings)\n"
+          "  --expected      give each recording's field to the calibrator as the expected field\n"
+          "  --csv FILE      also write the per-snapshot figures as CSV\n");
+      return 0;
+    } else if (!std::strcmp(argv[i], "--expected")) {
       gExpected = true;
     } else if (!std::strcmp(argv[i], "--csv") && i + 1 < argc) {
       csv = std::fopen(argv[++i], "w");
