@@ -440,7 +440,10 @@ void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& qualit
     } else {
       // Without a gyroscope: the lag behind turns, the field's disagreement,
       // and next to nothing known while the field is disturbed.
-      const double lag = settings_.trackLagTime * norm(rateWorld_);
+      // (The lag grows with the rate, less than in proportion past a
+      // radian a second.)
+      const double r = norm(rateWorld_);
+      const double lag = settings_.trackLagTime * r / std::sqrt(1.0 + r * r);
       const double held = (disturbed_ || quality.disturbed) ? settings_.trackDisturbedErrorDeg * kDeg : 0.0;
       var += settings_.trackInnovationWeight * innovationSq_ + lag * lag + held * held;
     }

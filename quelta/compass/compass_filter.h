@@ -78,8 +78,8 @@ struct FilterSettings {
   double headingDriftRate = 0.004;       // rad/sqrt(s), growth while the field is not used
   double headingScaleError = 0.01;       // fraction of each rotation
   double innovationWeight = 0.15;        // of the heading innovation's running RMS
-  double trackInnovationWeight = 1.0;    // the same without a gyroscope
-  double trackLagTime = 0.3;             // s: without a gyroscope, grows with the turn rate
+  double trackInnovationWeight = 0.5;    // the same without a gyroscope
+  double trackLagTime = 0.35;             // s: without a gyroscope, grows with the turn rate
   double trackDisturbedErrorDeg = 30.0;  // without a gyroscope, while the field is disturbed
   // True north: declination added to magnetic north, degrees east.
   double declinationDeg = 0.0;

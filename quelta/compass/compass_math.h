@@ -5,30 +5,19 @@
 
 #include <cmath>
 
+#include "core/vec3.h"
+
 namespace quelta::compass {
 
-struct Vec3 {
-  double x = 0.0, y = 0.0, z = 0.0;
-};
-
-struct Quat {
-  double w = 1.0, x = 0.0, y = 0.0, z = 0.0;
-};
-
-inline Vec3 operator+(Vec3 a, Vec3 b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
-inline Vec3 operator-(Vec3 a, Vec3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
-inline Vec3 operator*(double s, Vec3 a) { return {s * a.x, s * a.y, s * a.z}; }
-inline double dot(Vec3 a, Vec3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-inline Vec3 cross(Vec3 a, Vec3 b) {
-  return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
-}
-inline double norm(Vec3 a) { return std::sqrt(dot(a, a)); }
-
-inline Quat operator*(Quat p, Quat q) {
-  return {p.w * q.w - p.x * q.x - p.y * q.y - p.z * q.z, p.w * q.x + p.x * q.w + p.y * q.z - p.z * q.y,
-          p.w * q.y - p.x * q.z + p.y * q.w + p.z * q.x, p.w * q.z + p.x * q.y - p.y * q.x + p.z * q.w};
-}
-inline Quat conj(Quat q) { return {q.w, -q.x, -q.y, -q.z}; }
+// The vector and quaternion types and their plain arithmetic are the core's
+// (double instantiation, its fixed evaluation order); what follows adds what
+// the compass needs beyond them.
+using Vec3 = ::quelta::Vec3d;
+using Quat = ::quelta::Quatd;
+using ::quelta::conj;
+using ::quelta::cross;
+using ::quelta::dot;
+using ::quelta::norm;
 
 inline Quat normalised(Quat q) {
   const double n = std::sqrt(q.w * q.w + q.x * q.x + q.y * q.y + q.z * q.z);
