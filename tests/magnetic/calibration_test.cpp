@@ -12,7 +12,7 @@
 namespace {
 
 using quelta::M3;
-using quelta::V3;
+using quelta::Vec3d;
 using quelta::magnetic::Calibrator;
 using quelta::magnetic::Model;
 using quelta::magnetic::SampleOutput;
@@ -42,7 +42,7 @@ double shapeError(const M3& estimate, const M3& distortion) {
 // Heading of the calibrated field levelled by the true attitude, against the
 // true heading of the field (north).
 double headingErrorDeg(const Calibrator& cal, const Quat& q, const double raw[3]) {
-  const V3 h = cal.apply({raw[0], raw[1], raw[2]});
+  const Vec3d h = cal.apply({raw[0], raw[1], raw[2]});
   const quelta::sim::Vec3 w = quelta::sim::rotate(q, {h.x, h.y, h.z});
   return std::atan2(w.x, w.y) * kDeg;
 }
@@ -153,7 +153,7 @@ TEST(MagneticCalibration, NewHardIronIsAdoptedAndItsRemovalUndone) {
   SoftIronDevice dev;
   Calibrator cal;
   feed(cal, dev, quelta::sim::unevenHandMotion, 0.0, 60.0, 50.0);
-  const V3 before = cal.calibration().offset;
+  const Vec3d before = cal.calibration().offset;
   ASSERT_EQ(cal.quality().accuracy, 3);
 
   // A magnet fixed to the device: every sample shifts by the same vector.
@@ -165,7 +165,7 @@ TEST(MagneticCalibration, NewHardIronIsAdoptedAndItsRemovalUndone) {
   for (double t = 60.0; t < 90.0; t += 0.02) {
     dev.read(quelta::sim::unevenHandMotion(t), mag, acc);
     const SampleOutput o = cal.update(t, mag, acc);
-    const V3 truth{dev.hardIron.x, dev.hardIron.y, dev.hardIron.z};
+    const Vec3d truth{dev.hardIron.x, dev.hardIron.y, dev.hardIron.z};
     if (adoptedAfter < 0.0 && quelta::norm(cal.calibration().offset - truth) < 0.03) adoptedAfter = t - 60.0;
     if (t > 80.0) flaggedLate += o.disturbed;
   }
@@ -190,7 +190,7 @@ TEST(MagneticCalibration, PassingDisturbanceIsFlaggedNotAdopted) {
   SoftIronDevice dev;
   Calibrator cal;
   feed(cal, dev, quelta::sim::unevenHandMotion, 0.0, 60.0, 50.0);
-  const V3 before = cal.calibration().offset;
+  const Vec3d before = cal.calibration().offset;
   const int changes = cal.quality().newHardIron;
   double mag[3], acc[3];
   int flagged = 0, judged = 0, flaggedAfter = 0;
