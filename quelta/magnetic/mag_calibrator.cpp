@@ -89,6 +89,9 @@ constexpr double kDeg = 57.29577951308232;
 
 constexpr int kP = 11;  // c(3), soft-iron update (6), strength, vertical
 
+// A stored sample knows gravity when its unit up is not all zero.
+bool knownUp(const Vec3d& up) { return up.x != 0.0 || up.y != 0.0 || up.z != 0.0; }
+
 double clampUnit(double v) { return v < -1.0 ? -1.0 : (v > 1.0 ? 1.0 : v); }
 
 double median(double* v, int n) {
@@ -284,7 +287,7 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   const Vec3d h = apply(m);
   out.calibrated = h;
   out.strength = norm(h);
-  const bool haveUp = up.x != 0.0 || up.y != 0.0 || up.z != 0.0;
+  const bool haveUp = knownUp(up);
   if (haveUp) out.dipDeg = std::asin(clampUnit(-dot(h, up) / std::max(out.strength, 1e-12))) * kDeg;
   disturbance(out.strength, haveUp && accDev < kStaticAccDev, accAngleSq, dt, out);
   out.newCalibration = calChanged_;
@@ -432,7 +435,7 @@ bool Calibrator::initialSphere(const Slot* s, int n, Calibration& out) const {
     const Vec3d m = s[i].m - mean;
     const double row[5] = {2 * m.x, 2 * m.y, 2 * m.z, 1.0, 0.0};
     add(row, dot(m, m), 1.0);
-    if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
+    if (knownUp(s[i].up)) {
       const Vec3d u = s[i].up;
       const double rowv[5] = {vs * u.x, vs * u.y, vs * u.z, 0.0, vs};
       add(rowv, vs * dot(m, u), 1.0);
@@ -463,7 +466,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
   double v = start.vertical;
   bool haveUp = false;
   for (int i = 0; i < n; ++i)
-    if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) haveUp = true;
+    if (knownUp(s[i].up)) haveUp = true;
 
   // Coverage decides the model, from the directions about the start.
   Vec3d dirs[kSlots > kRecent ? kSlots : kRecent];
@@ -492,7 +495,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
       const Vec3d h = w * (s[i].m - c);
       res[i] = norm(h) - r;
       tmp[i] = std::fabs(res[i]);
-      if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
+      if (knownUp(s[i].up)) {
         resV[i] = dot(h, s[i].up) - v;
         tmpV[nv++] = std::fabs(resV[i]);
       } else {
@@ -534,7 +537,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
       if (ellipsoid) symmetricJacobian(nh, d, j + 3);
       j[9] = -1.0;
       add(j, res[i], robust(res[i] / sigmaS) / (sigmaS * sigmaS));
-      if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
+      if (knownUp(s[i].up)) {
         double jv[kP] = {};
         const Vec3d wu = w * s[i].up;
         jv[0] = -wu.x;
@@ -628,7 +631,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
     Vec3d axes[2];
     int na = 0;
     double hh;
-    if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
+    if (knownUp(s[i].up)) {
       axes[0] = unitOrZero(cross(s[i].up, h));
       hh = norm(h - dot(h, s[i].up) * s[i].up);
       na = 1;
@@ -744,7 +747,7 @@ int Calibrator::inliers(const Calibration& c, const Slot* s, int n) const {
   for (int i = 0; i < n; ++i) {
     const Vec3d h = c.softIron * (s[i].m - c.offset);
     if (std::fabs(norm(h) - c.strength) > tol) continue;
-    if ((s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) && std::fabs(dot(h, s[i].up) - c.vertical) > 1.5 * tol)
+    if (knownUp(s[i].up) && std::fabs(dot(h, s[i].up) - c.vertical) > 1.5 * tol)
       continue;
     ++k;
   }
@@ -767,7 +770,7 @@ bool Calibrator::checkChange(Vec3d m, Vec3d up) {
   const double hn = norm(h);
   const double tol = std::max(kInconsistentRel * cal_.strength, 4.0 * quality_.residualGauss);
   double dev = std::fabs(hn - cal_.strength);
-  if (up.x != 0.0 || up.y != 0.0 || up.z != 0.0) dev = std::max(dev, std::fabs(dot(h, up) - cal_.vertical) / 1.5);
+  if (knownUp(up)) dev = std::max(dev, std::fabs(dot(h, up) - cal_.vertical) / 1.5);
   const bool bad = dev > tol;
   const double k = kBlockSeconds / (kShareTau + kBlockSeconds);
   inconsistentShare_ += k * ((bad ? 1.0 : 0.0) - inconsistentShare_);
@@ -788,11 +791,7 @@ bool Calibrator::checkChange(Vec3d m, Vec3d up) {
     if (clock_ - inconsistentSince_ >= kRestartSeconds && inconsistentShare_ > kRestartShare && n >= kChangeMinBlocks) {
       previous_ = quality_.accuracy >= 2 ? cal_ : Calibration{};
       heldStrength_ = 0.0;
-      priorOffsetSigma_ = 0.0;
-      count_ = 0;
-      for (int i = n - 1; i >= 0; --i) offerCandidate(recent[i].m, recent[i].up);
-      inconsistentSince_ = -1.0;
-      inconsistentShare_ = 0.0;
+      restartStore(recent, n);
       restart_ = true;
       ++quality_.restarts;
       lastFit_ = -1e9;
@@ -867,6 +866,14 @@ bool Calibrator::checkChange(Vec3d m, Vec3d up) {
   return quality_.accuracy < 2 || dev < 2.0 * tol;
 }
 
+void Calibrator::restartStore(const Slot* recent, int n) {
+  priorOffsetSigma_ = 0.0;
+  count_ = 0;
+  for (int i = n - 1; i >= 0; --i) offerCandidate(recent[i].m, recent[i].up);
+  inconsistentSince_ = -1.0;
+  inconsistentShare_ = 0.0;
+}
+
 void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r) {
   const bool trusted = quality_.accuracy >= 2 || r == nullptr;
   heldStrength_ = trusted ? c.strength : 0.0;
@@ -876,12 +883,8 @@ void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const Fi
   cal_ = c;
   calChanged_ = true;
   ++quality_.newHardIron;
-  priorOffsetSigma_ = 0.0;
   // The store restarts from the blocks since the change.
-  count_ = 0;
-  for (int i = n - 1; i >= 0; --i) offerCandidate(recent[i].m, recent[i].up);
-  inconsistentSince_ = -1.0;
-  inconsistentShare_ = 0.0;
+  restartStore(recent, n);
   unstable_ = false;
   lastFit_ = clock_;
   newSinceFit_ = 0;

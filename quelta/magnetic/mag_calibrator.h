@@ -161,6 +161,10 @@ class Calibrator {
   int recentBlocks(Slot* out, double since) const;
   bool checkChange(Vec3d m, Vec3d up);  // false: keep the block out of the store
   void updateQuality(const FitResult* r);
+  // Forgets the stored samples, the restored prior and the contradiction,
+  // then offers the recent blocks (newest first, as recentBlocks gives them)
+  // to the store again, oldest first.
+  void restartStore(const Slot* recent, int n);
   void adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r);
   void disturbance(double strength, bool dipUsable, double accAngleSq, double dt, SampleOutput& out);
 

@@ -25,7 +25,6 @@
 #include "quelta/magnetic/mag_calibrator.h"
 #include "tools/sim/magnetic_sim.h"
 
-using quelta::M3;
 using quelta::Vec3d;
 using namespace quelta::magnetic;
 
@@ -381,14 +380,7 @@ void simulated() {
     dev.read(quelta::sim::unevenHandMotion(t), mag, acc);
     cal.update(t, mag, acc);
   }
-  M3 d;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) d.m[i][j] = dev.distortion[i][j];
-  M3 e = cal.calibration().softIron * d;
-  const double k = 1.0 / std::cbrt(quelta::det(e));
-  double shape = 0.0;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) shape = std::max(shape, std::fabs(k * e.m[i][j] - (i == j ? 1.0 : 0.0)));
+  const double shape = dev.shapeError(cal.calibration().softIron);
   quelta::sim::SoftIronDevice exact = dev;
   exact.noiseGauss = 0.0;
   double worst = 0.0, sum = 0.0;
@@ -396,9 +388,7 @@ void simulated() {
   for (int i = 0; i < n; ++i) {
     const quelta::sim::Quat q = quelta::sim::unevenHandMotion(0.06 * i);
     exact.read(q, mag, acc);
-    const Vec3d h = cal.apply({mag[0], mag[1], mag[2]});
-    const quelta::sim::Vec3 w = quelta::sim::rotate(q, {h.x, h.y, h.z});
-    const double err = std::atan2(w.x, w.y) * kDeg;
+    const double err = quelta::sim::levelledHeadingErrorDeg(q, cal.apply(Vec3d::load(mag)));
     worst = std::max(worst, std::fabs(err));
     sum += err * err;
   }
