@@ -58,7 +58,7 @@ struct ExpectedField {
 };
 
 struct Calibration {
-  Vec3d offset;           // gauss, raw frame
+  Vec3d offset;        // gauss, raw frame
   M3 softIron;         // calibrated = softIron * (raw - offset), det 1, symmetric
   double strength = 0.0;   // fitted field strength, gauss
   double vertical = 0.0;   // fitted vertical component (along up), gauss
@@ -80,7 +80,7 @@ struct Quality {
 
 // What one sample gives.
 struct SampleOutput {
-  Vec3d calibrated;              // gauss, device frame
+  Vec3d calibrated;           // gauss, device frame
   double strength = 0.0;      // |calibrated|
   double dipDeg = 0.0;        // angle below the horizon (needs gravity), 0 without
   double strengthDeviation = 0.0;  // smoothed |calibrated| / fitted strength - 1
@@ -133,8 +133,8 @@ class Calibrator {
 
  private:
   struct Slot {
-    Vec3d m;          // raw field, block mean
-    Vec3d up;         // unit gravity (up), zero when unknown
+    Vec3d m;       // raw field, block mean
+    Vec3d up;      // unit gravity (up), zero when unknown
     double t;      // internal clock at the block
     double nnDist; // distance to the nearest other slot
     int16_t nn;    // that slot
