@@ -73,6 +73,12 @@ inline S norm(const Vec3<S>& a) {
   return std::sqrt(squaredNorm(a));
 }
 
+// True when every component is finite (neither infinite nor NaN).
+template <typename S>
+inline bool isFinite(const Vec3<S>& a) {
+  return std::isfinite(a.x) && std::isfinite(a.y) && std::isfinite(a.z);
+}
+
 template <typename S>
 constexpr Vec3<S> cross(const Vec3<S>& a, const Vec3<S>& b) {
   return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};

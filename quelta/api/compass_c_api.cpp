@@ -2,6 +2,7 @@
 #include <cmath>
 #include <new>
 
+#include "quelta/api/magnetic_c_convert.h"
 #include "quelta/compass/compass.h"
 #include "quelta/quelta_compass.h"
 
@@ -60,14 +61,7 @@ QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state
                                                            double dip_deg) {
   Compass* c = self(state);
   if (c == nullptr) return -1;
-  quelta::magnetic::ExpectedField f;
-  if (std::isfinite(strength_gauss) && std::isfinite(dip_deg) && strength_gauss > 0.0 && strength_gauss < 10.0 &&
-      std::fabs(dip_deg) <= 90.0) {
-    f.strengthGauss = strength_gauss;
-    f.dipDeg = dip_deg;
-    f.known = true;
-  }
-  c->setExpectedField(f);
+  c->setExpectedField(quelta::api::expectedFieldOf(strength_gauss, dip_deg));
   return 0;
 }
 
@@ -130,16 +124,7 @@ QUELTA_LAYER_API int32_t quelta_compass_get_calibration_quality(const quelta_com
                                                                 quelta_mag_quality* out) {
   const Compass* c = self(state);
   if (c == nullptr || out == nullptr) return -1;
-  const quelta::magnetic::Quality& q = c->calibrator().quality();
-  out->accuracy = q.accuracy;
-  out->reason = static_cast<int>(q.reason);
-  out->coverage = q.coverage;
-  out->residual_gauss = q.residualGauss;
-  out->fitted_strength = q.fittedStrength;
-  out->expected_strength = q.expectedStrength;
-  out->heading_error_deg = q.headingErrorDeg;
-  out->samples = q.samples;
-  out->new_hard_iron = q.newHardIron;
+  quelta::api::copyQuality(c->calibrator().quality(), out);
   return 0;
 }
 
@@ -162,35 +147,14 @@ QUELTA_LAYER_API int32_t quelta_compass_restore_calibration(quelta_compass* stat
 QUELTA_LAYER_API int32_t quelta_compass_get_calibration(const quelta_compass* state, quelta_mag_calibration* out) {
   const Compass* c = self(state);
   if (c == nullptr || out == nullptr) return -1;
-  const quelta::magnetic::Calibration& cal = c->calibrator().calibration();
-  out->offset[0] = cal.offset.x;
-  out->offset[1] = cal.offset.y;
-  out->offset[2] = cal.offset.z;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) out->soft_iron[3 * i + j] = cal.softIron.m[i][j];
-  out->strength = cal.strength;
-  const double ratio = cal.strength > 0.0 ? -cal.vertical / cal.strength : 0.0;
-  out->dip_deg = std::asin(ratio < -1.0 ? -1.0 : (ratio > 1.0 ? 1.0 : ratio)) * 57.29577951308232;
-  out->model = static_cast<int>(cal.model);
+  quelta::api::copyCalibration(c->calibrator().calibration(), out);
   return 0;
 }
 
 QUELTA_LAYER_API int32_t quelta_compass_get_field(const quelta_compass* state, quelta_mag_sample* out) {
   const Compass* c = self(state);
   if (c == nullptr || out == nullptr) return -1;
-  const quelta::magnetic::SampleOutput& o = c->field();
-  out->calibrated[0] = o.calibrated.x;
-  out->calibrated[1] = o.calibrated.y;
-  out->calibrated[2] = o.calibrated.z;
-  out->strength = o.strength;
-  out->dip_deg = o.dipDeg;
-  out->strength_deviation = o.strengthDeviation;
-  out->dip_deviation_deg = o.dipDeviationDeg;
-  out->disturbance = o.disturbance;
-  out->disturbed = o.disturbed ? 1 : 0;
-  out->accuracy = o.accuracy;
-  out->new_calibration = o.newCalibration ? 1 : 0;
-  out->valid = o.valid ? 1 : 0;
+  quelta::api::copySample(c->field(), out);
   return 0;
 }
 

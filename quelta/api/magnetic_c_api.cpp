@@ -1,9 +1,7 @@
 // The magnetic layer's C interface over caller-owned state.
-#include <cmath>
 #include <new>
 
-#include "quelta/magnetic/mag_calibrator.h"
-#include "quelta/quelta_magnetic.h"
+#include "quelta/api/magnetic_c_convert.h"
 
 using quelta::magnetic::Calibrator;
 
@@ -15,8 +13,6 @@ namespace {
 
 Calibrator* self(quelta_mag_state* s) { return reinterpret_cast<Calibrator*>(s->opaque); }
 const Calibrator* self(const quelta_mag_state* s) { return reinterpret_cast<const Calibrator*>(s->opaque); }
-
-constexpr double kDeg = 57.29577951308232;
 
 }  // namespace
 
@@ -35,71 +31,30 @@ QUELTA_LAYER_API void quelta_mag_reset(quelta_mag_state* state) {
 QUELTA_LAYER_API void quelta_mag_set_expected_field(quelta_mag_state* state, double strength_gauss,
                                                     double dip_deg) {
   if (state == nullptr) return;
-  quelta::magnetic::ExpectedField f;
-  if (std::isfinite(strength_gauss) && std::isfinite(dip_deg) && strength_gauss > 0.0 &&
-      strength_gauss < 10.0 && std::fabs(dip_deg) <= 90.0) {
-    f.strengthGauss = strength_gauss;
-    f.dipDeg = dip_deg;
-    f.known = true;
-  }
-  self(state)->setExpectedField(f);
+  self(state)->setExpectedField(quelta::api::expectedFieldOf(strength_gauss, dip_deg));
 }
 
 QUELTA_LAYER_API int quelta_mag_update(quelta_mag_state* state, double t, const double mag[3],
                                        const double acc[3], quelta_mag_sample* out) {
   if (state == nullptr) return 0;
   const quelta::magnetic::SampleOutput o = self(state)->update(t, mag, acc);
-  if (out != nullptr) {
-    out->calibrated[0] = o.calibrated.x;
-    out->calibrated[1] = o.calibrated.y;
-    out->calibrated[2] = o.calibrated.z;
-    out->strength = o.strength;
-    out->dip_deg = o.dipDeg;
-    out->strength_deviation = o.strengthDeviation;
-    out->dip_deviation_deg = o.dipDeviationDeg;
-    out->disturbance = o.disturbance;
-    out->disturbed = o.disturbed ? 1 : 0;
-    out->accuracy = o.accuracy;
-    out->new_calibration = o.newCalibration ? 1 : 0;
-    out->valid = o.valid ? 1 : 0;
-  }
+  if (out != nullptr) quelta::api::copySample(o, out);
   return o.valid ? 1 : 0;
 }
 
 QUELTA_LAYER_API void quelta_mag_get_calibration(const quelta_mag_state* state, quelta_mag_calibration* out) {
   if (state == nullptr || out == nullptr) return;
-  const quelta::magnetic::Calibration& c = self(state)->calibration();
-  out->offset[0] = c.offset.x;
-  out->offset[1] = c.offset.y;
-  out->offset[2] = c.offset.z;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) out->soft_iron[3 * i + j] = c.softIron.m[i][j];
-  out->strength = c.strength;
-  const double ratio = c.strength > 0.0 ? -c.vertical / c.strength : 0.0;
-  out->dip_deg = std::asin(ratio < -1.0 ? -1.0 : (ratio > 1.0 ? 1.0 : ratio)) * kDeg;
-  out->model = static_cast<int>(c.model);
+  quelta::api::copyCalibration(self(state)->calibration(), out);
 }
 
 QUELTA_LAYER_API void quelta_mag_get_quality(const quelta_mag_state* state, quelta_mag_quality* out) {
   if (state == nullptr || out == nullptr) return;
-  const quelta::magnetic::Quality& q = self(state)->quality();
-  out->accuracy = q.accuracy;
-  out->reason = static_cast<int>(q.reason);
-  out->coverage = q.coverage;
-  out->residual_gauss = q.residualGauss;
-  out->fitted_strength = q.fittedStrength;
-  out->expected_strength = q.expectedStrength;
-  out->heading_error_deg = q.headingErrorDeg;
-  out->samples = q.samples;
-  out->new_hard_iron = q.newHardIron;
+  quelta::api::copyQuality(self(state)->quality(), out);
 }
 
 QUELTA_LAYER_API void quelta_mag_apply(const quelta_mag_state* state, const double raw[3], double calibrated[3]) {
   if (state == nullptr || raw == nullptr || calibrated == nullptr) return;
-  const quelta::V3 h = self(state)->apply({raw[0], raw[1], raw[2]});
-  calibrated[0] = h.x;
-  calibrated[1] = h.y;
-  calibrated[2] = h.z;
+  self(state)->apply(quelta::Vec3d::load(raw)).store(calibrated);
 }
 
 QUELTA_LAYER_API int quelta_mag_save(const quelta_mag_state* state, uint8_t record[QUELTA_MAG_RECORD_SIZE]) {

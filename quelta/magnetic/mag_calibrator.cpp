@@ -89,6 +89,9 @@ constexpr double kDeg = 57.29577951308232;
 
 constexpr int kP = 11;  // c(3), soft-iron update (6), strength, vertical
 
+// A stored sample knows gravity when its unit up is not all zero.
+bool knownUp(const Vec3d& up) { return up.x != 0.0 || up.y != 0.0 || up.z != 0.0; }
+
 double clampUnit(double v) { return v < -1.0 ? -1.0 : (v > 1.0 ? 1.0 : v); }
 
 double median(double* v, int n) {
@@ -99,7 +102,7 @@ double median(double* v, int n) {
 
 // Partial derivatives of s^T dS d over the six entries of a symmetric dS
 // (00, 11, 22, 01, 02, 12).
-void symmetricJacobian(V3 s, V3 d, double* out) {
+void symmetricJacobian(Vec3d s, Vec3d d, double* out) {
   out[0] = s.x * d.x;
   out[1] = s.y * d.y;
   out[2] = s.z * d.z;
@@ -111,10 +114,10 @@ void symmetricJacobian(V3 s, V3 d, double* out) {
 // The 26 cells of directions: faces, edges and corners of a cube. A
 // direction belongs to the cell whose pattern of signs it follows, counting
 // a component as zero when it is below tan(22.5 deg) of the largest.
-double coverageOf(const V3* dirs, int n) {
+double coverageOf(const Vec3d* dirs, int n) {
   uint32_t cells = 0;
   for (int i = 0; i < n; ++i) {
-    const V3 u = dirs[i];
+    const Vec3d u = dirs[i];
     const double big = std::max(std::fabs(u.x), std::max(std::fabs(u.y), std::fabs(u.z)));
     if (!(big > 0.0)) continue;
     const double cut = 0.41421356 * big;
@@ -176,17 +179,17 @@ void Calibrator::reset() {
   cal_ = Calibration{};
   quality_ = Quality{};
   priorOffsetSigma_ = 0.0;
-  priorOffset_ = V3{};
+  priorOffset_ = Vec3d{};
   clock_ = 0.0;
   lastT_ = 0.0;
   haveT_ = false;
-  gravity_ = V3{};
+  gravity_ = Vec3d{};
   accNorm_ = 0.0;
   haveGravity_ = false;
   historyHead_ = 0;
   historyCount_ = 0;
-  blockMag_ = V3{};
-  blockAcc_ = V3{};
+  blockMag_ = Vec3d{};
+  blockAcc_ = Vec3d{};
   blockCount_ = 0;
   blockAccCount_ = 0;
   blockStart_ = 0.0;
@@ -235,9 +238,9 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   double accDev = 1.0;
   double accAngleSq = 8100.0;
   if (acc != nullptr) {
-    const V3 a{acc[0], acc[1], acc[2]};
+    const Vec3d a{acc[0], acc[1], acc[2]};
     const double an = norm(a);
-    if (finite(a) && an > 1e-9 && an < 1e9) {
+    if (isFinite(a) && an > 1e-9 && an < 1e9) {
       if (!haveGravity_) {
         gravity_ = a;
         accNorm_ = an;
@@ -253,11 +256,11 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
       accAngleSq = 2.0 * (1.0 - clampUnit(dot(a, gravity_) / (an * norm(gravity_)))) * kDeg * kDeg;
     }
   }
-  const V3 up = haveGravity_ ? normalized(gravity_) : V3{};
+  const Vec3d up = haveGravity_ ? unitOrZero(gravity_) : Vec3d{};
 
-  const V3 m{mag ? mag[0] : 0.0, mag ? mag[1] : 0.0, mag ? mag[2] : 0.0};
+  const Vec3d m{mag ? mag[0] : 0.0, mag ? mag[1] : 0.0, mag ? mag[2] : 0.0};
   const double mn = norm(m);
-  if (mag == nullptr || !finite(m) || !(mn > 1e-9) || !(mn < 100.0)) {
+  if (mag == nullptr || !isFinite(m) || !(mn > 1e-9) || !(mn < 100.0)) {
     out.accuracy = quality_.accuracy;
     return out;
   }
@@ -267,24 +270,24 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   // Block averaging.
   if (blockCount_ == 0) {
     blockStart_ = clock_;
-    blockMag_ = V3{};
-    blockAcc_ = V3{};
+    blockMag_ = Vec3d{};
+    blockAcc_ = Vec3d{};
     blockAccCount_ = 0;
     blockAccDev_ = 0.0;
   }
   blockMag_ = blockMag_ + m;
   ++blockCount_;
   if (haveGravity_ && acc != nullptr && accDev < 1.0) {
-    blockAcc_ = blockAcc_ + V3{acc[0], acc[1], acc[2]};
+    blockAcc_ = blockAcc_ + Vec3d{acc[0], acc[1], acc[2]};
     blockAccDev_ += accDev;
     ++blockAccCount_;
   }
   if (clock_ - blockStart_ >= kBlockSeconds || blockCount_ >= kBlockMaxSamples) endBlock();
 
-  const V3 h = apply(m);
+  const Vec3d h = apply(m);
   out.calibrated = h;
   out.strength = norm(h);
-  const bool haveUp = up.x != 0.0 || up.y != 0.0 || up.z != 0.0;
+  const bool haveUp = knownUp(up);
   if (haveUp) out.dipDeg = std::asin(clampUnit(-dot(h, up) / std::max(out.strength, 1e-12))) * kDeg;
   disturbance(out.strength, haveUp && accDev < kStaticAccDev, accAngleSq, dt, out);
   out.newCalibration = calChanged_;
@@ -296,7 +299,7 @@ void Calibrator::endBlock() {
   Block& nb = history_[historyHead_];
   nb.m = (1.0 / blockCount_) * blockMag_;
   nb.hasAcc = blockAccCount_ == blockCount_;
-  nb.acc = nb.hasAcc ? (1.0 / blockAccCount_) * blockAcc_ : V3{};
+  nb.acc = nb.hasAcc ? (1.0 / blockAccCount_) * blockAcc_ : Vec3d{};
   historyHead_ = (historyHead_ + 1) % kHistory;
   if (historyCount_ < kHistory) ++historyCount_;
   blockCount_ = 0;
@@ -304,29 +307,29 @@ void Calibrator::endBlock() {
   const int window = 2 * kGravityHalfWindow + 1;
   if (historyCount_ < window) return;
   const Block& mid = history_[(historyHead_ - 1 - kGravityHalfWindow + 2 * kHistory) % kHistory];
-  const V3 m = mid.m;
+  const Vec3d m = mid.m;
   // Gravity: the accelerometer averaged over the widest window centred on
   // the candidate whose two halves still agree in direction (walking steps
   // average out; a turning device keeps a short window).
-  V3 up;
+  Vec3d up;
   if (mid.hasAcc && accNorm_ > 0.0) {
     auto at = [&](int back) -> const Block& { return history_[(historyHead_ - 1 - back + 2 * kHistory) % kHistory]; };
-    V3 left, right;
+    Vec3d left, right;
     int count = 1;
     for (int k = 1; k <= kGravityHalfWindow; ++k) {
       const Block& older = at(kGravityHalfWindow + k);
       const Block& newer = at(kGravityHalfWindow - k);
       if (!older.hasAcc || !newer.hasAcc) break;
-      const V3 l = left + older.acc;
-      const V3 r = right + newer.acc;
-      if (dot(normalized(l), normalized(r)) < kGravityHalvesCos) break;
+      const Vec3d l = left + older.acc;
+      const Vec3d r = right + newer.acc;
+      if (dot(unitOrZero(l), unitOrZero(r)) < kGravityHalvesCos) break;
       left = l;
       right = r;
       count = 1 + 2 * k;
     }
-    const V3 sum = mid.acc + left + right;
+    const Vec3d sum = mid.acc + left + right;
     // Near the usual size: the device is not accelerating on average.
-    if (std::fabs(norm(sum) / count / accNorm_ - 1.0) < kGravityMaxDev) up = normalized(sum);
+    if (std::fabs(norm(sum) / count / accNorm_ - 1.0) < kGravityMaxDev) up = unitOrZero(sum);
   }
   Slot& r = recent_[recentHead_];
   r.m = m;
@@ -359,7 +362,7 @@ void Calibrator::refreshNearest(int i) {
   }
 }
 
-void Calibrator::insertSlot(int index, V3 m, V3 up) {
+void Calibrator::insertSlot(int index, Vec3d m, Vec3d up) {
   Slot& s = slots_[index];
   s.m = m;
   s.up = up;
@@ -380,7 +383,7 @@ void Calibrator::insertSlot(int index, V3 m, V3 up) {
   ++newSinceFit_;
 }
 
-void Calibrator::offerCandidate(V3 m, V3 up) {
+void Calibrator::offerCandidate(Vec3d m, Vec3d up) {
   const double strength = cal_.model != Model::None ? cal_.strength : kTypicalStrength;
   const double separation = kMinSeparation * strength;
   int nearest = -1;
@@ -416,7 +419,7 @@ void Calibrator::offerCandidate(V3 m, V3 up) {
 bool Calibrator::initialSphere(const Slot* s, int n, Calibration& out) const {
   // Linear: |m|^2 = 2 m.c + k (k = R^2 - |c|^2) and m.up = c.up + V, in
   // coordinates centred on the samples' mean.
-  V3 mean;
+  Vec3d mean;
   for (int i = 0; i < n; ++i) mean = mean + s[i].m;
   mean = (1.0 / n) * mean;
   double a[5][5] = {};
@@ -429,11 +432,11 @@ bool Calibrator::initialSphere(const Slot* s, int n, Calibration& out) const {
     }
   };
   for (int i = 0; i < n; ++i) {
-    const V3 m = s[i].m - mean;
+    const Vec3d m = s[i].m - mean;
     const double row[5] = {2 * m.x, 2 * m.y, 2 * m.z, 1.0, 0.0};
     add(row, dot(m, m), 1.0);
-    if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
-      const V3 u = s[i].up;
+    if (knownUp(s[i].up)) {
+      const Vec3d u = s[i].up;
       const double rowv[5] = {vs * u.x, vs * u.y, vs * u.z, 0.0, vs};
       add(rowv, vs * dot(m, u), 1.0);
     }
@@ -442,7 +445,7 @@ bool Calibrator::initialSphere(const Slot* s, int n, Calibration& out) const {
   const double ridge = 1e-4 * n;
   for (int i = 0; i < 3; ++i) a[i][i] += ridge;
   if (!choleskySolve<5>(a, b)) return false;
-  const V3 c{b[0], b[1], b[2]};
+  const Vec3d c{b[0], b[1], b[2]};
   double r2 = b[3] + dot(c, c);
   if (!(r2 > 0.0)) return false;
   out.offset = mean + c;
@@ -457,19 +460,19 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
                      bool holdShape, double priorStrength, double priorStrengthSigma,
                      double priorVertical, double priorVerticalSigma, FitResult& out) const {
   if (n < 4) return false;
-  V3 c = start.offset;
+  Vec3d c = start.offset;
   M3 w = start.softIron;
   double r = start.strength > 0.0 ? start.strength : kTypicalStrength;
   double v = start.vertical;
   bool haveUp = false;
   for (int i = 0; i < n; ++i)
-    if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) haveUp = true;
+    if (knownUp(s[i].up)) haveUp = true;
 
   // Coverage decides the model, from the directions about the start.
-  V3 dirs[kSlots > kRecent ? kSlots : kRecent];
+  Vec3d dirs[kSlots > kRecent ? kSlots : kRecent];
   M3 scatter = M3::zero();
   for (int i = 0; i < n; ++i) {
-    dirs[i] = normalized(w * (s[i].m - c));
+    dirs[i] = unitOrZero(w * (s[i].m - c));
     for (int p = 0; p < 3; ++p)
       for (int q = 0; q < 3; ++q) scatter.m[p][q] += dirs[i][p] * dirs[i][q] / n;
   }
@@ -489,10 +492,10 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
     double tmp[kSlots > kRecent ? kSlots : kRecent];
     double tmpV[kSlots > kRecent ? kSlots : kRecent];
     for (int i = 0; i < n; ++i) {
-      const V3 h = w * (s[i].m - c);
+      const Vec3d h = w * (s[i].m - c);
       res[i] = norm(h) - r;
       tmp[i] = std::fabs(res[i]);
-      if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
+      if (knownUp(s[i].up)) {
         resV[i] = dot(h, s[i].up) - v;
         tmpV[nv++] = std::fabs(resV[i]);
       } else {
@@ -521,22 +524,22 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
       return u <= kHuber ? 1.0 : kHuber / u;
     };
     for (int i = 0; i < n; ++i) {
-      const V3 d = s[i].m - c;
-      const V3 h = w * d;
+      const Vec3d d = s[i].m - c;
+      const Vec3d h = w * d;
       const double hn = norm(h);
       if (!(hn > 1e-12)) continue;
-      const V3 nh = (1.0 / hn) * h;
+      const Vec3d nh = (1.0 / hn) * h;
       double j[kP] = {};
-      const V3 wn = w * nh;
+      const Vec3d wn = w * nh;
       j[0] = -wn.x;
       j[1] = -wn.y;
       j[2] = -wn.z;
       if (ellipsoid) symmetricJacobian(nh, d, j + 3);
       j[9] = -1.0;
       add(j, res[i], robust(res[i] / sigmaS) / (sigmaS * sigmaS));
-      if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
+      if (knownUp(s[i].up)) {
         double jv[kP] = {};
-        const V3 wu = w * s[i].up;
+        const Vec3d wu = w * s[i].up;
         jv[0] = -wu.x;
         jv[1] = -wu.y;
         jv[2] = -wu.z;
@@ -587,7 +590,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
     if (!haveUp) fix(10);
     if (!choleskySolve<kP>(a, b)) return false;
     // Update and renormalise W to det 1.
-    c = c + V3{b[0], b[1], b[2]};
+    c = c + Vec3d{b[0], b[1], b[2]};
     w.m[0][0] += b[3];
     w.m[1][1] += b[4];
     w.m[2][2] += b[5];
@@ -606,7 +609,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
       for (double& x : row) x *= k;
     r *= k;
     v *= k;
-    if (!(r > kMinStrength && r < kMaxStrength) || !finite(c) || !(norm(c) < 100.0)) return false;
+    if (!(r > kMinStrength && r < kMaxStrength) || !isFinite(c) || !(norm(c) < 100.0)) return false;
   }
   // a holds the factor of the last normal matrix: the covariance, scaled up
   // where the residuals are below what real devices leave.
@@ -623,19 +626,19 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
   double sumVar = 0.0;
   int used = 0;
   for (int i = 0; i < n; ++i) {
-    const V3 d = s[i].m - c;
-    const V3 h = w * d;
-    V3 axes[2];
+    const Vec3d d = s[i].m - c;
+    const Vec3d h = w * d;
+    Vec3d axes[2];
     int na = 0;
     double hh;
-    if (s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) {
-      axes[0] = normalized(cross(s[i].up, h));
+    if (knownUp(s[i].up)) {
+      axes[0] = unitOrZero(cross(s[i].up, h));
       hh = norm(h - dot(h, s[i].up) * s[i].up);
       na = 1;
     } else {
-      const V3 nh = normalized(h);
-      V3 t = std::fabs(nh.x) < 0.9 ? V3{1, 0, 0} : V3{0, 1, 0};
-      axes[0] = normalized(cross(nh, t));
+      const Vec3d nh = unitOrZero(h);
+      Vec3d t = std::fabs(nh.x) < 0.9 ? Vec3d{1, 0, 0} : Vec3d{0, 1, 0};
+      axes[0] = unitOrZero(cross(nh, t));
       axes[1] = cross(nh, axes[0]);
       hh = norm(h);
       na = 2;
@@ -643,7 +646,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
     if (!(hh > 1e-3)) continue;
     for (int k = 0; k < na; ++k) {
       double j[kP] = {};
-      const V3 wu = w * axes[k];
+      const Vec3d wu = w * axes[k];
       j[0] = -wu.x / hh;
       j[1] = -wu.y / hh;
       j[2] = -wu.z / hh;
@@ -669,7 +672,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
   out.cal.model = ellipsoid ? Model::Ellipsoid : (start.model == Model::Ellipsoid ? Model::Ellipsoid : Model::Sphere);
   out.residual = sigmaS;
   // Coverage reported about the fitted centre.
-  for (int i = 0; i < n; ++i) dirs[i] = normalized(w * (s[i].m - c));
+  for (int i = 0; i < n; ++i) dirs[i] = unitOrZero(w * (s[i].m - c));
   out.coverage = coverageOf(dirs, n);
   out.ok = true;
   return true;
@@ -742,9 +745,9 @@ int Calibrator::inliers(const Calibration& c, const Slot* s, int n) const {
   const double tol = kInlierRel * c.strength;
   int k = 0;
   for (int i = 0; i < n; ++i) {
-    const V3 h = c.softIron * (s[i].m - c.offset);
+    const Vec3d h = c.softIron * (s[i].m - c.offset);
     if (std::fabs(norm(h) - c.strength) > tol) continue;
-    if ((s[i].up.x != 0.0 || s[i].up.y != 0.0 || s[i].up.z != 0.0) && std::fabs(dot(h, s[i].up) - c.vertical) > 1.5 * tol)
+    if (knownUp(s[i].up) && std::fabs(dot(h, s[i].up) - c.vertical) > 1.5 * tol)
       continue;
     ++k;
   }
@@ -761,13 +764,13 @@ int Calibrator::recentBlocks(Slot* out, double since) const {
   return n;
 }
 
-bool Calibrator::checkChange(V3 m, V3 up) {
+bool Calibrator::checkChange(Vec3d m, Vec3d up) {
   // Is this block explained by the stored model?
-  const V3 h = apply(m);
+  const Vec3d h = apply(m);
   const double hn = norm(h);
   const double tol = std::max(kInconsistentRel * cal_.strength, 4.0 * quality_.residualGauss);
   double dev = std::fabs(hn - cal_.strength);
-  if (up.x != 0.0 || up.y != 0.0 || up.z != 0.0) dev = std::max(dev, std::fabs(dot(h, up) - cal_.vertical) / 1.5);
+  if (knownUp(up)) dev = std::max(dev, std::fabs(dot(h, up) - cal_.vertical) / 1.5);
   const bool bad = dev > tol;
   const double k = kBlockSeconds / (kShareTau + kBlockSeconds);
   inconsistentShare_ += k * ((bad ? 1.0 : 0.0) - inconsistentShare_);
@@ -788,11 +791,7 @@ bool Calibrator::checkChange(V3 m, V3 up) {
     if (clock_ - inconsistentSince_ >= kRestartSeconds && inconsistentShare_ > kRestartShare && n >= kChangeMinBlocks) {
       previous_ = quality_.accuracy >= 2 ? cal_ : Calibration{};
       heldStrength_ = 0.0;
-      priorOffsetSigma_ = 0.0;
-      count_ = 0;
-      for (int i = n - 1; i >= 0; --i) offerCandidate(recent[i].m, recent[i].up);
-      inconsistentSince_ = -1.0;
-      inconsistentShare_ = 0.0;
+      restartStore(recent, n);
       restart_ = true;
       ++quality_.restarts;
       lastFit_ = -1e9;
@@ -803,7 +802,7 @@ bool Calibrator::checkChange(V3 m, V3 up) {
     if (n >= 8 && previous_.model != Model::None) {
       double rel[kRecent];
       for (int i = 0; i < n; ++i) {
-        const V3 hp = previous_.softIron * (recent[i].m - previous_.offset);
+        const Vec3d hp = previous_.softIron * (recent[i].m - previous_.offset);
         rel[i] = std::fabs(norm(hp) / previous_.strength - 1.0);
       }
       if (median(rel, n) < kPreviousMaxRel) {
@@ -819,7 +818,7 @@ bool Calibrator::checkChange(V3 m, V3 up) {
       if (initialSphere(recent, n, lin)) {
         start.offset = lin.offset;
       } else {
-        V3 mean;
+        Vec3d mean;
         for (int i = 0; i < n; ++i) mean = mean + recent[i].m;
         start.offset = (1.0 / n) * mean;
       }
@@ -867,6 +866,14 @@ bool Calibrator::checkChange(V3 m, V3 up) {
   return quality_.accuracy < 2 || dev < 2.0 * tol;
 }
 
+void Calibrator::restartStore(const Slot* recent, int n) {
+  priorOffsetSigma_ = 0.0;
+  count_ = 0;
+  for (int i = n - 1; i >= 0; --i) offerCandidate(recent[i].m, recent[i].up);
+  inconsistentSince_ = -1.0;
+  inconsistentShare_ = 0.0;
+}
+
 void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r) {
   const bool trusted = quality_.accuracy >= 2 || r == nullptr;
   heldStrength_ = trusted ? c.strength : 0.0;
@@ -876,12 +883,8 @@ void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const Fi
   cal_ = c;
   calChanged_ = true;
   ++quality_.newHardIron;
-  priorOffsetSigma_ = 0.0;
   // The store restarts from the blocks since the change.
-  count_ = 0;
-  for (int i = n - 1; i >= 0; --i) offerCandidate(recent[i].m, recent[i].up);
-  inconsistentSince_ = -1.0;
-  inconsistentShare_ = 0.0;
+  restartStore(recent, n);
   unstable_ = false;
   lastFit_ = clock_;
   newSinceFit_ = 0;

@@ -58,7 +58,7 @@ struct ExpectedField {
 };
 
 struct Calibration {
-  V3 offset;           // gauss, raw frame
+  Vec3d offset;        // gauss, raw frame
   M3 softIron;         // calibrated = softIron * (raw - offset), det 1, symmetric
   double strength = 0.0;   // fitted field strength, gauss
   double vertical = 0.0;   // fitted vertical component (along up), gauss
@@ -80,7 +80,7 @@ struct Quality {
 
 // What one sample gives.
 struct SampleOutput {
-  V3 calibrated;              // gauss, device frame
+  Vec3d calibrated;           // gauss, device frame
   double strength = 0.0;      // |calibrated|
   double dipDeg = 0.0;        // angle below the horizon (needs gravity), 0 without
   double strengthDeviation = 0.0;  // smoothed |calibrated| / fitted strength - 1
@@ -124,7 +124,7 @@ class Calibrator {
   const Calibration& calibration() const { return cal_; }
   const Quality& quality() const { return quality_; }
   // Applies the current calibration to a raw sample.
-  V3 apply(V3 raw) const { return cal_.softIron * (raw - cal_.offset); }
+  Vec3d apply(Vec3d raw) const { return cal_.softIron * (raw - cal_.offset); }
 
   RecordStatus save(uint8_t (&record)[kRecordSize]) const;
   // Validates the record fully before adopting it; on any error nothing
@@ -133,8 +133,8 @@ class Calibrator {
 
  private:
   struct Slot {
-    V3 m;          // raw field, block mean
-    V3 up;         // unit gravity (up), zero when unknown
+    Vec3d m;       // raw field, block mean
+    Vec3d up;      // unit gravity (up), zero when unknown
     double t;      // internal clock at the block
     double nnDist; // distance to the nearest other slot
     int16_t nn;    // that slot
@@ -148,8 +148,8 @@ class Calibrator {
   };
 
   void endBlock();
-  void offerCandidate(V3 m, V3 up);
-  void insertSlot(int index, V3 m, V3 up);
+  void offerCandidate(Vec3d m, Vec3d up);
+  void insertSlot(int index, Vec3d m, Vec3d up);
   void removeNearestLinks(int index);
   void refreshNearest(int index);
   void refit();
@@ -159,8 +159,12 @@ class Calibrator {
   bool initialSphere(const Slot* slots, int n, Calibration& out) const;
   int inliers(const Calibration& c, const Slot* s, int n) const;
   int recentBlocks(Slot* out, double since) const;
-  bool checkChange(V3 m, V3 up);  // false: keep the block out of the store
+  bool checkChange(Vec3d m, Vec3d up);  // false: keep the block out of the store
   void updateQuality(const FitResult* r);
+  // Forgets the stored samples, the restored prior and the contradiction,
+  // then offers the recent blocks (newest first, as recentBlocks gives them)
+  // to the store again, oldest first.
+  void restartStore(const Slot* recent, int n);
   void adopt(const Calibration& c, const Slot* recent, int n, const FitResult* r);
   void disturbance(double strength, bool dipUsable, double accAngleSq, double dt, SampleOutput& out);
 
@@ -170,7 +174,7 @@ class Calibrator {
   // The restored calibration's offset uncertainty (gauss) acts as a prior
   // until the data replace it; 0 when none.
   double priorOffsetSigma_ = 0.0;
-  V3 priorOffset_;
+  Vec3d priorOffset_;
 
   // Clock: advances by the sample intervals, clamped (repeats and jumps back
   // do not move it, gaps count as kMaxGap).
@@ -179,14 +183,14 @@ class Calibrator {
   bool haveT_ = false;
 
   // Gravity (low-passed accelerometer) and the accelerometer's usual size.
-  V3 gravity_;
+  Vec3d gravity_;
   double accNorm_ = 0.0;
   bool haveGravity_ = false;
 
   // The last blocks, so that a candidate's gravity is the accelerometer's
   // mean over a window centred on it (walking steps average out).
   struct Block {
-    V3 m, acc;
+    Vec3d m, acc;
     bool hasAcc;
   };
   static constexpr int kHistory = 16;
@@ -195,7 +199,7 @@ class Calibrator {
   int historyCount_ = 0;
 
   // The block being averaged.
-  V3 blockMag_, blockAcc_;
+  Vec3d blockMag_, blockAcc_;
   int blockCount_ = 0;
   int blockAccCount_ = 0;
   double blockStart_ = 0.0;

@@ -1,33 +1,20 @@
-// Small double-precision value types shared by the layer's subsystems (the
-// magnetic calibration, the compass filter): a 3-vector, a 3x3 matrix and a
-// dense symmetric solver for the small normal equations of the fits.
-// Header-only, no heap, no globals.
+// What the layer's fits need beyond the core's vectors (core/vec3.h, Vec3d):
+// a 3x3 matrix with its determinant and inverse, and a dense symmetric
+// solver for the small normal equations. Header-only, no heap, no globals.
 #pragma once
 
 #include <cmath>
 
+#include "core/vec3.h"
+
 namespace quelta {
 
-struct V3 {
-  double x = 0.0, y = 0.0, z = 0.0;
-  constexpr double operator[](int i) const { return i == 0 ? x : (i == 1 ? y : z); }
-  double& operator[](int i) { return i == 0 ? x : (i == 1 ? y : z); }
-};
-
-inline constexpr V3 operator+(V3 a, V3 b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
-inline constexpr V3 operator-(V3 a, V3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
-inline constexpr V3 operator*(double s, V3 a) { return {s * a.x, s * a.y, s * a.z}; }
-inline constexpr V3 operator*(V3 a, double s) { return {s * a.x, s * a.y, s * a.z}; }
-inline constexpr double dot(V3 a, V3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-inline constexpr V3 cross(V3 a, V3 b) {
-  return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
-}
-inline double norm(V3 a) { return std::sqrt(dot(a, a)); }
-inline bool finite(V3 a) { return std::isfinite(a.x) && std::isfinite(a.y) && std::isfinite(a.z); }
-// Unit vector, or zero when the vector is too short to have a direction.
-inline V3 normalized(V3 a) {
+// Unit vector, or zero when the vector is too short to have a direction (or
+// its norm is NaN). Multiplies by the reciprocal of the norm, unlike the
+// core's normalizedOrZero, which divides: the fits were tuned with this one.
+inline Vec3d unitOrZero(const Vec3d& a) {
   const double n = norm(a);
-  return n > 1e-12 ? (1.0 / n) * a : V3{};
+  return n > 1e-12 ? (1.0 / n) * a : Vec3d{};
 }
 
 // Row-major 3x3 matrix.
@@ -41,7 +28,7 @@ struct M3 {
   }
 };
 
-inline V3 operator*(const M3& a, V3 v) {
+inline Vec3d operator*(const M3& a, const Vec3d& v) {
   return {a.m[0][0] * v.x + a.m[0][1] * v.y + a.m[0][2] * v.z,
           a.m[1][0] * v.x + a.m[1][1] * v.y + a.m[1][2] * v.z,
           a.m[2][0] * v.x + a.m[2][1] * v.y + a.m[2][2] * v.z};
@@ -76,6 +63,21 @@ inline M3 inverse(const M3& a) {
   return r;
 }
 
+// Solves L L^T x = b with the factor that choleskySolve leaves in its matrix.
+template <int N>
+void choleskySubstitute(const double (&l)[N][N], double (&b)[N]) {
+  for (int i = 0; i < N; ++i) {
+    double s = b[i];
+    for (int k = 0; k < i; ++k) s -= l[i][k] * b[k];
+    b[i] = s / l[i][i];
+  }
+  for (int i = N - 1; i >= 0; --i) {
+    double s = b[i];
+    for (int k = i + 1; k < N; ++k) s -= l[k][i] * b[k];
+    b[i] = s / l[i][i];
+  }
+}
+
 // Solves A x = b for a symmetric positive definite N x N matrix (Cholesky,
 // in place: A is overwritten by its factor). Returns false when A is not
 // positive definite enough (a pivot below minPivot).
@@ -93,32 +95,8 @@ bool choleskySolve(double (&a)[N][N], double (&b)[N], double minPivot = 1e-300) 
       a[i][j] = s / d;
     }
   }
-  for (int i = 0; i < N; ++i) {
-    double s = b[i];
-    for (int k = 0; k < i; ++k) s -= a[i][k] * b[k];
-    b[i] = s / a[i][i];
-  }
-  for (int i = N - 1; i >= 0; --i) {
-    double s = b[i];
-    for (int k = i + 1; k < N; ++k) s -= a[k][i] * b[k];
-    b[i] = s / a[i][i];
-  }
+  choleskySubstitute<N>(a, b);
   return true;
-}
-
-// Solves L L^T x = b with the factor left in a by choleskySolve.
-template <int N>
-void choleskySubstitute(const double (&l)[N][N], double (&b)[N]) {
-  for (int i = 0; i < N; ++i) {
-    double s = b[i];
-    for (int k = 0; k < i; ++k) s -= l[i][k] * b[k];
-    b[i] = s / l[i][i];
-  }
-  for (int i = N - 1; i >= 0; --i) {
-    double s = b[i];
-    for (int k = i + 1; k < N; ++k) s -= l[k][i] * b[k];
-    b[i] = s / l[i][i];
-  }
 }
 
 }  // namespace quelta

@@ -11,8 +11,7 @@
 
 namespace {
 
-using quelta::M3;
-using quelta::V3;
+using quelta::Vec3d;
 using quelta::magnetic::Calibrator;
 using quelta::magnetic::Model;
 using quelta::magnetic::SampleOutput;
@@ -21,30 +20,10 @@ using quelta::sim::SoftIronDevice;
 
 constexpr double kDeg = 57.29577951308232;
 
-M3 distortionOf(const SoftIronDevice& d) {
-  M3 m;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) m.m[i][j] = d.distortion[i][j];
-  return m;
-}
-
-// Largest deviation from identity of the estimated correction times the true
-// distortion, scaled to determinant 1: the shape error of the soft iron.
-double shapeError(const M3& estimate, const M3& distortion) {
-  M3 e = estimate * distortion;
-  const double k = 1.0 / std::cbrt(quelta::det(e));
-  double worst = 0.0;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) worst = std::fmax(worst, std::fabs(k * e.m[i][j] - (i == j ? 1.0 : 0.0)));
-  return worst;
-}
-
 // Heading of the calibrated field levelled by the true attitude, against the
 // true heading of the field (north).
 double headingErrorDeg(const Calibrator& cal, const Quat& q, const double raw[3]) {
-  const V3 h = cal.apply({raw[0], raw[1], raw[2]});
-  const quelta::sim::Vec3 w = quelta::sim::rotate(q, {h.x, h.y, h.z});
-  return std::atan2(w.x, w.y) * kDeg;
+  return quelta::sim::levelledHeadingErrorDeg(q, cal.apply(Vec3d::load(raw)));
 }
 
 template <typename Motion>
@@ -77,7 +56,7 @@ TEST(MagneticCalibration, SoftAndHardIronFromUnevenHandMotion) {
   }
   const auto& c = cal.calibration();
   ASSERT_EQ(c.model, Model::Ellipsoid);
-  EXPECT_LT(shapeError(c.softIron, distortionOf(dev)), 0.01);
+  EXPECT_LT(dev.shapeError(c.softIron), 0.01);
   EXPECT_LT(worstHeading, 1.0);
   EXPECT_EQ(cal.quality().accuracy, 3);
   EXPECT_LT(cal.quality().headingErrorDeg, 3.0);  // floored for real devices
@@ -145,7 +124,7 @@ TEST(MagneticCalibration, AnyRateIrregularTimestampsAndBrokenSamples) {
   const auto& a = cal.calibration();
   const auto& b = reference.calibration();
   EXPECT_LT(quelta::norm(a.offset - b.offset), 0.01);
-  EXPECT_LT(shapeError(a.softIron, distortionOf(dev)), 0.03);
+  EXPECT_LT(dev.shapeError(a.softIron), 0.03);
   EXPECT_EQ(cal.quality().accuracy, 3);
 }
 
@@ -153,7 +132,7 @@ TEST(MagneticCalibration, NewHardIronIsAdoptedAndItsRemovalUndone) {
   SoftIronDevice dev;
   Calibrator cal;
   feed(cal, dev, quelta::sim::unevenHandMotion, 0.0, 60.0, 50.0);
-  const V3 before = cal.calibration().offset;
+  const Vec3d before = cal.calibration().offset;
   ASSERT_EQ(cal.quality().accuracy, 3);
 
   // A magnet fixed to the device: every sample shifts by the same vector.
@@ -165,7 +144,7 @@ TEST(MagneticCalibration, NewHardIronIsAdoptedAndItsRemovalUndone) {
   for (double t = 60.0; t < 90.0; t += 0.02) {
     dev.read(quelta::sim::unevenHandMotion(t), mag, acc);
     const SampleOutput o = cal.update(t, mag, acc);
-    const V3 truth{dev.hardIron.x, dev.hardIron.y, dev.hardIron.z};
+    const Vec3d truth{dev.hardIron.x, dev.hardIron.y, dev.hardIron.z};
     if (adoptedAfter < 0.0 && quelta::norm(cal.calibration().offset - truth) < 0.03) adoptedAfter = t - 60.0;
     if (t > 80.0) flaggedLate += o.disturbed;
   }
@@ -190,7 +169,7 @@ TEST(MagneticCalibration, PassingDisturbanceIsFlaggedNotAdopted) {
   SoftIronDevice dev;
   Calibrator cal;
   feed(cal, dev, quelta::sim::unevenHandMotion, 0.0, 60.0, 50.0);
-  const V3 before = cal.calibration().offset;
+  const Vec3d before = cal.calibration().offset;
   const int changes = cal.quality().newHardIron;
   double mag[3], acc[3];
   int flagged = 0, judged = 0, flaggedAfter = 0;

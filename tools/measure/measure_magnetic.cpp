@@ -25,8 +25,7 @@
 #include "quelta/magnetic/mag_calibrator.h"
 #include "tools/sim/magnetic_sim.h"
 
-using quelta::M3;
-using quelta::V3;
+using quelta::Vec3d;
 using namespace quelta::magnetic;
 
 namespace {
@@ -40,14 +39,14 @@ struct Row {
 
 struct Phase {
   double from, to;
-  V3 offset;
+  Vec3d offset;
 };
 
 struct Sidecar {
   std::string disturbance;
   bool hasTruth = false;
-  V3 offset;  // reference offset (first phase when phased)
-  V3 world;
+  Vec3d offset;  // reference offset (first phase when phased)
+  Vec3d world;
   std::vector<Phase> phases;
   bool magnet = false;
 };
@@ -64,7 +63,7 @@ std::string readFile(const std::string& path) {
 }
 
 // Minimal lookups in the sidecar (flat keys are enough here).
-bool findArray(const std::string& s, size_t from, const char* key, V3& out, size_t* at = nullptr) {
+bool findArray(const std::string& s, size_t from, const char* key, Vec3d& out, size_t* at = nullptr) {
   const std::string k = std::string("\"") + key + "\"";
   size_t p = s.find(k, from);
   if (p == std::string::npos) return false;
@@ -168,10 +167,10 @@ std::vector<Row> readCsv(const std::string& path) {
   return rows;
 }
 
-V3 rotate(const double* q, V3 v) {  // q v q*, q = (w, x, y, z)
-  const V3 u{q[1], q[2], q[3]};
+Vec3d rotate(const double* q, Vec3d v) {  // q v q*, q = (w, x, y, z)
+  const Vec3d u{q[1], q[2], q[3]};
   const double w = q[0];
-  const V3 t = 2.0 * quelta::cross(u, v);
+  const Vec3d t = 2.0 * quelta::cross(u, v);
   return v + w * t + quelta::cross(u, t);
 }
 
@@ -182,7 +181,7 @@ const Phase* phaseAt(const Sidecar& sc, double t) {
   return nullptr;
 }
 
-bool referenceOffset(const Sidecar& sc, double t, V3& out) {
+bool referenceOffset(const Sidecar& sc, double t, Vec3d& out) {
   if (!sc.magnet) {
     out = sc.offset;
     return true;
@@ -202,7 +201,7 @@ double wrap(double a) {
 // RMS heading difference over the truth-valid samples (of the phase of time t)
 // between the given calibration and the reference offset.
 double headingErrorOf(const std::vector<Row>& rows, const Sidecar& sc, double t, const Calibration& cal) {
-  V3 ref;
+  Vec3d ref;
   if (!referenceOffset(sc, t, ref)) return NAN;
   const Phase* ph = sc.magnet ? phaseAt(sc, t) : nullptr;
   double sum = 0.0;
@@ -211,9 +210,9 @@ double headingErrorOf(const std::vector<Row>& rows, const Sidecar& sc, double t,
     const Row& r = rows[i];
     if (!r.truth) continue;
     if (ph && !(r.t >= ph->from && r.t < ph->to)) continue;
-    const V3 m{r.m[0], r.m[1], r.m[2]};
-    const V3 he = rotate(r.q, cal.softIron * (m - cal.offset));
-    const V3 hr = rotate(r.q, m - ref);
+    const Vec3d m{r.m[0], r.m[1], r.m[2]};
+    const Vec3d he = rotate(r.q, cal.softIron * (m - cal.offset));
+    const Vec3d hr = rotate(r.q, m - ref);
     if (std::hypot(hr.x, hr.y) < 0.05) continue;
     const double d = wrap(std::atan2(he.x, he.y) - std::atan2(hr.x, hr.y));
     sum += d * d;
@@ -257,7 +256,7 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
     double acc[3] = {r.a[0], r.a[1], r.a[2]};
     if (std::getenv("MEASURE_TRUE_GRAVITY") && r.truth) {  // diagnosis only
       const double qc[4] = {r.q[0], -r.q[1], -r.q[2], -r.q[3]};
-      const V3 u = rotate(qc, V3{0, 0, 1});
+      const Vec3d u = rotate(qc, Vec3d{0, 0, 1});
       acc[0] = u.x;
       acc[1] = u.y;
       acc[2] = u.z;
@@ -267,7 +266,7 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
     if (t2 < 0 && o.accuracy >= 2) t2 = r.t;
     if (t3 < 0 && o.accuracy >= 3) t3 = r.t;
     if (sc.magnet) {
-      const V3 c = cal.calibration().offset;
+      const Vec3d c = cal.calibration().offset;
       if (sc.phases.size() >= 3) {
         if (magnetIn < 0 && r.t > 30 && norm(c - sc.phases[1].offset) < 0.03) magnetIn = r.t;
         if (magnetOut < 0 && r.t > 90 && norm(c - sc.phases[2].offset) < 0.03) magnetOut = r.t;
@@ -275,10 +274,10 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
     }
     // Disturbance truth.
     if (sc.hasTruth && r.truth && r.t >= 10.0) {
-      V3 ref;
+      Vec3d ref;
       if (referenceOffset(sc, r.t, ref)) {
-        const V3 m{r.m[0], r.m[1], r.m[2]};
-        const V3 b = rotate(r.q, m - ref);
+        const Vec3d m{r.m[0], r.m[1], r.m[2]};
+        const Vec3d b = rotate(r.q, m - ref);
         const double ratio = norm(b) / norm(sc.world) - 1.0;
         const double ang = std::acos(std::max(-1.0, std::min(1.0, quelta::dot(b, sc.world) / (norm(b) * norm(sc.world))))) * kDeg;
         const bool truly = std::fabs(ratio) > 0.10 || ang > 5.0;
@@ -322,15 +321,15 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
     }
   }
   if (std::getenv("MEASURE_ORACLE") && sc.hasTruth) {  // diagnosis: residuals of the model at two offsets
-    auto stats = [&](V3 off) {
+    auto stats = [&](Vec3d off) {
       double sr = 0, sr2 = 0, sv = 0, sv2 = 0;
       int n = 0;
       for (size_t i = 0; i < rows.size(); i += 5) {
         const Row& r = rows[i];
         if (!r.truth) continue;
         const double qc[4] = {r.q[0], -r.q[1], -r.q[2], -r.q[3]};
-        const V3 up = rotate(qc, V3{0, 0, 1});
-        const V3 d = V3{r.m[0], r.m[1], r.m[2]} - off;
+        const Vec3d up = rotate(qc, Vec3d{0, 0, 1});
+        const Vec3d d = Vec3d{r.m[0], r.m[1], r.m[2]} - off;
         sr += norm(d); sr2 += norm(d) * norm(d);
         sv += quelta::dot(d, up); sv2 += quelta::dot(d, up) * quelta::dot(d, up);
         ++n;
@@ -342,7 +341,7 @@ void run(const std::string& dir, const std::string& name, Totals& tot, FILE* csv
     stats(cal.calibration().offset);
   }
   const Calibration& c = cal.calibration();
-  V3 ref = sc.offset;
+  Vec3d ref = sc.offset;
   if (sc.magnet && !sc.phases.empty()) ref = sc.phases.back().offset;
   const double offErr = sc.hasTruth ? norm(c.offset - ref) * 1000.0 : NAN;
   std::printf("%-28s acc2 %6.1f s  acc3 %6.1f s  final offset err %6.1f mG  model %d  R %.3f  he est %.1f",
@@ -381,14 +380,7 @@ void simulated() {
     dev.read(quelta::sim::unevenHandMotion(t), mag, acc);
     cal.update(t, mag, acc);
   }
-  M3 d;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) d.m[i][j] = dev.distortion[i][j];
-  M3 e = cal.calibration().softIron * d;
-  const double k = 1.0 / std::cbrt(quelta::det(e));
-  double shape = 0.0;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) shape = std::max(shape, std::fabs(k * e.m[i][j] - (i == j ? 1.0 : 0.0)));
+  const double shape = dev.shapeError(cal.calibration().softIron);
   quelta::sim::SoftIronDevice exact = dev;
   exact.noiseGauss = 0.0;
   double worst = 0.0, sum = 0.0;
@@ -396,15 +388,13 @@ void simulated() {
   for (int i = 0; i < n; ++i) {
     const quelta::sim::Quat q = quelta::sim::unevenHandMotion(0.06 * i);
     exact.read(q, mag, acc);
-    const V3 h = cal.apply({mag[0], mag[1], mag[2]});
-    const quelta::sim::Vec3 w = quelta::sim::rotate(q, {h.x, h.y, h.z});
-    const double err = std::atan2(w.x, w.y) * kDeg;
+    const double err = quelta::sim::levelledHeadingErrorDeg(q, cal.apply(Vec3d::load(mag)));
     worst = std::max(worst, std::fabs(err));
     sum += err * err;
   }
   std::printf("%-28s model %d  shape error %.2f%%  levelled heading error rms %.2f deg, worst %.2f deg  offset error %.1f mG\n",
               "simulated_soft_iron", (int)cal.calibration().model, 100.0 * shape, std::sqrt(sum / n), worst,
-              1000.0 * norm(cal.calibration().offset - V3{dev.hardIron.x, dev.hardIron.y, dev.hardIron.z}));
+              1000.0 * norm(cal.calibration().offset - Vec3d{dev.hardIron.x, dev.hardIron.y, dev.hardIron.z}));
 }
 
 int main(int argc, char** argv) {

@@ -9,6 +9,7 @@
 
 #include <cmath>
 
+#include "quelta/math/qmath.h"
 #include "tools/sim/device_sim.h"
 
 namespace quelta::sim {
@@ -46,7 +47,29 @@ struct SoftIronDevice {
     acc[1] = up.y;
     acc[2] = up.z;
   }
+
+  // The shape error of an estimated soft-iron correction: the largest
+  // deviation from identity of the estimate times the distortion, scaled to
+  // determinant 1.
+  double shapeError(const quelta::M3& estimate) const {
+    quelta::M3 d;
+    for (int i = 0; i < 3; ++i)
+      for (int j = 0; j < 3; ++j) d.m[i][j] = distortion[i][j];
+    const quelta::M3 e = estimate * d;
+    const double k = 1.0 / std::cbrt(quelta::det(e));
+    double worst = 0.0;
+    for (int i = 0; i < 3; ++i)
+      for (int j = 0; j < 3; ++j) worst = std::fmax(worst, std::fabs(k * e.m[i][j] - (i == j ? 1.0 : 0.0)));
+    return worst;
+  }
 };
+
+// The heading error of a calibrated field (device axes), levelled by the true
+// attitude: the field's heading in east-north-up, against north.
+inline double levelledHeadingErrorDeg(const Quat& deviceToEnu, const quelta::Vec3d& calibrated) {
+  const Vec3 w = rotate(deviceToEnu, {calibrated.x, calibrated.y, calibrated.z});
+  return std::atan2(w.x, w.y) * 57.29577951308232;
+}
 
 // Uneven hand-held motion: the heading turns at about 0.5 rad/s with
 // reversals, the tilt stays within about 25 degrees much of the time and
