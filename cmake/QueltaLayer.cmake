@@ -7,11 +7,9 @@
 file(GLOB QUELTA_LAYER_SOURCES CONFIGURE_DEPENDS
   ${PROJECT_SOURCE_DIR}/quelta/*/*.cpp)
 
-set(QUELTA_LAYER_FLAGS
-  -fno-exceptions -fno-rtti -fno-threadsafe-statics
-  -fvisibility=hidden -fvisibility-inlines-hidden
-  -fno-semantic-interposition -fno-plt -fno-math-errno
-  -Wall -Wextra -Wshadow -Wconversion -Wno-sign-conversion)
+# The exact library's flags (no exceptions, no RTTI, hidden symbols, direct
+# calls, no errno from libm, the same warnings).
+set(QUELTA_LAYER_FLAGS ${QUELTA_LIB_FLAGS})
 
 add_library(quelta_layer_objs OBJECT ${QUELTA_LAYER_SOURCES})
 target_include_directories(quelta_layer_objs PUBLIC

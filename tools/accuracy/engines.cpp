@@ -87,6 +87,15 @@ compass::FilterSettings tunedSettings() {
   return s;
 }
 
+// Sample i of a compass run: what the tables judge.
+void keep(EngineRun& run, size_t i, const compass::CompassOutput& o) {
+  run.attitude[i] = {o.attitude.w, o.attitude.x, o.attitude.y, o.attitude.z};
+  run.rate[i] = {o.rate.x, o.rate.y, o.rate.z};
+  run.reportedHeadingDeg[i] = o.headingAccuracyDeg;
+  run.accuracy[i] = o.accuracy;
+  run.flags[i] = o.flags;
+}
+
 EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recording, bool gyro, double bias) {
   EngineRun run = sized(recording.samples.size());
   compass::CompassFilter filter(tunedSettings());
@@ -96,12 +105,7 @@ EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recor
     const compass::Vec3 field = calibrated(truth, s);
     const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
     filter.update(s.t, vec(s.acc), &field, quality, gyro ? &rate : nullptr);
-    const compass::CompassOutput& o = filter.output();
-    run.attitude[i] = {o.attitude.w, o.attitude.x, o.attitude.y, o.attitude.z};
-    run.rate[i] = {o.rate.x, o.rate.y, o.rate.z};
-    run.reportedHeadingDeg[i] = o.headingAccuracyDeg;
-    run.accuracy[i] = o.accuracy;
-    run.flags[i] = o.flags;
+    keep(run, i, filter.output());
   }
   return run;
 }
@@ -115,12 +119,7 @@ EngineRun runOwnCalibration(const replay::Recording& recording, bool gyro, doubl
     const compass::Vec3 raw = vec(s.mag);
     const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
     whole.update(s.t, vec(s.acc), &raw, gyro ? &rate : nullptr);
-    const compass::CompassOutput& o = whole.output();
-    run.attitude[i] = {o.attitude.w, o.attitude.x, o.attitude.y, o.attitude.z};
-    run.rate[i] = {o.rate.x, o.rate.y, o.rate.z};
-    run.reportedHeadingDeg[i] = o.headingAccuracyDeg;
-    run.accuracy[i] = o.accuracy;
-    run.flags[i] = o.flags;
+    keep(run, i, whole.output());
   }
   return run;
 }
