@@ -12,7 +12,6 @@
 // how soon the phase offsets are adopted. The truth columns are read here
 // only; the library never sees them. Exits 0 even when targets are missed:
 // it measures, the README states the figures.
-#include <zlib.h>
 
 #include <algorithm>
 #include <cmath>
@@ -23,6 +22,7 @@
 #include <vector>
 
 #include "quelta/magnetic/mag_calibrator.h"
+#include "tools/replay/recording.h"
 #include "tools/sim/magnetic_sim.h"
 
 using quelta::Vec3d;
@@ -132,38 +132,24 @@ Sidecar readSidecar(const std::string& path) {
   return sc;
 }
 
+// The recording through the replay tool's reader (gzip, missing truth as
+// samples without attitude).
 std::vector<Row> readCsv(const std::string& path) {
   std::vector<Row> rows;
-  gzFile f = gzopen(path.c_str(), "rb");
-  if (!f) return rows;
-  char line[1024];
-  gzgets(f, line, sizeof line);  // header
-  while (gzgets(f, line, sizeof line)) {
-    double v[14];
-    const char* c = line;
-    bool ok = true;
-    for (int i = 0; i < 14; ++i) {
-      char* end;
-      v[i] = std::strtod(c, &end);
-      if (end == c) {
-        ok = false;
-        break;
-      }
-      c = end;
-      if (*c == ',') ++c;
-    }
-    if (!ok) continue;
+  quelta::replay::RecordingReader reader;
+  if (!reader.open(path, quelta::replay::Units{})) return rows;
+  quelta::replay::RecordedSample sample;
+  while (reader.next(sample)) {
     Row r;
-    r.t = v[0];
+    r.t = sample.t;
     for (int i = 0; i < 3; ++i) {
-      r.a[i] = v[1 + i];
-      r.m[i] = v[4 + i];
+      r.a[i] = sample.acc[i];
+      r.m[i] = sample.mag[i];
     }
-    for (int i = 0; i < 4; ++i) r.q[i] = v[10 + i];
-    r.truth = std::isfinite(v[10]) && std::isfinite(v[11]) && std::isfinite(v[12]) && std::isfinite(v[13]);
+    for (int i = 0; i < 4; ++i) r.q[i] = sample.attitude[i];
+    r.truth = sample.hasAttitude;
     rows.push_back(r);
   }
-  gzclose(f);
   return rows;
 }
 
