@@ -121,12 +121,9 @@ std::array<double, 3> TruthRecording::offsetAt(double t) const {
   return best == nullptr ? std::array<double, 3>{} : best->offset;
 }
 
-bool loadTruthRecording(const std::string& directory, const std::string& name, TruthRecording& out,
-                        std::string& problem) {
-  out = TruthRecording{};
-  out.name = name;
-  out.phone = name.rfind("n5_", 0) == 0;
-  std::ifstream sidecarFile(directory + "/" + name + ".json");
+bool readSidecar(const std::string& path, SidecarFacts& out, std::string& problem) {
+  out = SidecarFacts{};
+  std::ifstream sidecarFile(path);
   std::stringstream sidecarText;
   sidecarText << sidecarFile.rdbuf();
   const std::string sidecarString = sidecarText.str();
@@ -134,7 +131,8 @@ bool loadTruthRecording(const std::string& directory, const std::string& name, T
   if (!json.ok()) return problem = "cannot read the sidecar", false;
   out.disturbance = json.text("disturbance");
   const std::string base = "truth_aided_calibration.";
-  if (!json.has(base + "world_field_gauss.0")) return problem = "no truth", false;
+  if (!json.has(base + "world_field_gauss.0")) return true;
+  out.hasTruth = true;
   for (int k = 0; k < 3; ++k) out.worldField[k] = json.number(base + "world_field_gauss." + std::to_string(k), 0.0);
   if (json.has(base + "offset_gauss.0")) {
     OffsetPhase p;
@@ -148,7 +146,22 @@ bool loadTruthRecording(const std::string& directory, const std::string& name, T
     p.to = json.number(phase + "to_s", 1e300);
     for (int k = 0; k < 3; ++k) p.offset[k] = json.number(phase + "offset_gauss." + std::to_string(k), 0.0);
     out.phases.push_back(p);
+    out.phased = true;
   }
+  return true;
+}
+
+bool loadTruthRecording(const std::string& directory, const std::string& name, TruthRecording& out,
+                        std::string& problem) {
+  out = TruthRecording{};
+  out.name = name;
+  out.phone = name.rfind("n5_", 0) == 0;
+  SidecarFacts sidecar;
+  if (!readSidecar(directory + "/" + name + ".json", sidecar, problem)) return false;
+  if (!sidecar.hasTruth) return problem = "no truth", false;
+  out.disturbance = sidecar.disturbance;
+  out.worldField = sidecar.worldField;
+  out.phases = sidecar.phases;
   replay::InputError error;
   if (!replay::readRecording(directory + "/" + name + ".csv.gz", replay::Units{}, out.recording, error)) {
     problem = error.describe();

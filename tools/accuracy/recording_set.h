@@ -32,6 +32,19 @@ struct TruthRecording {
   std::array<double, 3> offsetAt(double t) const;
 };
 
+// What a sidecar says: the disturbance and, where the recording has truth,
+// the undisturbed field and the reference offset by phase.
+struct SidecarFacts {
+  std::string disturbance;  // "none" when undisturbed
+  bool hasTruth = false;
+  std::array<double, 3> worldField{};  // capture frame, gauss
+  std::vector<OffsetPhase> phases;     // one unbounded phase, or the recording's phases
+  bool phased = false;                 // the sidecar lists phases (a magnet comes and goes)
+};
+
+// Reads NAME.json. False with a message when it cannot be read.
+bool readSidecar(const std::string& path, SidecarFacts& out, std::string& problem);
+
 // Reads NAME.csv.gz and NAME.json. False with a message on failure; a
 // sidecar without reference calibration (no truth) is reported as such.
 bool loadTruthRecording(const std::string& directory, const std::string& name, TruthRecording& out,

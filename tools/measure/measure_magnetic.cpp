@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "quelta/magnetic/mag_calibrator.h"
+#include "tools/accuracy/recording_set.h"
 #include "tools/replay/recording.h"
 #include "tools/sim/magnetic_sim.h"
 
@@ -51,83 +52,23 @@ struct Sidecar {
   bool magnet = false;
 };
 
-std::string readFile(const std::string& path) {
-  FILE* f = std::fopen(path.c_str(), "rb");
-  if (!f) return {};
-  std::string s;
-  char buf[4096];
-  size_t n;
-  while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, n);
-  std::fclose(f);
-  return s;
-}
-
-// Minimal lookups in the sidecar (flat keys are enough here).
-bool findArray(const std::string& s, size_t from, const char* key, Vec3d& out, size_t* at = nullptr) {
-  const std::string k = std::string("\"") + key + "\"";
-  size_t p = s.find(k, from);
-  if (p == std::string::npos) return false;
-  p = s.find('[', p);
-  if (p == std::string::npos) return false;
-  double v[3];
-  const char* c = s.c_str() + p + 1;
-  for (int i = 0; i < 3; ++i) {
-    char* end;
-    v[i] = std::strtod(c, &end);
-    c = end;
-    while (*c == ',' || *c == ' ' || *c == '\n') ++c;
-  }
-  out = {v[0], v[1], v[2]};
-  if (at) *at = p;
-  return true;
-}
-
-double findNumber(const std::string& s, size_t from, size_t to, const char* key, double fallback) {
-  const std::string k = std::string("\"") + key + "\"";
-  size_t p = s.find(k, from);
-  if (p == std::string::npos || p > to) return fallback;
-  p = s.find(':', p) + 1;
-  while (s[p] == ' ') ++p;
-  if (s.compare(p, 4, "null") == 0) return fallback;
-  return std::strtod(s.c_str() + p, nullptr);
-}
-
+// The sidecar through the accuracy tool's reader.
 Sidecar readSidecar(const std::string& path) {
   Sidecar sc;
-  const std::string s = readFile(path);
-  size_t p = s.find("\"disturbance\"");
-  if (p != std::string::npos) {
-    p = s.find('"', s.find(':', p)) + 1;
-    sc.disturbance = s.substr(p, s.find('"', p) - p);
+  quelta::accuracy::SidecarFacts facts;
+  std::string problem;
+  if (!quelta::accuracy::readSidecar(path, facts, problem)) return sc;
+  sc.disturbance = facts.disturbance;
+  sc.hasTruth = facts.hasTruth;
+  sc.world = {facts.worldField[0], facts.worldField[1], facts.worldField[2]};
+  sc.magnet = facts.phased;
+  for (const quelta::accuracy::OffsetPhase& p : facts.phases) {
+    const Vec3d offset{p.offset[0], p.offset[1], p.offset[2]};
+    if (sc.magnet) sc.phases.push_back({p.from, p.to, offset});
   }
-  const size_t tac = s.find("\"truth_aided_calibration\"");
-  if (tac == std::string::npos) return sc;
-  sc.hasTruth = true;
-  findArray(s, tac, "world_field_gauss", sc.world);
-  size_t ph = s.find("\"phases\"", tac);
-  if (ph != std::string::npos) {
-    sc.magnet = true;
-    size_t cur = ph;
-    while (true) {
-      size_t open = s.find('{', cur);
-      size_t close = s.find('}', cur);
-      if (open == std::string::npos || open > s.find(']', s.find("offset_gauss", cur)) + 200) break;
-      if (close == std::string::npos) break;
-      Phase f;
-      f.from = findNumber(s, open, close, "from_s", 0.0);
-      f.to = findNumber(s, open, close, "to_s", 1e9);
-      size_t at;
-      if (!findArray(s, open, "offset_gauss", f.offset, &at) || at > close) break;
-      sc.phases.push_back(f);
-      cur = close + 1;
-      if (s.find('{', cur) == std::string::npos || s.find('{', cur) > s.find(']', cur)) {
-        // next '{' beyond the phases array
-        if (s.find("\"magnet\"", cur) == std::string::npos) break;
-      }
-    }
-    if (!sc.phases.empty()) sc.offset = sc.phases[0].offset;
-  } else {
-    findArray(s, tac, "offset_gauss", sc.offset);
+  if (!facts.phases.empty()) {
+    const auto& first = facts.phases.front().offset;
+    sc.offset = {first[0], first[1], first[2]};
   }
   return sc;
 }
