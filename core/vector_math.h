@@ -22,11 +22,6 @@ inline float norm2(const float* v, int32_t n) {
   return std::sqrt(sumOfSquares(v, n));
 }
 
-// normalizedFloored(v, 1e-7) on a float[3] (core/vec3.h).
-inline void normalizeFloored3(const float* v, float* out) {
-  normalizedFloored(Vec3f::load(v), 1e-7f).store(out);
-}
-
 inline float dot(const float* a, const float* b, int32_t n) {
   float sum = 0.0f;
   for (int32_t i = 0; i < n; ++i) sum = sum + a[i] * b[i];
