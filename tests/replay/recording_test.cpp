@@ -10,6 +10,7 @@
 #include <zlib.h>
 #endif
 
+#include "tests/replay/shared_recordings.h"
 #include "tools/replay/recording.h"
 
 namespace quelta::replay {
@@ -274,35 +275,31 @@ TEST(RecordingReader, SaysWhenItCannotDecompress) {
 
 // Every shared real recording reads as it is, compressed, nan gaps included.
 TEST(RecordingReader, ReadsEverySharedRecording) {
-  const std::filesystem::path found = QUELTA_SHARED_RECORDINGS;
-  if (found.empty() || !std::filesystem::is_directory(found)) GTEST_SKIP() << "no shared recordings";
+  const std::vector<shared::SharedRecording> recordings = shared::sharedRecordings(QUELTA_SHARED_RECORDINGS);
+  if (recordings.empty()) GTEST_SKIP() << "no shared recordings";
 #if !QUELTA_REPLAY_HAVE_ZLIB
   GTEST_SKIP() << "built without zlib";
 #endif
-  int files = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(found)) {
-    if (entry.path().string().size() < 7 || entry.path().string().substr(entry.path().string().size() - 7) != ".csv.gz") {
-      continue;
-    }
-    ++files;
+  for (const shared::SharedRecording& recording : recordings) {
     RecordingReader reader;
-    ASSERT_TRUE(reader.open(entry.path().string(), {})) << reader.error().describe();
+    ASSERT_TRUE(reader.open(recording.path, {})) << reader.error().describe();
     RecordedSample sample;
     size_t withAttitude = 0;
     while (reader.next(sample)) withAttitude += sample.hasAttitude;
     ASSERT_FALSE(reader.failed()) << reader.error().describe();
-    EXPECT_GT(reader.samplesRead(), 4000u) << entry.path();
+    // Every row the sidecar announces is read, none invented.
+    EXPECT_GT(reader.samplesRead(), 0u) << recording.path;
+    if (recording.sidecarRows >= 0) EXPECT_EQ(reader.samplesRead(), static_cast<size_t>(recording.sidecarRows)) << recording.path;
     EXPECT_TRUE(reader.hasAttitudeColumns() && reader.hasGyroColumns());
     EXPECT_EQ(withAttitude + reader.missingAttitude(), reader.samplesRead());
-    if (entry.path().filename() == "n5_calib_figure8_d2.csv.gz") {
-      EXPECT_EQ(withAttitude, 0u);  // no truth at all
+    if (recording.name.find("_calib_") != std::string::npos) {
+      EXPECT_EQ(withAttitude, 0u) << recording.path;  // calibration recordings have no truth at all
     }
-    if (entry.path().filename() == "broad_21_fast_combined.csv.gz") {
+    if (recording.name == "broad_21_fast_combined") {
       EXPECT_GT(reader.missingAttitude(), 0u);  // starts with a gap
       EXPECT_GT(withAttitude, reader.samplesRead() / 2);
     }
   }
-  EXPECT_EQ(files, 14);
 }
 
 }  // namespace
