@@ -130,6 +130,8 @@ void CompassFilter::restBias(const Vec3& gyro, const Vec3& acc, double dt) {
   if (stillTime_ >= settings_.restTime) {
     const double k = dt / (dt + settings_.restBiasTau);
     bias_ = bias_ + k * (gyroLp_ - bias_);
+    // At rest the mean rate is the bias to within about 2 mrad/s.
+    biasVar_ += k * (0.002 * 0.002 - biasVar_);
   }
 }
 
@@ -392,6 +394,10 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
       const double k = dt / (dt + settings_.headingTau);
       pull.z += headingApplied / (k * tau * tau);
       biasLearnt_ += dt * slowOnly;
+      // Learning in motion firms the estimate up over the learning time,
+      // to about 5 mrad/s.
+      const double kVar = slowOnly * dt / (dt + tau);
+      biasVar_ += kVar * (0.005 * 0.005 - biasVar_);
     }
     const Vec3 device = rotateBack(q_, slowOnly * pull);
     bias_ = bias_ - dt * device;

@@ -133,6 +133,14 @@ class CompassFilter {
 
   const CompassOutput& output() const { return out_; }
 
+  // The gyroscope bias the filter subtracts (rad/s, device frame), its
+  // 1-sigma uncertainty per axis (rad/s; large before anything is learnt),
+  // and whether the gyroscope is used at all (false: judged unusable, the
+  // attitude is tracked as without one).
+  Vec3 gyroBias() const { return bias_; }
+  double gyroBiasSigma() const { return std::sqrt(biasVar_); }
+  bool gyroUsable() const { return gyroUsable_; }
+
  private:
   void initialise(double t, const Vec3& acc, const Vec3* field);
   void restBias(const Vec3& gyro, const Vec3& acc, double dt);
@@ -154,6 +162,8 @@ class CompassFilter {
   Vec3 prevGyro_;        // previous bias-corrected gyroscope reading
   double prevDt_ = 0.0;           // the attitude the accelerometer and field readings belong to
   Vec3 bias_;
+  double biasVar_ = 0.1 * 0.1;  // (rad/s)^2 per axis, the bias estimate's variance
+  bool gyroUsable_ = true;
   Vec3 accWorld_;        // mean specific force in the earth frame, g
   Vec3 rateWorld_;       // tracker's rate without a gyroscope, east-north-up frame
   Vec3 lastRate_;        // device frame
