@@ -96,28 +96,28 @@ void keep(EngineRun& run, size_t i, const compass::CompassOutput& o) {
   run.flags[i] = o.flags;
 }
 
-EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recording, bool gyro, double bias) {
+EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recording, bool gyro, const std::array<double, 3>& bias) {
   EngineRun run = sized(recording.samples.size());
   compass::CompassFilter filter(tunedSettings());
   const compass::FieldQuality quality;  // an ideal calibration, no outside disturbance flag
   for (size_t i = 0; i < recording.samples.size(); ++i) {
     const replay::RecordedSample& s = recording.samples[i];
     const compass::Vec3 field = calibrated(truth, s);
-    const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
+    const compass::Vec3 rate{s.gyro[0] + bias[0], s.gyro[1] + bias[1], s.gyro[2] + bias[2]};
     filter.update(s.t, vec(s.acc), &field, quality, gyro ? &rate : nullptr);
     keep(run, i, filter.output());
   }
   return run;
 }
 
-EngineRun runOwnCalibration(const replay::Recording& recording, bool gyro, double bias) {
+EngineRun runOwnCalibration(const replay::Recording& recording, bool gyro, const std::array<double, 3>& bias) {
   EngineRun run = sized(recording.samples.size());
   static compass::Compass whole;  // large: kept off the stack
   whole = compass::Compass(tunedSettings());
   for (size_t i = 0; i < recording.samples.size(); ++i) {
     const replay::RecordedSample& s = recording.samples[i];
     const compass::Vec3 raw = vec(s.mag);
-    const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
+    const compass::Vec3 rate{s.gyro[0] + bias[0], s.gyro[1] + bias[1], s.gyro[2] + bias[2]};
     whole.update(s.t, vec(s.acc), &raw, gyro ? &rate : nullptr);
     keep(run, i, whole.output());
   }
@@ -165,15 +165,16 @@ const char* engineName(Engine engine) {
 }
 
 EngineRun runEngine(Engine engine, const TruthRecording& truth, const replay::Recording& recording,
-                    double gyroBias) {
+                    const std::array<double, 3>& gyroBias) {
+  const std::array<double, 3> none{};
   switch (engine) {
     case Engine::Fixed: return runFixed(recording);
     case Engine::CompassGyro: return runCompass(truth, recording, true, gyroBias);
-    case Engine::CompassNoGyro: return runCompass(truth, recording, false, 0.0);
+    case Engine::CompassNoGyro: return runCompass(truth, recording, false, none);
     case Engine::Triad: return runTriad(truth, recording, 0.0);
     case Engine::TriadMean: return runTriad(truth, recording, 0.5);
     case Engine::OwnCalGyro: return runOwnCalibration(recording, true, gyroBias);
-    case Engine::OwnCalNoGyro: return runOwnCalibration(recording, false, 0.0);
+    case Engine::OwnCalNoGyro: return runOwnCalibration(recording, false, none);
   }
   return {};
 }
