@@ -58,4 +58,35 @@ inline double wrapPi(double a) {
 
 inline double clampTo(double v, double lo, double hi) { return v < lo ? lo : (v > hi ? hi : v); }
 
+inline bool finite(const Vec3& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
+
+// Smallest rotation taking the unit vector a onto the unit vector b, as a
+// rotation vector.
+inline Vec3 rotationBetween(const Vec3& a, const Vec3& b) {
+  const Vec3 axis = cross(a, b);
+  const double s = norm(axis);
+  const double c = dot(a, b);
+  if (s < 1e-12) return Vec3{};
+  return (std::atan2(s, c) / s) * axis;
+}
+
+// The attitude the filter carries and the one its readings belong to (the
+// accelerometer's and the field's readings are means over their interval,
+// so they belong to its middle); corrections turn both alike.
+struct AttitudePair {
+  Quat now;       // device to east-north-up at the sample's time
+  Quat readings;  // the same at the middle of the sample's interval
+  // Turns both by the earth-frame rotation vector r.
+  void turn(const Vec3& r) {
+    const Quat q = fromRotationVector(r);
+    now = normalised(q * now);
+    readings = normalised(q * readings);
+  }
+  void turnAboutUp(double angle) {
+    const Quat q = aboutUp(angle);
+    now = normalised(q * now);
+    readings = normalised(q * readings);
+  }
+};
+
 }  // namespace quelta::compass
