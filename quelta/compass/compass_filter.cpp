@@ -53,13 +53,17 @@ bool attitudeFromVectors(const Vec3& acc, const Vec3& field, Quat& out) {
 }
 
 void anglesOf(const Quat& q, double& azimuthDeg, double& pitchDeg, double& rollDeg) {
-  const Vec3 x = rotate(q, {1.0, 0.0, 0.0});
-  const Vec3 y = rotate(q, {0.0, 1.0, 0.0});
-  const Vec3 z = rotate(q, {0.0, 0.0, 1.0});
+  // The device axes in east-north-up: the columns of q's rotation matrix.
+  const double xx = q.x * q.x, yy = q.y * q.y, zz = q.z * q.z;
+  const double xy = q.x * q.y, xz = q.x * q.z, yz = q.y * q.z;
+  const double wx = q.w * q.x, wy = q.w * q.y, wz = q.w * q.z;
+  const Vec3 x{1.0 - 2.0 * (yy + zz), 2.0 * (xy + wz), 2.0 * (xz - wy)};
+  const Vec3 y{2.0 * (xy - wz), 1.0 - 2.0 * (xx + zz), 2.0 * (yz + wx)};
+  const Vec3 z{2.0 * (xz + wy), 2.0 * (yz - wx), 1.0 - 2.0 * (xx + yy)};
   // Level the device (turn its screen normal onto up about a horizontal
   // axis), then read where its top edge points.
   Vec3 top = y;
-  const double h = std::hypot(z.x, z.y);
+  const double h = std::sqrt(z.x * z.x + z.y * z.y);
   if (h > 1e-12) {
     const Vec3 u{z.y / h, -z.x / h, 0.0};
     const double c = clampTo(z.z, -1.0, 1.0);
@@ -126,7 +130,7 @@ void CompassFilter::propagate(const Vec3& gyro, double dt) {
   prevDt_ = dt;
   att_.now = normalised(att_.now * fromRotationVector(turn));
   // The readings are means over the interval: they belong to its middle.
-  att_.readings = normalised(att_.now * fromRotationVector((-settings_.readingDelay) * turn));
+  att_.readings = att_.now * fromRotationVector((-settings_.readingDelay) * turn);
   lastRate_ = w;
   bias_.age(dt);
   heading_.predict(dt, norm(turn), dt * bias_.settings().walk * bias_.settings().walk);
@@ -149,16 +153,16 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
   const double strength = norm(field);
   if (!(strength > 0.0) || !finite(field)) return 0.0;
   const Vec3 w = rotate(att_.readings, field);
-  const double horizontal = std::hypot(w.x, w.y);
+  const double horizontal = std::sqrt(w.x * w.x + w.y * w.y);
   const double psi = wrapPi(std::atan2(w.x, w.y) - settings_.declinationDeg * kDeg);
-  const Vec3 up = rotateBack(att_.readings, Vec3{0.0, 0.0, 1.0});
+  const double dip = std::asin(clampTo(-w.z / strength, -1.0, 1.0));
   const double biasSigma = std::sqrt(heading_.biasVar());
   // A bias not yet learnt about the horizontal axes tilts the attitude by
   // about its size times the tilt pull's time constant: the dip is that
   // much less certain.
   const double tiltSigma = std::sqrt(bias_.horizontalVar()) * settings_.tilt.tau;
   const double elapsed = tLast_ - tStart_;
-  const bool disturbed = field_.check(field, up, quality.disturbed, quality.newCalibration, dt, withGyro, psi,
+  const bool disturbed = field_.check(strength, dip, quality.disturbed, quality.newCalibration, dt, withGyro, psi,
                                       norm(lastRate_), biasSigma, withGyro ? tiltSigma : 0.0) &&
                          elapsed >= 3.0;
   disturbed_ = disturbed;
@@ -186,22 +190,20 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
     const HeadingEstimate::Correction c = heading_.correct(psi, dt, follow, !disturbed, weight, tiltNoise);
     if (!c.followed) return 0.0;
     applied = c.heading;
-    att_.turnAboutUp(c.heading);
-    bias_.learn(rotateBack(att_.now, Vec3{0.0, 0.0, c.bias}), bias_.horizontalVar());
-    const double kInn = dt / (dt + 3.0);
-    innovationSq_ += kInn * (psi * psi - innovationSq_);
+    Vec3 turn{0.0, 0.0, c.heading};
     // A followed field also knows its dip: the tilt about the east-west
     // axis of the field is pulled towards the dip of the references.
-    if (settings_.fieldTiltTau > 0.0 && field_.learnt() && field_.score() < 0.5 && elapsed >= settings_.warmUp) {
-      const Vec3 m = rotate(att_.readings, (1.0 / strength) * field);
-      const double h = std::hypot(m.x, m.y);
-      if (h > 0.1) {
-        const double dipError = std::atan2(-m.z, h) - field_.dipReference();  // positive: the field looks too steep
-        // Turning about the horizontal axis (north x up) raises the field.
-        const Vec3 axis{m.y / h, -m.x / h, 0.0};
-        att_.turn((dt / (dt + settings_.fieldTiltTau) * dipError) * axis);
-      }
+    if (settings_.fieldTiltTau > 0.0 && field_.learnt() && field_.score() < 0.5 && elapsed >= settings_.warmUp &&
+        horizontal > 0.1 * strength) {
+      const double dipError = dip - field_.dipReference();  // positive: the field looks too steep
+      // Turning about the horizontal axis (north x up) raises the field.
+      const Vec3 axis{w.y / horizontal, -w.x / horizontal, 0.0};
+      turn = turn + (dt / (dt + settings_.fieldTiltTau) * dipError) * axis;
     }
+    att_.turn(turn);
+    biasStep_.z += c.bias;
+    const double kInn = dt / (dt + 3.0);
+    innovationSq_ += kInn * (psi * psi - innovationSq_);
     return 1.0;
   }
   const double m = psi / (settings_.trackHeadingAngleDeg * kDeg);
@@ -240,7 +242,8 @@ void CompassFilter::learnBiasFromTilt(const TiltCorrection::Pull& pull, double d
   // learnt, from the start's uncertainty down to what the pulls resolve.
   const double start = bias_.settings().startSigma * (1.0 - firm);
   const double var = std::fmin(bias_.horizontalVar(), start * start + settings_.biasTiltSigma * settings_.biasTiltSigma);
-  bias_.learn(rotateBack(att_.now, (-dt) * rate), var);
+  biasStep_ = biasStep_ - dt * rate;
+  biasHorizontalVar_ = var;
 }
 
 void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const FieldQuality& quality,
@@ -278,8 +281,16 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
   TiltCorrection::Pull pull;
   if (accOk) pull = tilt_.correct(att_, acc, dt, tLast_ - tStart_, withGyro);
   double headingApplied = 0.0;
+  biasStep_ = Vec3{};
   if (usableField != nullptr && accOk) fieldCorrection(*usableField, quality, dt, withGyro, headingApplied);
-  if (withGyro) learnBiasFromTilt(pull, dt);
+  const Vec3 headingBiasStep = biasStep_;
+  if (withGyro) {
+    // What the tilt pulls and the field taught the bias this sample, at once.
+    biasStep_ = Vec3{};
+    biasHorizontalVar_ = bias_.horizontalVar();
+    learnBiasFromTilt(pull, dt);
+    bias_.learn(rotateBack(att_.now, biasStep_ + headingBiasStep), biasHorizontalVar_);
+  }
   if (!withGyro && dt > 0.0) {
     // The rate without a gyroscope: the attitude's own change, smoothed.
     Vec3 change = pull.applied;

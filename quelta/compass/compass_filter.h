@@ -158,6 +158,8 @@ class CompassFilter {
   double driftVar_ = 0.0;     // rad^2, heading error grown without a gyroscope
   double innovationSq_ = 0.0; // rad^2, running mean square of the heading disagreement
   double biasLearnt_ = 0.0;   // s of learning the bias from the tilt pulls
+  Vec3 biasStep_;             // rad/s, earth frame: what this sample teaches the bias
+  double biasHorizontalVar_ = 0.0;  // (rad/s)^2, the horizontal variance after it
   CompassOutput out_;
 };
 

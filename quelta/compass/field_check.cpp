@@ -2,11 +2,9 @@
 
 namespace quelta::compass {
 
-bool FieldCheck::check(const Vec3& field, const Vec3& up, bool hostDisturbed, bool newCalibration, double dt,
+bool FieldCheck::check(double strength, double dip, bool hostDisturbed, bool newCalibration, double dt,
                        bool withGyro, double psi, double rate, double biasSigma, double tiltSigma) {
-  const double strength = norm(field);
   if (newCalibration) age_ = 0.0;
-  const double dip = std::asin(clampTo(-dot(field, up) / strength, -1.0, 1.0));
   if (age_ <= 0.0) {
     strengthRef_ = strength;
     dipRef_ = dip;

@@ -27,13 +27,13 @@ class FieldCheck {
  public:
   explicit FieldCheck(const FieldCheckSettings& settings = FieldCheckSettings()) : settings_(settings) {}
 
-  // One field (calibrated, device frame) with the device's up (device frame).
+  // One field: its strength (any unit) and dip (rad, positive downwards).
   // hostDisturbed: the host's or the calibrator's flag. withGyro: psi (rad,
   // the field's heading against the carried one) and rate (rad/s, the
   // gyroscope's) take part; biasSigma (rad/s) widens the turn test,
   // tiltSigma (rad, the tilt's uncertainty) the dip test.
   // Returns true when the field is disturbed.
-  bool check(const Vec3& field, const Vec3& up, bool hostDisturbed, bool newCalibration, double dt, bool withGyro,
+  bool check(double strength, double dip, bool hostDisturbed, bool newCalibration, double dt, bool withGyro,
              double psi, double rate, double biasSigma, double tiltSigma);
 
   bool disturbed() const { return disturbed_; }      // the own check's verdict (hysteresis)

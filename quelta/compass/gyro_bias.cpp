@@ -25,13 +25,17 @@ bool GyroBias::observe(const Vec3& gyro, const Vec3& acc, const Vec3* field, dou
   accMean_ = accMean_ + k * (acc - accMean_);
   // Still: neither sensor strays from its recent mean more than its noise,
   // whatever the mean rate (that is the bias, up to any size).
-  bool still = norm(gyro - gyroMean_) < settings_.stillRate && norm(acc - accMean_) < settings_.stillAcc;
+  const Vec3 dg = gyro - gyroMean_, da = acc - accMean_;
+  const double rate2 = settings_.stillRate * settings_.stillRate, acc2 = settings_.stillAcc * settings_.stillAcc;
+  bool still = dot(dg, dg) < rate2 && dot(da, da) < acc2;
   if (field != nullptr) {
     // The field is the witness of a slow steady turn.
     if (!fieldPrimed_) fieldMean_ = *field;
     fieldPrimed_ = true;
     fieldMean_ = fieldMean_ + k * (*field - fieldMean_);
-    still = still && norm(*field - fieldMean_) < settings_.stillField * norm(fieldMean_);
+    const Vec3 df = *field - fieldMean_;
+    const double tolerance2 = settings_.stillField * settings_.stillField * dot(fieldMean_, fieldMean_);
+    still = still && dot(df, df) < tolerance2;
   } else {
     still = still && norm(gyroMean_ - bias_) < settings_.stillMaxRate;
   }

@@ -30,7 +30,8 @@ TiltCorrection::Pull TiltCorrection::correct(AttitudePair& attitude, const Vec3&
   if (withGyro) {
     const double meanTau = warm ? settings_.meanTau : std::fmin(settings_.meanTau, 0.05 + 0.5 * elapsed);
     const double kMean = dt / (dt + meanTau);
-    Vec3 step = rotate(attitude.readings, acc) - accWorld_;
+    const Vec3 accNow = rotate(attitude.readings, acc);
+    Vec3 step = accNow - accWorld_;
     const double stepNorm = norm(step);
     if (stepNorm > settings_.stepLimit) step = (settings_.stepLimit / stepNorm) * step;
     accWorld_ = accWorld_ + kMean * step;
@@ -52,9 +53,9 @@ TiltCorrection::Pull TiltCorrection::correct(AttitudePair& attitude, const Vec3&
     } else {
       rejectTime_ = std::fmax(0.0, rejectTime_ - 0.5 * dt);
     }
-    const Vec3 upNow = rotate(attitude.readings, (1.0 / na) * acc);
-    const double angleNow = std::atan2(std::hypot(upNow.x, upNow.y), upNow.z);
-    accelerating_ = weight < 0.5 || (warm && angleNow > settings_.flagAngleDeg * kDeg);
+    // This reading's own up against the carried one (compared by cosine).
+    const double upNowZ = accNow.z / na;
+    accelerating_ = weight < 0.5 || (warm && upNowZ < flagCos_);
   } else {
     const double dev = (na - 1.0) / settings_.normToleranceG;
     weight = 1.0 / (1.0 + dev * dev);
@@ -68,8 +69,8 @@ TiltCorrection::Pull TiltCorrection::correct(AttitudePair& attitude, const Vec3&
   const double k = weight * dt / (dt + tau);
   pull.applied = k * err;
   pull.weight = weight;
-  attitude.turn(pull.applied);
-  if (withGyro) accWorld_ = rotate(fromRotationVector(pull.applied), accWorld_);
+  const Quat turned = attitude.turn(pull.applied);
+  if (withGyro) accWorld_ = rotate(turned, accWorld_);
   return pull;
 }
 

@@ -30,7 +30,8 @@ struct TiltSettings {
 
 class TiltCorrection {
  public:
-  explicit TiltCorrection(const TiltSettings& settings = TiltSettings()) : settings_(settings) {}
+  explicit TiltCorrection(const TiltSettings& settings = TiltSettings())
+      : settings_(settings), flagCos_(std::cos(settings.flagAngleDeg * kDeg)) {}
 
   void start(const Vec3& acc);
 
@@ -46,6 +47,7 @@ class TiltCorrection {
 
  private:
   TiltSettings settings_;
+  double flagCos_;  // cosine of the flagged disagreement
   Vec3 accWorld_;  // g, mean specific force in the earth frame
   double rejectTime_ = 0.0;
   bool accelerating_ = false;
