@@ -33,9 +33,12 @@ bool GyroBias::observe(const Vec3& gyro, const Vec3& acc, const Vec3* field, dou
     if (!fieldPrimed_) fieldMean_ = *field;
     fieldPrimed_ = true;
     fieldMean_ = fieldMean_ + k * (*field - fieldMean_);
-    const Vec3 df = *field - fieldMean_;
+    // Against the field where the stillness began, so that a slow turn
+    // shows within the rest time.
+    if (stillTime_ == 0.0) fieldAtStill_ = *field;
+    const Vec3 df = *field - fieldMean_, drift = *field - fieldAtStill_;
     const double tolerance2 = settings_.stillField * settings_.stillField * dot(fieldMean_, fieldMean_);
-    still = still && dot(df, df) < tolerance2;
+    still = still && dot(df, df) < tolerance2 && dot(drift, drift) < tolerance2;
   } else {
     still = still && norm(gyroMean_ - bias_) < settings_.stillMaxRate;
   }

@@ -54,6 +54,7 @@ class GyroBias {
   Vec3 bias_;
   double var_;
   Vec3 gyroMean_, accMean_, fieldMean_;
+  Vec3 fieldAtStill_;  // the field when the stillness began
   bool fieldPrimed_ = false;
   bool primed_ = false;
   double stillTime_ = 0.0;

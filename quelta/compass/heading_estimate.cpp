@@ -69,7 +69,10 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
   const double noise = density / settings_.innovationTau;
   const double floor = settings_.gateFloorDeg * kDeg;
   const double allowed = settings_.gate * std::sqrt(noise + hh_) + floor;
-  if (std::fabs(psiLp_) > allowed && hh_ < kUnknownHeadingVar) {
+  // A single reading may stray by its jitter as well; beyond that a jump has
+  // begun that the low-pass has not caught up with yet.
+  const double allowedNow = settings_.gate * std::sqrt(noise + jitterSq_ + hh_) + floor;
+  if ((std::fabs(psiLp_) > allowed || std::fabs(psi) > allowedNow) && hh_ < kUnknownHeadingVar) {
     // Not followed, unless the field stays clean by every other test for
     // long enough: then it is the new reference.
     steadyTime_ = clean ? steadyTime_ + dt : 0.0;
