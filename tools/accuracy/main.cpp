@@ -1,7 +1,11 @@
 // quelta-accuracy: replays every recording with optical truth through the
 // fixed pipelines, the compass filter with and without gyroscope and two
 // TRIAD baselines, and prints heading, attitude, tilt and rate errors per
-// recording and pooled, as Markdown tables.
+// recording, pooled by kind (board, Nexus 5, iPhone; undisturbed, disturbed),
+// the worst recording of each kind, the two folds (odd- and even-numbered
+// recordings by name), the targets, the heading accuracy estimate's
+// coverage, and the raw iPhone gyroscopes against the same recordings with
+// their measured bias removed, as Markdown tables.
 //
 //   quelta-accuracy [RECORDINGS_DIR] [--quick]
 //
