@@ -187,7 +187,9 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
     const double dipSlope = std::fabs(w.z) / std::fmax(horizontal, 0.1 * strength);
     const double tiltHeading = tiltSigma * dipSlope;
     const double tiltNoise = tiltHeading * tiltHeading * settings_.tilt.tau;
-    const HeadingEstimate::Correction c = heading_.correct(psi, dt, follow, !disturbed, weight, tiltNoise);
+    const double slowness2 = dot(lastRate_, lastRate_) / (settings_.slowRate * settings_.slowRate);
+    const HeadingEstimate::Correction c =
+        heading_.correct(psi, dt, follow, !disturbed, weight, tiltNoise, 1.0 / (1.0 + slowness2));
     if (!c.followed) return 0.0;
     applied = c.heading;
     Vec3 turn{0.0, 0.0, c.heading};
@@ -231,8 +233,8 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
 // quickly while little is known of it, more slowly as it firms up.
 void CompassFilter::learnBiasFromTilt(const TiltCorrection::Pull& pull, double dt) {
   if (!(pull.weight > 0.0) || !(dt > 0.0) || tLast_ - tStart_ < settings_.warmUp) return;
-  const double slowness = norm(lastRate_) / settings_.slowRate;
-  const double slowOnly = 1.0 / (1.0 + slowness * slowness);
+  const double slowness2 = dot(lastRate_, lastRate_) / (settings_.slowRate * settings_.slowRate);
+  const double slowOnly = 1.0 / (1.0 + slowness2);
   biasLearnt_ += slowOnly * dt;
   const double firm = std::fmin(1.0, biasLearnt_ / settings_.biasSettleTime);
   const double tau = settings_.biasTiltTauStart + (settings_.biasTiltTau - settings_.biasTiltTauStart) * firm;

@@ -65,7 +65,7 @@ struct FilterSettings {
   double trackDriftRate = 0.008;        // rad/sqrt(s), growth of the heading's error while the field is not used
   // Heading accuracy estimate.
   double headingNoiseFloorDeg = 1.0;     // degrees always reported on top
-  double innovationWeight = 0.15;        // share of the heading disagreement's running mean square
+  double innovationWeight = 0.05;        // share of the heading disagreement's running mean square
   double trackInnovationWeight = 0.5;    // the same without a gyroscope
   double trackLagTime = 0.35;            // s: without a gyroscope, the lag behind a turn
   double trackDisturbedErrorDeg = 30.0;  // degrees without a gyroscope while the field is disturbed

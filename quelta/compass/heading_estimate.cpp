@@ -45,7 +45,7 @@ void HeadingEstimate::pinBias(double biasVar) {
 }
 
 HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool follow, bool clean, double weight,
-                                                    double tiltNoise) {
+                                                    double tiltNoise, double biasShare) {
   Correction c;
   if (!(dt > 0.0)) return c;
   const double k = dt / (dt + settings_.innovationTau);
@@ -91,7 +91,7 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
   // density over dt, less where the field is trusted less.
   const double r = density / (dt * weight);
   const double s = hh_ + r;
-  const double kh = hh_ / s, kb = hb_ / s;
+  const double kh = hh_ / s, kb = biasShare * hb_ / s;
   c.heading = kh * psi;
   c.bias = kb * psi;
   c.followed = true;

@@ -58,8 +58,11 @@ class HeadingEstimate {
   // a clean field can become the new reference); weight 0..1 scales its
   // information;
   // tiltNoise (rad^2 s) is the noise density the tilt's uncertainty adds to
-  // the field's heading.
-  Correction correct(double psi, double dt, bool follow, bool clean, double weight, double tiltNoise);
+  // the field's heading; biasShare (0..1) how much of what the disagreement
+  // says of the bias is taken (during fast turns it is the gyroscope's scale
+  // and alignment errors, which are no bias).
+  Correction correct(double psi, double dt, bool follow, bool clean, double weight, double tiltNoise,
+                     double biasShare = 1.0);
 
   double headingVar() const { return hh_; }  // rad^2
   double biasVar() const { return bb_; }     // (rad/s)^2, about up
