@@ -183,10 +183,13 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
     // far as its score, the gate and the references allow.
     const bool follow = !disturbed || field_.disturbedTime() >= settings_.disturbedHold;
     // A tilt error moves the field's heading by up to the tilt error times
-    // the tangent of the dip, correlated over the tilt pull's time.
+    // the tangent of the dip. One from a bias not yet learnt lasts as long as
+    // the bias loop takes to settle (its slow root, biasTiltTau^2 / tilt.tau,
+    // about 11 s): the field's heading is that much less informative.
     const double dipSlope = std::fabs(w.z) / std::fmax(horizontal, 0.1 * strength);
     const double tiltHeading = tiltSigma * dipSlope;
-    const double tiltNoise = tiltHeading * tiltHeading * settings_.tilt.tau;
+    const double tiltNoise =
+        tiltHeading * tiltHeading * settings_.biasTiltTau * settings_.biasTiltTau / settings_.tilt.tau;
     const double slowness2 = dot(lastRate_, lastRate_) / (settings_.slowRate * settings_.slowRate);
     const HeadingEstimate::Correction c =
         heading_.correct(psi, dt, follow, !disturbed, weight, tiltNoise, 1.0 / (1.0 + slowness2));

@@ -11,8 +11,8 @@
 namespace quelta::compass {
 
 struct GyroBiasSettings {
-  double startSigma = 0.05;   // rad/s per axis, 1 sigma of an uncompensated MEMS gyroscope's zero-rate
-                              // offset (about 3 degrees/s; bias-compensated ones start the same)
+  double startSigma = 0.03;   // rad/s per axis, 1 sigma of an uncompensated MEMS gyroscope's zero-rate
+                              // offset (about 1.7 degrees/s; bias-compensated ones start the same)
   double walk = 2e-4;         // rad/s per sqrt(s): how fast the bias wanders (temperature)
   double restTime = 1.0;      // s of stillness before the rest estimate runs
   double restTau = 1.0;       // s, time constant of the rest estimate
@@ -23,7 +23,8 @@ struct GyroBiasSettings {
                               // a steady turn keeps the rate and the accelerometer steady, not the field
   double stillMaxRate = 0.05; // rad/s: without a field, a mean rate this far from the bias is no rest
   double stillMeanTau = 0.3;  // s, the recent means the two are compared with
-  double maxBias = 0.2;       // rad/s on an axis (4 sigma): beyond it the gyroscope is unusable
+  double maxBias = 0.2;       // rad/s on an axis (several times the spread of parts): beyond it the
+                              // gyroscope is unusable
 };
 
 class GyroBias {
