@@ -150,8 +150,7 @@ void CompassFilter::track(double dt) {
 double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro,
                                       double& applied) {
   applied = 0.0;
-  const double strength = norm(field);
-  if (!(strength > 0.0) || !finite(field)) return 0.0;
+  const double strength = norm(field);  // finite and positive: checked by update()
   const Vec3 w = rotate(att_.readings, field);
   const double horizontal = std::sqrt(w.x * w.x + w.y * w.y);
   const double psi = wrapPi(std::atan2(w.x, w.y) - settings_.declinationDeg * kDeg);
@@ -255,7 +254,7 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
                            const Vec3* gyro) {
   if (!std::isfinite(t)) return;
   const bool accOk = finite(acc) && norm(acc) > 0.2;
-  const Vec3* usableField = (field != nullptr && finite(*field) && norm(*field) > 1e-6) ? field : nullptr;
+  const Vec3* usableField = (field != nullptr && finite(*field) && dot(*field, *field) > 1e-12) ? field : nullptr;
   const Vec3* usableGyro = (gyro != nullptr && finite(*gyro)) ? gyro : nullptr;
   if (!started_) {
     if (!accOk) return;
