@@ -336,9 +336,9 @@ void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& qualit
     } else {
       // Without a gyroscope: the lag behind turns, the field's disagreement,
       // and next to nothing known while the field is disturbed. (The lag
-      // grows with the rate, less than in proportion past a radian a second.)
+      // grows in proportion to the rate.)
       const double r = norm(rateWorld_);
-      const double lag = settings_.trackLagTime * r / std::sqrt(1.0 + r * r);
+      const double lag = settings_.trackLagTime * r;
       const double held = (field_.disturbed() || quality.disturbed) ? settings_.trackDisturbedErrorDeg * kDeg : 0.0;
       var += driftVar_ + settings_.trackInnovationWeight * innovationSq_ + lag * lag + held * held;
     }

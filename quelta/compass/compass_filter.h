@@ -67,8 +67,10 @@ struct FilterSettings {
   double headingNoiseFloorDeg = 1.0;     // degrees always reported on top
   double innovationWeight = 0.05;        // share of the heading disagreement's running mean square
   double trackInnovationWeight = 0.5;    // the same without a gyroscope
-  double trackLagTime = 0.35;            // s: without a gyroscope, the lag behind a turn
-  double trackDisturbedErrorDeg = 30.0;  // degrees without a gyroscope while the field is disturbed
+  double trackLagTime = 0.45;            // s: without a gyroscope, the lag behind a turn (its error grows
+                                         // with the rate, without bound: a fast tumble is not followed)
+  double trackDisturbedErrorDeg = 40.0;  // degrees without a gyroscope while the field is disturbed
+                                         // (indoor disturbances turn the field by tens of degrees)
   double warmUp = 2.0;                   // s of short time constants after the start
   // True north: declination added to magnetic north, degrees east.
   double declinationDeg = 0.0;
