@@ -30,7 +30,6 @@ bool FieldCheck::check(double strength, double dip, bool hostDisturbed, bool new
   const bool own = !learning && (disturbed_ ? score > 0.7 : score > 1.0);
   const bool disturbed = own || hostDisturbed;
   disturbedTime_ = disturbed ? disturbedTime_ + dt : 0.0;
-  cleanTime_ = disturbed ? 0.0 : cleanTime_ + dt;
   // References: quick at first, slow afterwards, slower still while
   // disturbed, and they follow a change that lasts.
   double tau = settings_.referenceTau;

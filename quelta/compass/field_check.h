@@ -38,7 +38,6 @@ class FieldCheck {
 
   bool disturbed() const { return disturbed_; }      // the own check's verdict (hysteresis)
   double score() const { return score_; }            // 0 clean, >= 1 disturbed
-  double cleanTime() const { return cleanTime_; }    // s since the field was last suspect
   double disturbedTime() const { return disturbedTime_; }
   bool learnt() const { return age_ > settings_.learnTime; }
   double dipReference() const { return dipRef_; }    // rad
@@ -49,7 +48,6 @@ class FieldCheck {
   double dipRef_ = 0.0;
   double age_ = 0.0;  // s of reference learning
   double disturbedTime_ = 0.0;
-  double cleanTime_ = 0.0;
   double score_ = 0.0;
   bool disturbed_ = false;
   double lastPsi_ = 0.0;

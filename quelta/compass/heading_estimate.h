@@ -67,7 +67,6 @@ class HeadingEstimate {
   double headingVar() const { return hh_; }  // rad^2
   double biasVar() const { return bb_; }     // (rad/s)^2, about up
   double carried() const { return carried_; }  // s since the field was last followed
-  double innovationLp() const { return psiLp_; }
 
  private:
   HeadingSettings settings_;
