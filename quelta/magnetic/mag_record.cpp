@@ -53,6 +53,19 @@ double getF64(const uint8_t* p) {
 
 }  // namespace
 
+const char* recordStatusText(RecordStatus s) {
+  switch (s) {
+    case RecordStatus::Ok: return "ok";
+    case RecordStatus::Truncated: return "record truncated";
+    case RecordStatus::BadMagic: return "not a calibration record";
+    case RecordStatus::OtherVersion: return "record from another version";
+    case RecordStatus::BadChecksum: return "record corrupted (checksum)";
+    case RecordStatus::BadValues: return "record values out of range";
+    case RecordStatus::NoCalibration: return "no calibration to save";
+  }
+  return "unknown";
+}
+
 RecordStatus Calibrator::save(uint8_t (&rec)[kRecordSize]) const {
   std::memset(rec, 0, kRecordSize);
   if (cal_.model == Model::None) return RecordStatus::NoCalibration;

@@ -1,0 +1,65 @@
+// The calibration's quality report and the per-sample disturbance score.
+#include "quelta/magnetic/mag_detail.h"
+
+namespace quelta::magnetic {
+
+using namespace detail;
+
+void Calibrator::updateQuality(const FitResult* r) {
+  if (r != nullptr) {
+    headingErrorRaw_ = r->headingErrorDeg;
+    quality_.coverage = r->coverage;
+    quality_.residualGauss = r->residual;
+    quality_.samples = count_;
+  }
+  quality_.fittedStrength = cal_.strength;
+  quality_.expectedStrength = expected_.known ? expected_.strengthGauss : 0.0;
+  quality_.headingErrorDeg = cal_.model == Model::None ? 180.0 : headingErrorRaw_;
+  const double he = quality_.headingErrorDeg;
+  int acc = he <= kAccuracy3Deg ? 3 : he <= kAccuracy2Deg ? 2 : he <= kAccuracy1Deg ? 1 : 0;
+  if (cal_.model == Model::None) acc = 0;
+  quality_.accuracy = acc;
+  Reason reason = Reason::None;
+  if (cal_.model == Model::None) {
+    reason = Reason::Collecting;
+  } else if (unstable_) {
+    reason = Reason::FieldUnstable;
+  } else if (expected_.known && expected_.strengthGauss > 0.0 &&
+             std::fabs(cal_.strength / expected_.strengthGauss - 1.0) > 0.15) {
+    reason = Reason::StrengthMismatch;
+  } else if (acc < 3) {
+    reason = quality_.coverage < 0.25 ? Reason::Collecting : Reason::TurnOtherAxis;
+  }
+  quality_.reason = reason;
+}
+
+void Calibrator::disturbance(double strength, bool dipUsable, double accAngleSq, double dt, SampleOutput& out) {
+  if (cal_.model == Model::None) {
+    out.disturbance = 0.0;
+    out.disturbed = false;
+    return;
+  }
+  const double k = dt / (kDisturbTau + dt);
+  devStrength_ += k * ((strength / cal_.strength - 1.0) - devStrength_);
+  if (dipUsable) {
+    if (cal_.vertical != refDipFor_[0] || cal_.strength != refDipFor_[1]) {
+      refDipDeg_ = std::asin(clampUnit(-cal_.vertical / cal_.strength)) * kDeg;
+      refDipFor_[0] = cal_.vertical;
+      refDipFor_[1] = cal_.strength;
+    }
+    devDip_ += k * ((out.dipDeg - refDipDeg_) - devDip_);
+  }
+  // The dip is only as good as gravity: its tolerance grows while the
+  // accelerometer moves about its low-passed direction.
+  gravityNoise_ += dt / (kGravityNoiseTau + dt) * (accAngleSq - gravityNoise_);
+  const double dipScale = std::sqrt(kDipScaleDeg * kDipScaleDeg + kGravityNoiseGain * kGravityNoiseGain * gravityNoise_);
+  const double score = std::max(std::fabs(devStrength_) / kStrengthScale, std::fabs(devDip_) / dipScale);
+  if (score > kFlagOn) flag_ = true;
+  if (score < kFlagOff) flag_ = false;
+  out.strengthDeviation = devStrength_;
+  out.dipDeviationDeg = devDip_;
+  out.disturbance = score;
+  out.disturbed = flag_;
+}
+
+}  // namespace quelta::magnetic
