@@ -59,9 +59,18 @@ void Calibrator::reset() {
   flag_ = false;
   calChanged_ = false;
   headingErrorRaw_ = 180.0;
+  rotation_.reset();
+  haveGyro_ = false;
+  turnSinceOffer_ = 0.0;
+  upAtOffer_ = Vec3d{};
+  lastBlockM_ = Vec3d{};
+  lastBlockUp_ = Vec3d{};
+  lastBlockAccDev_ = 0.0;
+  replaced_ = Calibration{};
+  haveReplaced_ = false;
 }
 
-SampleOutput Calibrator::update(double t, const double mag[3], const double acc[3]) {
+SampleOutput Calibrator::update(double t, const double mag[3], const double acc[3], const double gyro[3]) {
   SampleOutput out;
   calChanged_ = false;
 
@@ -111,6 +120,16 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   out.valid = true;
   if (quality_.reason == Reason::NoSamples) quality_.reason = Reason::Collecting;
 
+  // The rotation since the last sample: evidence about the offset.
+  if (gyro != nullptr) {
+    const Vec3d w{gyro[0], gyro[1], gyro[2]};
+    if (isFinite(w)) {
+      rotation_.update(dt, m, w);
+      turnSinceOffer_ += norm(w) * dt;
+      haveGyro_ = true;
+    }
+  }
+
   // Block averaging.
   if (blockCount_ == 0) {
     blockStart_ = clock_;
@@ -144,6 +163,7 @@ void Calibrator::endBlock() {
   nb.m = (1.0 / blockCount_) * blockMag_;
   nb.hasAcc = blockAccCount_ == blockCount_;
   nb.acc = nb.hasAcc ? (1.0 / blockAccCount_) * blockAcc_ : Vec3d{};
+  lastBlockAccDev_ = blockAccCount_ > 0 ? blockAccDev_ / blockAccCount_ : 1.0;
   historyHead_ = (historyHead_ + 1) % kHistory;
   if (historyCount_ < kHistory) ++historyCount_;
   blockCount_ = 0;
@@ -184,20 +204,67 @@ void Calibrator::endBlock() {
   recentHead_ = (recentHead_ + 1) % kRecent;
   if (recentCount_ < kRecent) ++recentCount_;
 
+  lastBlockM_ = m;
+  lastBlockUp_ = up;
   bool offer = true;
   if (cal_.model != Model::None) offer = checkChange(m, up);
-  if (offer) offerCandidate(m, up);
+  if (offer && turnedSinceOffer(up)) {
+    offerCandidate(m, up);
+    turnSinceOffer_ = 0.0;
+    upAtOffer_ = up;
+  }
 
   // Fits often while converging, rarely once calibrated.
   const double interval = quality_.accuracy >= 3 ? kSettledFitInterval : kFitInterval;
-  if (count_ >= kMinSlots && newSinceFit_ > 0 && clock_ - lastFit_ >= interval) refit();
+  if (count_ >= kMinSlots && newSinceFit_ > 0 && clock_ - lastFit_ >= interval) {
+    refit();
+  } else {
+    updateQuality(nullptr);
+  }
+}
+
+bool Calibrator::turnedSinceOffer(Vec3d up) const {
+  if (haveGyro_) return turnSinceOffer_ >= kStoreTurnDeg / kDeg;
+  // Without a gyroscope: a tilt shows a turn; a device at rest does not
+  // turn; anything else may be a turn about the vertical.
+  if (!knownUp(up) || !knownUp(upAtOffer_)) return true;
+  if (dot(up, upAtOffer_) < std::cos(kStoreTurnDeg / kDeg)) return true;
+  return lastBlockAccDev_ > kStillAccDev;
+}
+
+bool Calibrator::clearlyBetter(const FitResult& r) const {
+  if (haveGyro_) {
+    // The rotations decide: the new offset must explain them clearly better;
+    // a fitted calibration is refined by any fit they do not contradict.
+    const double gain = rotation_.misfitDifference(cal_.offset, r.cal.offset);
+    if (gain > kAdoptChi2) return true;
+    return cal_.model != Model::None && gain > -1.0;
+  }
+  if (cal_.model != Model::None) return true;
+  // Without a gyroscope the raw field gives way only to a fit that explains
+  // the stored samples' strengths far better.
+  double strengths[kSlots];
+  for (int i = 0; i < count_; ++i) strengths[i] = norm(slots_[i].m);
+  const double r0 = median(strengths, count_);
+  for (int i = 0; i < count_; ++i) strengths[i] = std::fabs(norm(slots_[i].m) - r0);
+  const double scale0 = 1.4826 * median(strengths, count_);
+  return r.residual < kClearlyBetterRatio * scale0 && scale0 - r.residual > kNoiseFloor;
 }
 
 void Calibrator::refit() {
   lastFit_ = clock_;
   newSinceFit_ = 0;
   Calibration start = cal_;
+  // The rotations roll back a fit that turned out worse than the one before.
+  if (haveGyro_ && haveReplaced_ && rotation_.misfitDifference(cal_.offset, replaced_.offset) > kAdoptChi2) {
+    cal_ = replaced_;
+    haveReplaced_ = false;
+    calChanged_ = true;
+  }
   if ((cal_.model == Model::None || restart_) && !initialSphere(slots_, count_, start)) return;
+  // Where the rotations know the offset, they give the start.
+  if (haveGyro_ && rotation_.minInformation() > 1.0 / (kUncalibratedSigma * kUncalibratedSigma))
+    start.offset = rotation_.solve(start.offset, 10.0);
   if (restart_) start.softIron = cal_.softIron;
   restart_ = false;
   double ps = kPlausibleStrength, pss = kPlausibleStrengthSigma;
@@ -248,9 +315,16 @@ void Calibrator::refit() {
       }
     }
   }
-  if (!ok) return;
+  if (!ok || !clearlyBetter(r)) {
+    updateQuality(nullptr);
+    return;
+  }
   const bool changed = cal_.model == Model::None || norm(r.cal.offset - cal_.offset) > 1e-4 ||
                        r.cal.model != cal_.model;
+  if (changed && (cal_.model == Model::None || norm(r.cal.offset - cal_.offset) > kUncalibratedSigma)) {
+    replaced_ = cal_;
+    haveReplaced_ = true;
+  }
   cal_ = r.cal;
   if (changed) calChanged_ = true;
   updateQuality(&r);

@@ -34,6 +34,8 @@ bool Calibrator::checkChange(Vec3d m, Vec3d up) {
       previous_ = quality_.accuracy >= 2 ? cal_ : Calibration{};
       heldStrength_ = 0.0;
       restartStore(recent, n);
+      rotation_.forget();
+      haveReplaced_ = false;
       restart_ = true;
       ++quality_.restarts;
       lastFit_ = -1e9;
@@ -117,8 +119,11 @@ void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const Fi
   cal_ = c;
   calChanged_ = true;
   ++quality_.newHardIron;
-  // The store restarts from the blocks since the change.
+  // The store restarts from the blocks since the change; the rotations
+  // seen before it speak of the old offset.
   restartStore(recent, n);
+  rotation_.forget();
+  haveReplaced_ = false;
   unstable_ = false;
   lastFit_ = clock_;
   newSinceFit_ = 0;

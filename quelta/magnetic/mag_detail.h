@@ -89,6 +89,28 @@ inline constexpr double kGravityNoiseGain = 2.0;  // dip tolerance added per deg
 inline constexpr double kFlagOn = 0.85;
 inline constexpr double kFlagOff = 0.6;
 
+// Evidence and never worse than none.
+// A turn that moves the field by the store's separation (5 % of its
+// strength): smaller turns bring no new direction, only the environment.
+inline constexpr double kStoreTurnDeg = 3.0;
+// Without a gyroscope: a block whose accelerometer deviates less than this
+// (share of g) from gravity is a device at rest, which does not turn about
+// the vertical either.
+inline constexpr double kStillAccDev = 0.03;
+// Chi-square (three offset components) by which the rotation evidence must
+// prefer a new offset: one false adoption in a thousand.
+inline constexpr double kAdoptChi2 = 16.0;
+// Gauss: the offset a sensor that arrives calibrated may still have; the
+// raw field is used with this uncertainty until the data say more.
+inline constexpr double kUncalibratedSigma = 0.05;
+// Gauss: how far a device's own field may move between sessions (a
+// restored calibration is held no tighter than this).
+inline constexpr double kSessionDrift = 0.05;
+// Without a gyroscope a first fit replaces the raw field only when its
+// residual is below this share of the raw field's, and lower by more than
+// the noise floor.
+inline constexpr double kClearlyBetterRatio = 0.5;
+
 inline constexpr double kDeg = 57.29577951308232;
 
 inline constexpr int kP = 11;  // c(3), soft-iron update (6), strength, vertical

@@ -14,10 +14,9 @@ void Calibrator::updateQuality(const FitResult* r) {
   }
   quality_.fittedStrength = cal_.strength;
   quality_.expectedStrength = expected_.known ? expected_.strengthGauss : 0.0;
-  quality_.headingErrorDeg = cal_.model == Model::None ? 180.0 : headingErrorRaw_;
+  quality_.headingErrorDeg = currentHeadingError();
   const double he = quality_.headingErrorDeg;
-  int acc = he <= kAccuracy3Deg ? 3 : he <= kAccuracy2Deg ? 2 : he <= kAccuracy1Deg ? 1 : 0;
-  if (cal_.model == Model::None) acc = 0;
+  const int acc = he <= kAccuracy3Deg ? 3 : he <= kAccuracy2Deg ? 2 : he <= kAccuracy1Deg ? 1 : 0;
   quality_.accuracy = acc;
   Reason reason = Reason::None;
   if (cal_.model == Model::None) {
@@ -31,6 +30,40 @@ void Calibrator::updateQuality(const FitResult* r) {
     reason = quality_.coverage < 0.25 ? Reason::Collecting : Reason::TurnOtherAxis;
   }
   quality_.reason = reason;
+}
+
+double Calibrator::headingErrorOf(double sigma) const {
+  const Vec3d h = apply(lastBlockM_);
+  double horizontal = norm(h);
+  if (knownUp(lastBlockUp_)) horizontal = norm(h - dot(h, lastBlockUp_) * lastBlockUp_);
+  if (!(horizontal > 1e-3)) return 180.0;
+  return std::min(180.0, std::atan2(sigma, horizontal) * kDeg);
+}
+
+double Calibrator::currentHeadingError() const {
+  if (cal_.model == Model::None) {
+    // The raw field as it comes: usable while its strength is the Earth's
+    // and the rotations do not contradict a zero offset, with the
+    // uncertainty of a sensor that arrives calibrated, less what the
+    // rotations have confirmed across the horizontal field.
+    const double strength = norm(lastBlockM_);
+    if (!(strength > kMinStrength && strength < kMaxStrength)) return 180.0;
+    if (!haveGyro_) return headingErrorOf(kUncalibratedSigma);
+    const Vec3d zero;
+    if (rotation_.misfitDifference(zero, rotation_.solve(zero, kUncalibratedSigma)) > kAdoptChi2) return 180.0;
+    Vec3d across = unitOrZero(cross(lastBlockUp_, lastBlockM_));
+    if (!knownUp(lastBlockUp_) || norm(across) == 0.0) return headingErrorOf(kUncalibratedSigma);
+    return headingErrorOf(rotation_.sigmaAlong(across, kUncalibratedSigma));
+  }
+  double err = headingErrorRaw_;
+  if (haveGyro_ && rotation_.rows() > 0) {
+    // Where the rotations place the offset elsewhere, the heading is off by
+    // as much.
+    const Vec3d moved = rotation_.solve(cal_.offset, kUncalibratedSigma) - cal_.offset;
+    const double extra = headingErrorOf(norm(moved));
+    err = std::min(180.0, std::sqrt(err * err + extra * extra));
+  }
+  return err;
 }
 
 void Calibrator::disturbance(double strength, bool dipUsable, double accAngleSq, double dt, SampleOutput& out) {

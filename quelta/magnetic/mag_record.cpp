@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::size_t kCrcAt = kRecordSize - 4;
 constexpr int kDoubles = 14;
+constexpr double kSessionDriftGauss = 0.05;  // how far a device's own field may move between sessions
 
 uint32_t crc32(const uint8_t* p, std::size_t n) {
   uint32_t c = 0xFFFFFFFFu;
@@ -125,7 +126,8 @@ RecordStatus Calibrator::restore(const uint8_t* rec, std::size_t size) {
   quality_.coverage = v[13];
   // The restored offset holds the fit until the data outweigh it.
   priorOffset_ = c.offset;
-  priorOffsetSigma_ = std::max(0.005, std::tan(std::min(v[12], 30.0) / 57.29577951308232) * 0.5 * c.strength);
+  // No tighter than a device's own field may move between sessions.
+  priorOffsetSigma_ = std::max(kSessionDriftGauss, std::tan(std::min(v[12], 30.0) / 57.29577951308232) * 0.5 * c.strength);
   updateQuality(nullptr);
   if (quality_.accuracy > accuracy) quality_.accuracy = accuracy;
   calChanged_ = true;

@@ -1,0 +1,174 @@
+#include "quelta/magnetic/rotation_evidence.h"
+
+#include <cmath>
+
+namespace quelta::magnetic {
+namespace {
+
+constexpr double kPairSeconds = 0.5;      // s between the two readings of a row
+constexpr double kPairMaxAngle = 0.5;     // rad: a faster turn closes the row early (integration stays exact)
+constexpr double kMaxStep = 0.5;          // s: a longer gap between samples abandons the row
+constexpr double kFieldNoise = 0.004;     // gauss, one reading's noise (phones and boards at 50 Hz)
+constexpr double kEarthField = 0.5;       // gauss, |m - c|: the size of the field that the rotation turns
+constexpr double kRateError = 0.01;       // rad/s, what the shared gyroscope bias estimate may leave
+constexpr double kScaleError = 0.01;      // the gyroscope's scale error, share of the angle
+constexpr double kMemorySeconds = 60.0;   // s: rows fade with this time constant
+constexpr double kNothingKnown = 10.0;    // gauss: prior sigma of the offset before any row
+constexpr double kHuber = 3.0;            // normalised residual beyond which a row's weight falls
+constexpr double kReject = 6.0;           // normalised residual of a row that is the environment
+
+M3 scaled(const M3& a, double k) {
+  M3 r;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) r.m[i][j] = a.m[i][j] * k;
+  return r;
+}
+
+M3 plus(const M3& a, const M3& b) {
+  M3 r;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) r.m[i][j] = a.m[i][j] + b.m[i][j];
+  return r;
+}
+
+M3 plusDiagonal(const M3& a, double d) {
+  M3 r = a;
+  for (int i = 0; i < 3; ++i) r.m[i][i] += d;
+  return r;
+}
+
+}  // namespace
+
+void RotationEvidence::reset() {
+  forget();
+}
+
+void RotationEvidence::forget() {
+  info_ = M3::zero();
+  z_ = Vec3d{};
+  rows_ = 0;
+  open_ = false;
+}
+
+void RotationEvidence::update(double dt, const Vec3d& field, const Vec3d& rate) {
+  if (!isFinite(rate) || !(dt >= 0.0) || dt > kMaxStep) {
+    open_ = false;
+    return;
+  }
+  if (!open_) {
+    first_ = field;
+    q_[0] = 1.0;
+    q_[1] = q_[2] = q_[3] = 0.0;
+    elapsed_ = 0.0;
+    open_ = true;
+    return;
+  }
+  // q <- q * exp(rate dt / 2), to third order in the half angle.
+  const Vec3d h = (0.5 * dt) * rate;
+  const double hh = dot(h, h);
+  const double s = 1.0 - hh / 6.0;
+  const double d[4] = {1.0 - 0.5 * hh, s * h.x, s * h.y, s * h.z};
+  const double a[4] = {q_[0], q_[1], q_[2], q_[3]};
+  q_[0] = a[0] * d[0] - a[1] * d[1] - a[2] * d[2] - a[3] * d[3];
+  q_[1] = a[0] * d[1] + a[1] * d[0] + a[2] * d[3] - a[3] * d[2];
+  q_[2] = a[0] * d[2] - a[1] * d[3] + a[2] * d[0] + a[3] * d[1];
+  q_[3] = a[0] * d[3] + a[1] * d[2] - a[2] * d[1] + a[3] * d[0];
+  elapsed_ += dt;
+  const double sinHalfSq = q_[1] * q_[1] + q_[2] * q_[2] + q_[3] * q_[3];
+  if (elapsed_ >= kPairSeconds || sinHalfSq >= std::sin(0.5 * kPairMaxAngle) * std::sin(0.5 * kPairMaxAngle)) {
+    closePair(field);
+    // The second reading starts the next row.
+    first_ = field;
+    q_[0] = 1.0;
+    q_[1] = q_[2] = q_[3] = 0.0;
+    elapsed_ = 0.0;
+  }
+}
+
+void RotationEvidence::closePair(const Vec3d& second) {
+  // dR: device now -> device at the first reading.
+  const double w = q_[0], x = q_[1], y = q_[2], z = q_[3];
+  M3 r;
+  r.m[0][0] = 1.0 - 2.0 * (y * y + z * z);
+  r.m[0][1] = 2.0 * (x * y - w * z);
+  r.m[0][2] = 2.0 * (x * z + w * y);
+  r.m[1][0] = 2.0 * (x * y + w * z);
+  r.m[1][1] = 1.0 - 2.0 * (x * x + z * z);
+  r.m[1][2] = 2.0 * (y * z - w * x);
+  r.m[2][0] = 2.0 * (x * z - w * y);
+  r.m[2][1] = 2.0 * (y * z + w * x);
+  r.m[2][2] = 1.0 - 2.0 * (x * x + y * y);
+  // A = I - dR^T, y = m2 - dR^T m1.
+  M3 a;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) a.m[i][j] = (i == j ? 1.0 : 0.0) - r.m[j][i];
+  const Vec3d rt1{r.m[0][0] * first_.x + r.m[1][0] * first_.y + r.m[2][0] * first_.z,
+                  r.m[0][1] * first_.x + r.m[1][1] * first_.y + r.m[2][1] * first_.z,
+                  r.m[0][2] * first_.x + r.m[1][2] * first_.y + r.m[2][2] * first_.z};
+  const Vec3d yv = second - rt1;
+  // The row's noise: two readings, and the angle error of the integrated
+  // rate turning a field of the Earth's size.
+  const double angle = 2.0 * std::sqrt(x * x + y * y + z * z);
+  const double angleError = kRateError * elapsed_ + kScaleError * angle;
+  const double noiseSq = 2.0 * kFieldNoise * kFieldNoise + kEarthField * kEarthField * angleError * angleError;
+  // Innovation against what the rows so far know (and the uncertainty of
+  // what they do not): a field change that no offset explains is the
+  // environment.
+  const double priorW = 1.0 / (kNothingKnown * kNothingKnown);
+  const M3 p = inverse(plusDiagonal(info_, priorW));
+  const Vec3d c = p * z_;
+  const Vec3d e = yv - a * c;
+  M3 at;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) at.m[i][j] = a.m[j][i];
+  const M3 s = plusDiagonal(a * p * at, noiseSq);
+  const double r2 = dot(e, inverse(s) * e);
+  // Old rows fade.
+  const double fade = 1.0 - elapsed_ / (kMemorySeconds + elapsed_);
+  info_ = scaled(info_, fade);
+  z_ = fade * z_;
+  if (!(r2 < kReject * kReject)) return;
+  const double rn = std::sqrt(r2);
+  const double weight = (rn <= kHuber ? 1.0 : kHuber / rn) / noiseSq;
+  info_ = plus(info_, scaled(at * a, weight));
+  z_ = z_ + weight * (at * yv);
+  ++rows_;
+}
+
+double RotationEvidence::minInformation() const {
+  // Smallest eigenvalue of a symmetric positive semi-definite 3x3 matrix.
+  const M3& a = info_;
+  const double p1 = a.m[0][1] * a.m[0][1] + a.m[0][2] * a.m[0][2] + a.m[1][2] * a.m[1][2];
+  const double q = (a.m[0][0] + a.m[1][1] + a.m[2][2]) / 3.0;
+  const double p2 = (a.m[0][0] - q) * (a.m[0][0] - q) + (a.m[1][1] - q) * (a.m[1][1] - q) +
+                    (a.m[2][2] - q) * (a.m[2][2] - q) + 2.0 * p1;
+  const double p = std::sqrt(p2 / 6.0);
+  if (p < 1e-15 * (1.0 + q)) return q;
+  M3 b;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) b.m[i][j] = (a.m[i][j] - (i == j ? q : 0.0)) / p;
+  double r = det(b) / 2.0;
+  r = r < -1.0 ? -1.0 : (r > 1.0 ? 1.0 : r);
+  const double e = q + 2.0 * p * std::cos(std::acos(r) / 3.0 + 2.0943951023931953);
+  return e > 0.0 ? e : 0.0;
+}
+
+Vec3d RotationEvidence::solve(const Vec3d& prior, double priorSigma) const {
+  const double w = 1.0 / (priorSigma * priorSigma);
+  return inverse(plusDiagonal(info_, w)) * (z_ + w * prior);
+}
+
+double RotationEvidence::misfitDifference(const Vec3d& a, const Vec3d& b) const {
+  // sum |y - A c|^2 / noise^2 = c^T J c - 2 c^T z + const.
+  const double fa = dot(a, info_ * a) - 2.0 * dot(a, z_);
+  const double fb = dot(b, info_ * b) - 2.0 * dot(b, z_);
+  return fa - fb;
+}
+
+double RotationEvidence::sigmaAlong(const Vec3d& u, double priorSigma) const {
+  const M3 p = inverse(plusDiagonal(info_, 1.0 / (priorSigma * priorSigma)));
+  const double v = dot(u, p * u);
+  return v > 0.0 ? std::sqrt(v) : 0.0;
+}
+
+}  // namespace quelta::magnetic

@@ -1,0 +1,69 @@
+// What the gyroscope says about the magnetometer's hard-iron offset.
+//
+// Between two instants the Earth's field, seen from the device, turns exactly
+// as the device turns: with the rotation dR from the first instant to the
+// second (device axes then to device axes before),
+//     m2 - c = dR^T (m1 - c)   =>   (I - dR^T) c = m2 - dR^T m1,
+// which is linear in the offset c. Each pair of readings about half a second
+// apart gives one such row A c = y; the information matrix J = sum A^T A /
+// noise^2 says which components of c the turns so far determine and how
+// well (a turn about one axis fixes the two components across it). A change
+// of the field without a turn (translation through a gradient, a passing
+// magnet, a tap) has A = 0 and teaches nothing, and a pair whose residual the
+// known part of c cannot explain is set aside as the environment.
+//
+// Old rows fade with a time constant, so the evidence follows a slowly
+// changing device field; a hard-iron change found by other means clears it.
+// Fixed size, no heap; one quaternion step per sample, one 3x3 update per
+// pair.
+#pragma once
+
+#include "quelta/math/qmath.h"
+
+namespace quelta::magnetic {
+
+class RotationEvidence {
+ public:
+  RotationEvidence() { reset(); }
+  void reset();
+
+  // One field sample (gauss, raw device axes) with the gyroscope's rate
+  // (rad/s, bias removed) over the dt seconds that led to it.
+  void update(double dt, const Vec3d& field, const Vec3d& rate);
+
+  // Forgets the rows (the device's own field has changed).
+  void forget();
+
+  // Rows accepted so far (since the last forget).
+  int rows() const { return rows_; }
+  // The information about c, 1/gauss^2.
+  const M3& information() const { return info_; }
+  // Smallest eigenvalue of the information, 1/gauss^2 (its inverse square
+  // root is the standard deviation of the worst-known component).
+  double minInformation() const;
+  // The offset the rows point to, with a Gaussian prior (centre, sigma in
+  // gauss) standing in for what they do not determine.
+  Vec3d solve(const Vec3d& prior, double priorSigma) const;
+  // How much worse the rows fit offset a than offset b, in units of their
+  // noise (chi-square difference; > 0 when b explains them better).
+  double misfitDifference(const Vec3d& a, const Vec3d& b) const;
+  // J c - z: the gradient of half the rows' misfit at offset c.
+  Vec3d excess(const Vec3d& c) const { return info_ * c - z_; }
+  // The standard deviation (gauss) of the offset along unit direction u,
+  // given the rows and a prior of sigma priorSigma.
+  double sigmaAlong(const Vec3d& u, double priorSigma) const;
+
+ private:
+  void closePair(const Vec3d& second);
+
+  M3 info_;     // sum of A^T A / noise^2, 1/gauss^2
+  Vec3d z_;     // sum of A^T y / noise^2
+  int rows_ = 0;
+  // The pair being built: the first reading and the rotation since.
+  Vec3d first_;
+  double q_[4] = {1.0, 0.0, 0.0, 0.0};  // device now -> device at the first reading
+  double elapsed_ = 0.0;                // s since the first reading
+  bool open_ = false;
+};
+
+}  // namespace quelta::magnetic
