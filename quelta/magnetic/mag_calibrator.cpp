@@ -60,6 +60,7 @@ void Calibrator::reset() {
   calChanged_ = false;
   headingErrorRaw_ = 180.0;
   rotation_.reset();
+  sinceChange_.reset();
   haveGyro_ = false;
   turnSinceOffer_ = 0.0;
   upAtOffer_ = Vec3d{};
@@ -125,6 +126,7 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
     const Vec3d w{gyro[0], gyro[1], gyro[2]};
     if (isFinite(w)) {
       rotation_.update(dt, m, w);
+      if (inconsistentSince_ >= 0.0) sinceChange_.update(dt, m, w);
       turnSinceOffer_ += norm(w) * dt;
       haveGyro_ = true;
     }
@@ -237,8 +239,16 @@ bool Calibrator::clearlyBetter(const FitResult& r) const {
     // The rotations decide: the new offset must explain them clearly better;
     // a fitted calibration is refined by any fit they do not contradict.
     const double gain = rotation_.misfitDifference(cal_.offset, r.cal.offset);
+    // ... and lie where the rotations place it.
+    const Vec3d best = rotation_.solve(r.cal.offset, kUncalibratedSigma);
+    if (rotation_.misfitDifference(r.cal.offset, best) > kAdoptChi2) return false;
     if (gain > kAdoptChi2) return true;
-    return cal_.model != Model::None && gain > -1.0;
+    if (cal_.model == Model::None || gain < -1.0) return false;
+    // A refinement: small, or along a direction the rotations know (where
+    // the gain above has judged it).
+    const Vec3d move = r.cal.offset - cal_.offset;
+    const double size = norm(move);
+    return size < kRefineStep || rotation_.sigmaAlong((1.0 / size) * move, kUncalibratedSigma) < 0.5 * size;
   }
   if (cal_.model != Model::None) return true;
   // Without a gyroscope the raw field gives way only to a fit that explains
@@ -256,7 +266,8 @@ void Calibrator::refit() {
   newSinceFit_ = 0;
   Calibration start = cal_;
   // The rotations roll back a fit that turned out worse than the one before.
-  if (haveGyro_ && haveReplaced_ && rotation_.misfitDifference(cal_.offset, replaced_.offset) > kAdoptChi2) {
+  if (haveGyro_ && haveReplaced_ && replaced_.model != Model::None &&
+      rotation_.misfitDifference(cal_.offset, replaced_.offset) > kAdoptChi2) {
     cal_ = replaced_;
     haveReplaced_ = false;
     calChanged_ = true;

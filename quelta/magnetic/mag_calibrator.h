@@ -176,6 +176,7 @@ class Calibrator {
   int inliers(const Calibration& c, const Slot* s, int n) const;
   int recentBlocks(Slot* out, double since) const;
   bool checkChange(Vec3d m, Vec3d up);  // false: keep the block out of the store
+  bool rotationKnowsChange() const;
   void updateQuality(const FitResult* r);
   // Forgets the stored samples, the restored prior and the contradiction,
   // then offers the recent blocks (newest first, as recentBlocks gives them)
@@ -189,6 +190,9 @@ class Calibrator {
   // The gyroscope's evidence about the offset, and the turn since the last
   // block offered to the store (rad; with a gyroscope) or the up then.
   RotationEvidence rotation_;
+  // The rotations since the stored model was last contradicted: a new hard
+  // iron must explain them.
+  RotationEvidence sinceChange_;
   bool haveGyro_ = false;
   double turnSinceOffer_ = 0.0;
   Vec3d upAtOffer_;

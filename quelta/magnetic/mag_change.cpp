@@ -16,7 +16,10 @@ bool Calibrator::checkChange(Vec3d m, Vec3d up) {
   const bool bad = dev > tol;
   const double k = kBlockSeconds / (kShareTau + kBlockSeconds);
   inconsistentShare_ += k * ((bad ? 1.0 : 0.0) - inconsistentShare_);
-  if (bad && inconsistentSince_ < 0.0) inconsistentSince_ = clock_;
+  if (bad && inconsistentSince_ < 0.0) {
+    inconsistentSince_ = clock_;
+    sinceChange_.forget();
+  }
   if (!bad && inconsistentShare_ < 0.3) inconsistentSince_ = -1.0;
   unstable_ = inconsistentShare_ > 0.5;
 
@@ -30,11 +33,12 @@ bool Calibrator::checkChange(Vec3d m, Vec3d up) {
     // around the device has changed (or the first calibration was made in a
     // disturbed place). Start again from the recent blocks; the calibration
     // before stays in memory should the old field come back.
-    if (clock_ - inconsistentSince_ >= kRestartSeconds && inconsistentShare_ > kRestartShare && n >= kChangeMinBlocks) {
+    if (clock_ - inconsistentSince_ >= kRestartSeconds && inconsistentShare_ > kRestartShare && n >= kChangeMinBlocks &&
+        rotationKnowsChange()) {
       previous_ = quality_.accuracy >= 2 ? cal_ : Calibration{};
       heldStrength_ = 0.0;
       restartStore(recent, n);
-      rotation_.forget();
+      rotation_ = sinceChange_;
       haveReplaced_ = false;
       restart_ = true;
       ++quality_.restarts;
@@ -93,7 +97,9 @@ bool Calibrator::checkChange(Vec3d m, Vec3d up) {
       if (ok && r.residual < std::max(kChangeMaxResidual, 2.0 * quality_.residualGauss) &&
           r.residual * kChangeGain < oldResidual && norm(r.cal.offset - cal_.offset) > tol &&
           r.headingErrorDeg < kChangeMaxHeadingDeg && r.coverage >= kChangeMinCoverage &&
-          (!trusted || std::fabs(r.cal.strength / cal_.strength - 1.0) < 0.1)) {
+          (!trusted || std::fabs(r.cal.strength / cal_.strength - 1.0) < 0.1) &&
+          (!haveGyro_ || (rotationKnowsChange() &&
+                          sinceChange_.misfitDifference(cal_.offset, r.cal.offset) > kAdoptChi2))) {
         Calibration next = cal_;
         next.offset = r.cal.offset;
         next.strength = r.cal.strength;
@@ -122,7 +128,7 @@ void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const Fi
   // The store restarts from the blocks since the change; the rotations
   // seen before it speak of the old offset.
   restartStore(recent, n);
-  rotation_.forget();
+  rotation_ = sinceChange_;
   haveReplaced_ = false;
   unstable_ = false;
   lastFit_ = clock_;
@@ -134,6 +140,12 @@ void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const Fi
   } else {
     updateQuality(nullptr);
   }
+}
+
+bool Calibrator::rotationKnowsChange() const {
+  // With a gyroscope, the turns since the contradiction began must pin every
+  // component of the offset: else the change may be the environment.
+  return !haveGyro_ || sinceChange_.minInformation() > 1.0 / (kUncalibratedSigma * kUncalibratedSigma);
 }
 
 }  // namespace quelta::magnetic

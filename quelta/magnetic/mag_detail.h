@@ -100,6 +100,9 @@ inline constexpr double kStillAccDev = 0.03;
 // Chi-square (three offset components) by which the rotation evidence must
 // prefer a new offset: one false adoption in a thousand.
 inline constexpr double kAdoptChi2 = 16.0;
+// Gauss: a refit moves the offset by less than this (the fit's own noise)
+// without the rotations' support.
+inline constexpr double kRefineStep = 0.003;
 // Gauss: the offset a sensor that arrives calibrated may still have; the
 // raw field is used with this uncertainty until the data say more.
 inline constexpr double kUncalibratedSigma = 0.05;

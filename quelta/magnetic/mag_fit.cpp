@@ -160,7 +160,7 @@ bool Calibrator::fit(const Slot* s, int n, const Calibration& start, bool allowE
     // The rotations' evidence about the offset (not in a change fit, which
     // looks for a new offset the older rotations do not know).
     if (!holdShape && rotation_.rows() > 0) {
-      const M3& info = rotation_.information();
+      const M3 info = rotation_.information();
       const Vec3d g = rotation_.excess(c);
       for (int p = 0; p < 3; ++p) {
         for (int q = p; q < 3; ++q) a[p][q] += info.m[p][q];

@@ -41,6 +41,7 @@ M3 plusDiagonal(const M3& a, double d) {
 
 void RotationEvidence::reset() {
   forget();
+  meanR2_ = 3.0;
 }
 
 void RotationEvidence::forget() {
@@ -133,11 +134,15 @@ void RotationEvidence::closePair(const Vec3d& second) {
   info_ = plus(info_, scaled(at * a, weight));
   z_ = z_ + weight * (at * yv);
   ++rows_;
+  // The scatter is learnt over about fifty rows (25 s).
+  meanR2_ += 0.02 * ((r2 < kHuber * kHuber * 3.0 ? r2 : kHuber * kHuber * 3.0) - meanR2_);
 }
+
+M3 RotationEvidence::information() const { return scaled(info_, 1.0 / noiseScale()); }
 
 double RotationEvidence::minInformation() const {
   // Smallest eigenvalue of a symmetric positive semi-definite 3x3 matrix.
-  const M3& a = info_;
+  const M3 a = information();
   const double p1 = a.m[0][1] * a.m[0][1] + a.m[0][2] * a.m[0][2] + a.m[1][2] * a.m[1][2];
   const double q = (a.m[0][0] + a.m[1][1] + a.m[2][2]) / 3.0;
   const double p2 = (a.m[0][0] - q) * (a.m[0][0] - q) + (a.m[1][1] - q) * (a.m[1][1] - q) +
@@ -155,18 +160,19 @@ double RotationEvidence::minInformation() const {
 
 Vec3d RotationEvidence::solve(const Vec3d& prior, double priorSigma) const {
   const double w = 1.0 / (priorSigma * priorSigma);
-  return inverse(plusDiagonal(info_, w)) * (z_ + w * prior);
+  const double k = 1.0 / noiseScale();
+  return inverse(plusDiagonal(scaled(info_, k), w)) * (k * z_ + w * prior);
 }
 
 double RotationEvidence::misfitDifference(const Vec3d& a, const Vec3d& b) const {
   // sum |y - A c|^2 / noise^2 = c^T J c - 2 c^T z + const.
   const double fa = dot(a, info_ * a) - 2.0 * dot(a, z_);
   const double fb = dot(b, info_ * b) - 2.0 * dot(b, z_);
-  return fa - fb;
+  return (fa - fb) / noiseScale();
 }
 
 double RotationEvidence::sigmaAlong(const Vec3d& u, double priorSigma) const {
-  const M3 p = inverse(plusDiagonal(info_, 1.0 / (priorSigma * priorSigma)));
+  const M3 p = inverse(plusDiagonal(information(), 1.0 / (priorSigma * priorSigma)));
   const double v = dot(u, p * u);
   return v > 0.0 ? std::sqrt(v) : 0.0;
 }

@@ -36,8 +36,9 @@ class RotationEvidence {
 
   // Rows accepted so far (since the last forget).
   int rows() const { return rows_; }
-  // The information about c, 1/gauss^2.
-  const M3& information() const { return info_; }
+  // The information about c, 1/gauss^2 (with the rows' own scatter where it
+  // exceeds the noise they were weighed with).
+  M3 information() const;
   // Smallest eigenvalue of the information, 1/gauss^2 (its inverse square
   // root is the standard deviation of the worst-known component).
   double minInformation() const;
@@ -48,7 +49,9 @@ class RotationEvidence {
   // noise (chi-square difference; > 0 when b explains them better).
   double misfitDifference(const Vec3d& a, const Vec3d& b) const;
   // J c - z: the gradient of half the rows' misfit at offset c.
-  Vec3d excess(const Vec3d& c) const { return info_ * c - z_; }
+  Vec3d excess(const Vec3d& c) const { return (1.0 / noiseScale()) * (info_ * c - z_); }
+  // The rows' scatter against the noise they were weighed with (>= 1).
+  double noiseScale() const { return meanR2_ > 3.0 ? meanR2_ / 3.0 : 1.0; }
   // The standard deviation (gauss) of the offset along unit direction u,
   // given the rows and a prior of sigma priorSigma.
   double sigmaAlong(const Vec3d& u, double priorSigma) const;
@@ -64,6 +67,9 @@ class RotationEvidence {
   double q_[4] = {1.0, 0.0, 0.0, 0.0};  // device now -> device at the first reading
   double elapsed_ = 0.0;                // s since the first reading
   bool open_ = false;
+  // Running mean of the accepted rows' squared normalised residual (three
+  // components: 3 when the noise model holds).
+  double meanR2_ = 3.0;
 };
 
 }  // namespace quelta::magnetic
