@@ -45,6 +45,7 @@ void RotationEvidence::reset() {
 }
 
 void RotationEvidence::forget() {
+  lastRate_ = Vec3d{};
   info_ = M3::zero();
   z_ = Vec3d{};
   rows_ = 0;
@@ -56,6 +57,8 @@ void RotationEvidence::update(double dt, const Vec3d& field, const Vec3d& rate) 
     open_ = false;
     return;
   }
+  const Vec3d previous = lastRate_;
+  lastRate_ = rate;
   if (!open_) {
     first_ = field;
     q_[0] = 1.0;
@@ -64,8 +67,10 @@ void RotationEvidence::update(double dt, const Vec3d& field, const Vec3d& rate) 
     open_ = true;
     return;
   }
-  // q <- q * exp(rate dt / 2), to third order in the half angle.
-  const Vec3d h = (0.5 * dt) * rate;
+  // q <- q * exp(w dt / 2), to third order in the half angle, w the mean of
+  // this rate and the last (readings that are means over their interval
+  // belong to its middle, as do the field's).
+  const Vec3d h = (0.25 * dt) * (rate + previous);
   const double hh = dot(h, h);
   const double s = 1.0 - hh / 6.0;
   const double d[4] = {1.0 - 0.5 * hh, s * h.x, s * h.y, s * h.z};

@@ -64,6 +64,7 @@ class RotationEvidence {
   int rows_ = 0;
   // The pair being built: the first reading and the rotation since.
   Vec3d first_;
+  Vec3d lastRate_;  // rad/s, the previous sample's
   double q_[4] = {1.0, 0.0, 0.0, 0.0};  // device now -> device at the first reading
   double elapsed_ = 0.0;                // s since the first reading
   bool open_ = false;
