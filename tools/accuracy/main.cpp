@@ -18,6 +18,7 @@
 
 #include "tools/accuracy/engines.h"
 #include "tools/accuracy/recording_set.h"
+#include "tools/accuracy/warm_start.h"
 #include "tools/replay/reference_comparison.h"
 
 using namespace quelta;
@@ -307,5 +308,6 @@ int main(int argc, char** argv) {
       for (Engine engine : variant.engines) printBins(engineName(engine), bins[static_cast<int>(engine)]);
     }
   }
+  printWarmStart(directory, recordings);
   return 0;
 }
