@@ -169,9 +169,15 @@ void Calibrator::endBlock() {
   historyHead_ = (historyHead_ + 1) % kHistory;
   if (historyCount_ < kHistory) ++historyCount_;
   blockCount_ = 0;
+  // The latest block sets the heading error's horizontal field.
+  lastBlockM_ = nb.m;
+  lastBlockUp_ = nb.hasAcc ? unitOrZero(nb.acc) : (haveGravity_ ? unitOrZero(gravity_) : Vec3d{});
   // The candidate is the block in the middle of the window.
   const int window = 2 * kGravityHalfWindow + 1;
-  if (historyCount_ < window) return;
+  if (historyCount_ < window) {
+    updateQuality(nullptr);
+    return;
+  }
   const Block& mid = history_[(historyHead_ - 1 - kGravityHalfWindow + 2 * kHistory) % kHistory];
   const Vec3d m = mid.m;
   // Gravity: the accelerometer averaged over the widest window centred on
@@ -206,8 +212,6 @@ void Calibrator::endBlock() {
   recentHead_ = (recentHead_ + 1) % kRecent;
   if (recentCount_ < kRecent) ++recentCount_;
 
-  lastBlockM_ = m;
-  lastBlockUp_ = up;
   bool offer = true;
   if (cal_.model != Model::None) offer = checkChange(m, up);
   if (offer && turnedSinceOffer(up)) {

@@ -16,6 +16,10 @@ constexpr double kMemorySeconds = 60.0;   // s: rows fade with this time constan
 constexpr double kNothingKnown = 10.0;    // gauss: prior sigma of the offset before any row
 constexpr double kHuber = 3.0;            // normalised residual beyond which a row's weight falls
 constexpr double kReject = 6.0;           // normalised residual of a row that is the environment
+constexpr double kMinAngle = 0.05;        // rad: a smaller turn (moving the field by less than about
+                                          // 25 mG) says more about the environment than about c
+constexpr int kRejectedRows = 6;          // rows in a row that no known offset explains (3 s of
+                                          // turning): what was known is wrong, start over
 
 M3 scaled(const M3& a, double k) {
   M3 r;
@@ -45,11 +49,16 @@ void RotationEvidence::reset() {
 }
 
 void RotationEvidence::forget() {
+  clearRows();
+  open_ = false;
   lastRate_ = Vec3d{};
+}
+
+void RotationEvidence::clearRows() {
+  rejected_ = 0;
   info_ = M3::zero();
   z_ = Vec3d{};
   rows_ = 0;
-  open_ = false;
 }
 
 void RotationEvidence::update(double dt, const Vec3d& field, const Vec3d& rate) {
@@ -117,6 +126,11 @@ void RotationEvidence::closePair(const Vec3d& second) {
   const double angle = 2.0 * std::sqrt(x * x + y * y + z * z);
   const double angleError = kRateError * elapsed_ + kScaleError * angle;
   const double noiseSq = 2.0 * kFieldNoise * kFieldNoise + kEarthField * kEarthField * angleError * angleError;
+  // Old rows fade.
+  const double fade = 1.0 - elapsed_ / (kMemorySeconds + elapsed_);
+  info_ = scaled(info_, fade);
+  z_ = fade * z_;
+  if (angle < kMinAngle) return;
   // Innovation against what the rows so far know (and the uncertainty of
   // what they do not): a field change that no offset explains is the
   // environment.
@@ -128,12 +142,14 @@ void RotationEvidence::closePair(const Vec3d& second) {
   for (int i = 0; i < 3; ++i)
     for (int j = 0; j < 3; ++j) at.m[i][j] = a.m[j][i];
   const M3 s = plusDiagonal(a * p * at, noiseSq);
-  const double r2 = dot(e, inverse(s) * e);
-  // Old rows fade.
-  const double fade = 1.0 - elapsed_ / (kMemorySeconds + elapsed_);
-  info_ = scaled(info_, fade);
-  z_ = fade * z_;
-  if (!(r2 < kReject * kReject)) return;
+  double r2 = dot(e, inverse(s) * e);
+  if (!(r2 < kReject * kReject)) {
+    if (++rejected_ < kRejectedRows) return;
+    // Contradicted for long: start over from this row.
+    clearRows();
+    r2 = 0.0;
+  }
+  rejected_ = 0;
   const double rn = std::sqrt(r2);
   const double weight = (rn <= kHuber ? 1.0 : kHuber / rn) / noiseSq;
   info_ = plus(info_, scaled(at * a, weight));

@@ -58,10 +58,12 @@ class RotationEvidence {
 
  private:
   void closePair(const Vec3d& second);
+  void clearRows();
 
   M3 info_;     // sum of A^T A / noise^2, 1/gauss^2
   Vec3d z_;     // sum of A^T y / noise^2
   int rows_ = 0;
+  int rejected_ = 0;  // rows rejected since the last accepted one
   // The pair being built: the first reading and the rotation since.
   Vec3d first_;
   Vec3d lastRate_;  // rad/s, the previous sample's
