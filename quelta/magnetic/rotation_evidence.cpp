@@ -14,6 +14,10 @@ constexpr double kRateError = 0.01;       // rad/s, what the shared gyroscope bi
 constexpr double kScaleError = 0.01;      // the gyroscope's scale error, share of the angle
 constexpr double kMemorySeconds = 60.0;   // s: rows fade with this time constant
 constexpr double kNothingKnown = 10.0;    // gauss: prior sigma of the offset before any row
+constexpr double kBiasPrior = 0.2;        // rad/s: what the shared gyroscope bias estimate may miss
+constexpr double kOffsetKnown = 0.05;     // gauss: once the offset is known this well, the rows also
+                                          // tell the gyroscope's remaining bias (the field they turn
+                                          // is then known)
 constexpr double kHuber = 3.0;            // normalised residual beyond which a row's weight falls
 constexpr double kReject = 6.0;           // normalised residual of a row that is the environment
 constexpr double kMinAngle = 0.05;        // rad: a smaller turn (moving the field by less than about
@@ -25,13 +29,6 @@ M3 scaled(const M3& a, double k) {
   M3 r;
   for (int i = 0; i < 3; ++i)
     for (int j = 0; j < 3; ++j) r.m[i][j] = a.m[i][j] * k;
-  return r;
-}
-
-M3 plus(const M3& a, const M3& b) {
-  M3 r;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) r.m[i][j] = a.m[i][j] + b.m[i][j];
   return r;
 }
 
@@ -56,6 +53,9 @@ void RotationEvidence::forget() {
 
 void RotationEvidence::clearRows() {
   rejected_ = 0;
+  for (auto& row : info6_)
+    for (double& v : row) v = 0.0;
+  for (double& v : z6_) v = 0.0;
   info_ = M3::zero();
   z_ = Vec3d{};
   rows_ = 0;
@@ -128,20 +128,49 @@ void RotationEvidence::closePair(const Vec3d& second) {
   const double noiseSq = 2.0 * kFieldNoise * kFieldNoise + kEarthField * kEarthField * angleError * angleError;
   // Old rows fade.
   const double fade = 1.0 - elapsed_ / (kMemorySeconds + elapsed_);
-  info_ = scaled(info_, fade);
-  z_ = fade * z_;
+  for (auto& row : info6_)
+    for (double& v : row) v *= fade;
+  for (double& v : z6_) v *= fade;
+  marginalise();
   if (angle < kMinAngle) return;
+  // The bias the rotation carries: dR^T from a rate less a remaining bias b
+  // turns u = dR^T (m1 - c) further by T b, so y = A c - T [u]x b. Only once
+  // the offset (and so u) is known.
+  double theta[6];
+  double p6[6][6];
+  solveAll(theta, p6);
+  const Vec3d c{theta[0], theta[1], theta[2]};
+  double h[3][6];
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) h[i][j] = a.m[i][j];
+  const bool biasToo = minInformation() > 1.0 / (kOffsetKnown * kOffsetKnown);
+  const Vec3d u = biasToo ? Vec3d{rt1.x - (r.m[0][0] * c.x + r.m[1][0] * c.y + r.m[2][0] * c.z),
+                                  rt1.y - (r.m[0][1] * c.x + r.m[1][1] * c.y + r.m[2][1] * c.z),
+                                  rt1.z - (r.m[0][2] * c.x + r.m[1][2] * c.y + r.m[2][2] * c.z)}
+                          : Vec3d{};
+  // -T [u]x
+  const double t = elapsed_;
+  h[0][3] = 0.0;      h[0][4] = t * u.z;  h[0][5] = -t * u.y;
+  h[1][3] = -t * u.z; h[1][4] = 0.0;      h[1][5] = t * u.x;
+  h[2][3] = t * u.y;  h[2][4] = -t * u.x; h[2][5] = 0.0;
   // Innovation against what the rows so far know (and the uncertainty of
   // what they do not): a field change that no offset explains is the
   // environment.
-  const double priorW = 1.0 / (kNothingKnown * kNothingKnown);
-  const M3 p = inverse(plusDiagonal(info_, priorW));
-  const Vec3d c = p * z_;
-  const Vec3d e = yv - a * c;
-  M3 at;
-  for (int i = 0; i < 3; ++i)
-    for (int j = 0; j < 3; ++j) at.m[i][j] = a.m[j][i];
-  const M3 s = plusDiagonal(a * p * at, noiseSq);
+  Vec3d e = yv;
+  M3 s = M3::zero();
+  for (int i = 0; i < 3; ++i) {
+    double pred = 0.0;
+    for (int k = 0; k < 6; ++k) pred += h[i][k] * theta[k];
+    if (i == 0) e.x -= pred;
+    if (i == 1) e.y -= pred;
+    if (i == 2) e.z -= pred;
+    for (int j = 0; j < 3; ++j) {
+      double v = 0.0;
+      for (int k = 0; k < 6; ++k)
+        for (int l = 0; l < 6; ++l) v += h[i][k] * p6[k][l] * h[j][l];
+      s.m[i][j] = v + (i == j ? noiseSq : 0.0);
+    }
+  }
   double r2 = dot(e, inverse(s) * e);
   if (!(r2 < kReject * kReject)) {
     if (++rejected_ < kRejectedRows) return;
@@ -152,11 +181,74 @@ void RotationEvidence::closePair(const Vec3d& second) {
   rejected_ = 0;
   const double rn = std::sqrt(r2);
   const double weight = (rn <= kHuber ? 1.0 : kHuber / rn) / noiseSq;
-  info_ = plus(info_, scaled(at * a, weight));
-  z_ = z_ + weight * (at * yv);
+  const double yy[3] = {yv.x, yv.y, yv.z};
+  for (int k = 0; k < 6; ++k) {
+    for (int l = 0; l < 6; ++l) {
+      double v = 0.0;
+      for (int i = 0; i < 3; ++i) v += h[i][k] * h[i][l];
+      info6_[k][l] += weight * v;
+    }
+    double v = 0.0;
+    for (int i = 0; i < 3; ++i) v += h[i][k] * yy[i];
+    z6_[k] += weight * v;
+  }
+  marginalise();
   ++rows_;
   // The scatter is learnt over about fifty rows (25 s).
   meanR2_ += 0.02 * ((r2 < kHuber * kHuber * 3.0 ? r2 : kHuber * kHuber * 3.0) - meanR2_);
+}
+
+void RotationEvidence::solveAll(double (&theta)[6], double (&p)[6][6]) const {
+  double a[6][6];
+  for (int k = 0; k < 6; ++k)
+    for (int l = 0; l < 6; ++l) a[k][l] = info6_[k][l];
+  for (int k = 0; k < 3; ++k) a[k][k] += 1.0 / (kNothingKnown * kNothingKnown);
+  for (int k = 3; k < 6; ++k) a[k][k] += 1.0 / (kBiasPrior * kBiasPrior);
+  double b[6];
+  for (int k = 0; k < 6; ++k) b[k] = z6_[k];
+  if (!choleskySolve<6>(a, b)) {
+    for (int k = 0; k < 6; ++k) {
+      theta[k] = 0.0;
+      for (int l = 0; l < 6; ++l) p[k][l] = k == l ? (k < 3 ? kNothingKnown * kNothingKnown : kBiasPrior * kBiasPrior) : 0.0;
+    }
+    return;
+  }
+  for (int k = 0; k < 6; ++k) theta[k] = b[k];
+  for (int col = 0; col < 6; ++col) {
+    double unit[6] = {};
+    unit[col] = 1.0;
+    choleskySubstitute<6>(a, unit);
+    for (int row = 0; row < 6; ++row) p[row][col] = unit[row];
+  }
+}
+
+void RotationEvidence::marginalise() {
+  // The offset's information with the bias unknown (within its prior):
+  // J_cc - J_cb (J_bb + prior)^-1 J_bc, and the same for z.
+  M3 jbb, jcb;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) {
+      jbb.m[i][j] = info6_[3 + i][3 + j] + (i == j ? 1.0 / (kBiasPrior * kBiasPrior) : 0.0);
+      jcb.m[i][j] = info6_[i][3 + j];
+    }
+  const M3 inv = inverse(jbb);
+  const M3 k = jcb * inv;
+  const Vec3d zb{z6_[3], z6_[4], z6_[5]};
+  const Vec3d kz = k * zb;
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) {
+      double v = info6_[i][j];
+      for (int l = 0; l < 3; ++l) v -= k.m[i][l] * jcb.m[j][l];
+      info_.m[i][j] = v;
+    }
+  z_ = Vec3d{z6_[0] - kz.x, z6_[1] - kz.y, z6_[2] - kz.z};
+}
+
+Vec3d RotationEvidence::remainingBias() const {
+  double theta[6];
+  double p[6][6];
+  solveAll(theta, p);
+  return {theta[3], theta[4], theta[5]};
 }
 
 M3 RotationEvidence::information() const { return scaled(info_, 1.0 / noiseScale()); }

@@ -12,6 +12,11 @@
 // magnet, a tap) has A = 0 and teaches nothing, and a pair whose residual the
 // known part of c cannot explain is set aside as the environment.
 //
+// A gyroscope bias the rate still carries turns the field further by the
+// same angle per second; once the offset is roughly known the rows estimate
+// that remaining bias jointly with it (six unknowns), and the offset's
+// evidence is the rows' with the bias marginalised.
+//
 // Old rows fade with a time constant, so the evidence follows a slowly
 // changing device field; a hard-iron change found by other means clears it.
 // Fixed size, no heap; one quaternion step per sample, one 3x3 update per
@@ -52,6 +57,9 @@ class RotationEvidence {
   Vec3d excess(const Vec3d& c) const { return (1.0 / noiseScale()) * (info_ * c - z_); }
   // The rows' scatter against the noise they were weighed with (>= 1).
   double noiseScale() const { return meanR2_ > 3.0 ? meanR2_ / 3.0 : 1.0; }
+  // The gyroscope bias (rad/s) left after the shared estimate that the rows
+  // point to (zero until the offset is known).
+  Vec3d remainingBias() const;
   // The standard deviation (gauss) of the offset along unit direction u,
   // given the rows and a prior of sigma priorSigma.
   double sigmaAlong(const Vec3d& u, double priorSigma) const;
@@ -59,9 +67,16 @@ class RotationEvidence {
  private:
   void closePair(const Vec3d& second);
   void clearRows();
+  void marginalise();  // info_, z_ from the joint rows
+  void solveAll(double (&theta)[6], double (&p)[6][6]) const;
 
-  M3 info_;     // sum of A^T A / noise^2, 1/gauss^2
-  Vec3d z_;     // sum of A^T y / noise^2
+  // The rows over the offset and the gyroscope's remaining bias (rad/s),
+  // sum H^T H / noise^2 and H^T y / noise^2, and the offset's part with the
+  // bias unknown.
+  double info6_[6][6];
+  double z6_[6];
+  M3 info_;     // 1/gauss^2
+  Vec3d z_;
   int rows_ = 0;
   int rejected_ = 0;  // rows rejected since the last accepted one
   // The pair being built: the first reading and the rotation since.
