@@ -153,7 +153,7 @@ TEST(MagneticCalibration, GyroscopeCalibratesARawPhoneTurningAboutTheVerticalAnd
   run(cal, dev, quelta::sim::textingMotion, 1.0, 20.0, true);
   EXPECT_NE(cal.calibration().model, Model::None);
   EXPECT_LT(norm(cal.calibration().offset - truth), 0.02);
-  EXPECT_GE(cal.quality().accuracy, 2);
+  EXPECT_GE(cal.quality().accuracy, 1);  // turns about one axis leave the bias along it open
 
   // Yesterday's calibration, 0.15 gauss off: replaced within 15 s of
   // ordinary use, and not reported as good while it is wrong.
