@@ -40,6 +40,7 @@ void Calibrator::reset() {
   blockAccDev_ = 0.0;
   count_ = 0;
   lastFit_ = -1e9;
+  fitInterval_ = kFitInterval;
   newSinceFit_ = 0;
   recentHead_ = 0;
   recentCount_ = 0;
@@ -221,7 +222,8 @@ void Calibrator::endBlock() {
   }
 
   // Fits often while converging, rarely once calibrated.
-  const double interval = quality_.accuracy >= 3 ? kSettledFitInterval : kFitInterval;
+  // (and less often while fits keep bringing nothing new).
+  const double interval = quality_.accuracy >= 3 ? std::max(kSettledFitInterval, fitInterval_) : fitInterval_;
   if (count_ >= kMinSlots && newSinceFit_ > 0 && clock_ - lastFit_ >= interval) {
     refit();
   } else {
@@ -330,10 +332,16 @@ void Calibrator::refit() {
       }
     }
   }
+  // Fits that bring nothing new come less and less often.
+  const double longer = std::min(2.0 * fitInterval_, quality_.accuracy >= 3 ? kQuietFitInterval : kSettledFitInterval);
   if (!ok || !clearlyBetter(r)) {
+    fitInterval_ = longer;
     updateQuality(nullptr);
     return;
   }
+  const bool moved = cal_.model == Model::None || r.cal.model != cal_.model ||
+                     norm(r.cal.offset - cal_.offset) > kRefineStep;
+  fitInterval_ = moved ? kFitInterval : longer;
   const bool changed = cal_.model == Model::None || norm(r.cal.offset - cal_.offset) > 1e-4 ||
                        r.cal.model != cal_.model;
   if (changed && (cal_.model == Model::None || norm(r.cal.offset - cal_.offset) > kUncalibratedSigma)) {

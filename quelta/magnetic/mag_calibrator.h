@@ -240,6 +240,7 @@ class Calibrator {
   Slot slots_[kSlots];
   int count_ = 0;
   double lastFit_ = -1e9;
+  double fitInterval_ = 0.75;  // s between fits while not settled
   int newSinceFit_ = 0;
 
   // The last seconds of blocks, for telling a new hard iron from a

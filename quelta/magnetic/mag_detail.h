@@ -24,6 +24,9 @@ inline constexpr double kMinSeparation = 0.05;    // between stored samples, sha
 inline constexpr double kRefreshAge = 2.0;        // a stored sample this old is refreshed by a neighbour
 inline constexpr double kFitInterval = 0.75;
 inline constexpr double kSettledFitInterval = 3.0;
+// s: the longest interval between fits while they bring nothing new (a
+// device's own field drifts over minutes; sudden changes have their own path).
+inline constexpr double kQuietFitInterval = 12.0;
 inline constexpr int kMinSlots = 10;
 inline constexpr int kIterations = 5;
 inline constexpr int kWarmIterations = 3;
