@@ -70,6 +70,7 @@ void Calibrator::reset() {
   lastBlockAccDev_ = 0.0;
   replaced_ = Calibration{};
   haveReplaced_ = false;
+  restored_ = false;
 }
 
 SampleOutput Calibrator::update(double t, const double mag[3], const double acc[3], const double gyro[3]) {
@@ -349,6 +350,7 @@ void Calibrator::refit() {
     haveReplaced_ = true;
   }
   cal_ = r.cal;
+  restored_ = false;
   if (changed) calChanged_ = true;
   updateQuality(&r);
 }

@@ -202,6 +202,7 @@ class Calibrator {
   // says it was better.
   Calibration replaced_;
   bool haveReplaced_ = false;
+  bool restored_ = false;  // the calibration in use is a restored one, not yet refitted
   Quality quality_;
   // The restored calibration's offset uncertainty (gauss) acts as a prior
   // until the data replace it; 0 when none.

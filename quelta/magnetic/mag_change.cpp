@@ -123,6 +123,7 @@ void Calibrator::adopt(const Calibration& c, const Slot* recent, int n, const Fi
   // Only a good calibration is worth returning to.
   previous_ = quality_.accuracy >= 2 ? cal_ : Calibration{};
   cal_ = c;
+  restored_ = false;
   calChanged_ = true;
   ++quality_.newHardIron;
   // The store restarts from the blocks since the change; the rotations

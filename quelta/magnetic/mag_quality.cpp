@@ -56,14 +56,22 @@ double Calibrator::currentHeadingError() const {
     return headingErrorOf(rotation_.sigmaAlong(across, kUncalibratedSigma));
   }
   double err = headingErrorRaw_;
+  if (restored_) {
+    // A restored calibration may have drifted since it was saved, until the
+    // rotations or a fit confirm it.
+    const Vec3d across = unitOrZero(cross(lastBlockUp_, apply(lastBlockM_)));
+    const double sigma = haveGyro_ && norm(across) > 0.0 ? rotation_.sigmaAlong(across, kSessionDrift) : kSessionDrift;
+    const double drift = headingErrorOf(sigma);
+    err = std::sqrt(err * err + drift * drift);
+  }
   if (haveGyro_ && rotation_.rows() > 0) {
     // Where the rotations place the offset elsewhere, the heading is off by
     // as much.
     const Vec3d moved = rotation_.solve(cal_.offset, kUncalibratedSigma) - cal_.offset;
     const double extra = headingErrorOf(norm(moved));
-    err = std::min(180.0, std::sqrt(err * err + extra * extra));
+    err = std::sqrt(err * err + extra * extra);
   }
-  return err;
+  return std::min(180.0, err);
 }
 
 void Calibrator::disturbance(double strength, bool dipUsable, double accAngleSq, double dt, SampleOutput& out) {

@@ -121,6 +121,7 @@ RecordStatus Calibrator::restore(const uint8_t* rec, std::size_t size) {
 
   reset();
   cal_ = c;
+  restored_ = true;
   headingErrorRaw_ = v[12];
   quality_.residualGauss = v[11];
   quality_.coverage = v[13];
