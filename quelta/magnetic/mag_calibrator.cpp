@@ -249,11 +249,16 @@ bool Calibrator::clearlyBetter(const FitResult& r) const {
     // ... and lie where the rotations place it.
     const Vec3d best = rotation_.solve(r.cal.offset, kUncalibratedSigma);
     if (rotation_.misfitDifference(r.cal.offset, best) > kAdoptChi2) return false;
+    // A calibration in use moves only where the rotations know the way:
+    // along directions they leave open (turns about one axis only), no
+    // further than a sensor's own uncertainty.
+    const Vec3d move = r.cal.offset - cal_.offset;
+    if (cal_.model != Model::None && norm(rotation_.unknownPart(move, kUncalibratedSigma)) > kUncalibratedSigma)
+      return false;
     if (gain > kAdoptChi2) return true;
     if (cal_.model == Model::None || gain < -1.0) return false;
     // A refinement: small, or along a direction the rotations know (where
     // the gain above has judged it).
-    const Vec3d move = r.cal.offset - cal_.offset;
     const double size = norm(move);
     return size < kRefineStep || rotation_.sigmaAlong((1.0 / size) * move, kUncalibratedSigma) < 0.5 * size;
   }

@@ -244,6 +244,10 @@ void RotationEvidence::marginalise() {
   z_ = Vec3d{z6_[0] - kz.x, z6_[1] - kz.y, z6_[2] - kz.z};
 }
 
+Vec3d RotationEvidence::unknownPart(const Vec3d& move, double sigma) const {
+  return inverse(plusDiagonal(scaled(information(), sigma * sigma), 1.0)) * move;
+}
+
 Vec3d RotationEvidence::remainingBias() const {
   double theta[6];
   double p[6][6];

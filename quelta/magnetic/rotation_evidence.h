@@ -57,6 +57,9 @@ class RotationEvidence {
   Vec3d excess(const Vec3d& c) const { return (1.0 / noiseScale()) * (info_ * c - z_); }
   // The rows' scatter against the noise they were weighed with (>= 1).
   double noiseScale() const { return meanR2_ > 3.0 ? meanR2_ / 3.0 : 1.0; }
+  // The part of a move of the offset (gauss) along directions the rows know
+  // less well than sigma gauss: (sigma^2 J + I)^-1 move.
+  Vec3d unknownPart(const Vec3d& move, double sigma) const;
   // The gyroscope bias (rad/s) left after the shared estimate that the rows
   // point to (zero until the offset is known).
   Vec3d remainingBias() const;
