@@ -259,8 +259,8 @@ TEST(Options, EngineLocationDateAndGyro) {
       {{"--location=1,2", "--date=2026-01-01"}, "option --location needs --engine compass"},
       {{"--engine=algo", "--gyro"}, "option --gyro needs --engine compass"},
       {{"--gyro=1"}, "option --gyro takes no value"},
-      {{"--engine=compass", "--calibration=c.cal"},
-       "option --calibration sets up the fixed pipelines (--engine algo), not the compass"},
+      {{"--engine=compass", "--log=run.log"},
+       "option --log sets up the fixed pipelines (--engine algo), not the compass"},
       {{"--log-mode=0", "--engine=compass"}, "option --log-mode sets up the fixed pipelines (--engine algo), not the compass"}};
   for (const auto& [args, message] : errors) {
     EXPECT_FALSE(parseOptions(args, options, problem)) << args[0];

@@ -55,8 +55,11 @@ const char* usageText() {
          "or nan where the reference has none; those samples are left out of the\n"
          "comparisons. A warning before the replay says when the data contradict the\n"
          "units (for instance a field in microtesla read as gauss).\n"
-         "--calibration, --log, --log-mode, --axis, --pool, --thresholds and --windows\n"
-         "set up the fixed pipelines; --location, --date and --gyro the compass.\n"
+         "--log, --log-mode, --axis, --pool, --thresholds and --windows set up the fixed\n"
+         "pipelines; --location, --date and --gyro the compass. --calibration is the\n"
+         "fixed pipelines' calibration file, or with --engine compass the compass's\n"
+         "saved calibration record: restored when the file exists, written when the\n"
+         "run ends with a better calibration.\n"
          "Exit status: 0 success, 1 bad input or output failure, 2 usage error.\n";
 }
 
@@ -180,7 +183,7 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
       return false;
     }
   } else {
-    for (const char* option : {"--calibration", "--log", "--log-mode", "--axis", "--pool", "--thresholds", "--windows"}) {
+    for (const char* option : {"--log", "--log-mode", "--axis", "--pool", "--thresholds", "--windows"}) {
       if (named(option)) {
         problem = std::string("option ") + option + " sets up the fixed pipelines (--engine algo), not the compass";
         return false;

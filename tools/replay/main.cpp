@@ -94,7 +94,7 @@ int run(const Options& options) {
   // Set-up: library defaults, then the calibration file, then the command line.
   AlgoSetup setup;
   SetupOverrides fromFile;
-  if (!options.calibrationFile.empty()) {
+  if (!options.calibrationFile.empty() && options.engine != Engine::Compass) {
     bool found = false;
     if (!readCalibrationFile(options.calibrationFile, fromFile, found, problem)) return fail(problem);
     fromFile.applyTo(setup);
@@ -145,6 +145,11 @@ int run(const Options& options) {
     } else {
       compassSetup += "; no location (headings to magnetic north)";
     }
+    if (calibration) {
+      bool found = false;
+      if (!readCompassCalibration(options.calibrationFile, compassOptions.restore, found, problem)) return fail(problem);
+      compassSetup += found ? "; calibration restored from " + options.calibrationFile : "; no saved calibration";
+    }
   }
   const size_t total = 0;  // not known before the end
   const std::string name = reader.name();
@@ -176,6 +181,7 @@ int run(const Options& options) {
     if (compass) reportBuilder->setCompass(rateFromAttitude);
   }
   std::optional<ReplayRow> lastFit;
+  CompassCalibrationOutcome compassCalibration;
   FILE* const csvStream = csv ? csv->stream() : nullptr;
   {
     // The library runs on this thread; everything made of its outputs on another.
@@ -190,7 +196,7 @@ int run(const Options& options) {
       consumers.add(sample, row);
     };
     if (compass) {
-      replayCompassStream(source, total, compassOptions, handOver);
+      replayCompassStream(source, total, compassOptions, handOver, &compassCalibration);
     } else {
       replayStream(source, period, total, driver, handOver);
       RegisterLogCallback(nullptr);
@@ -218,7 +224,9 @@ int run(const Options& options) {
 
   if (!storedProblem.empty()) summary += "stored calibration not used: " + storedProblem + "\n";
   std::string calibrationText;
-  if (calibration) {
+  if (calibration && compass) {
+    summary += compassCalibrationSummary(compassCalibration, options.calibrationFile, calibrationText);
+  } else if (calibration) {
     if (lastFit) {
       calibrationText = formatCalibrationFile(lastFit->offset, lastFit->radius, fromFile);
       summary += "calibration      written to " + options.calibrationFile + "\n";
@@ -235,7 +243,7 @@ int run(const Options& options) {
   }
   if (!calibrationText.empty()) {
     if (!calibration->open(problem)) return fail(problem);
-    std::fputs(calibrationText.c_str(), calibration->stream());
+    std::fwrite(calibrationText.data(), 1, calibrationText.size(), calibration->stream());
   }
   progress.clear();
   for (OutputFile* output : {log.get(), csv.get(), report.get()}) {
