@@ -87,6 +87,7 @@ def main():
         reference = (reference_heading(r["attitude"]) - north + args.declination) % 360.0
         ax.plot(t, reference, ".", ms=1.0, color="0.5", label="reference (north by %s)" % how)
         error = np.abs(quelta.heading_error_deg(r["attitude"], out["quaternion"], north - args.declination))
+        error[no_heading] = np.nan
     ax.set_ylabel("heading, deg")
     ax.set_ylim(0, 360)
     ax.set_yticks(range(0, 361, 90))

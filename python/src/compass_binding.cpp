@@ -105,6 +105,7 @@ class CompassCore {
   }
 
   py::bytes saveCalibration() const {
+    Busy busy(busy_, "this Compass");
     uint8_t record[QUELTA_MAG_RECORD_SIZE];
     const int32_t status = quelta_compass_save_calibration(state_.get(), record);
     if (status != QUELTA_MAG_RECORD_OK) return py::bytes();
@@ -119,11 +120,13 @@ class CompassCore {
   }
 
   py::dict calibration() const {
+    Busy busy(busy_, "this Compass");
     quelta_mag_calibration c;
     quelta_compass_get_calibration(state_.get(), &c);
     return calibrationDict(c);
   }
   py::dict quality() const {
+    Busy busy(busy_, "this Compass");
     quelta_mag_quality q;
     quelta_compass_get_calibration_quality(state_.get(), &q);
     return qualityDict(q);
@@ -197,7 +200,7 @@ class CompassCore {
   }
 
   std::unique_ptr<quelta_compass> state_;
-  std::atomic<bool> busy_{false};
+  mutable std::atomic<bool> busy_{false};
 };
 
 }  // namespace

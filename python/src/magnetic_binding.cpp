@@ -100,11 +100,13 @@ class MagCore {
     if (raw.ndim() != 2 || raw.shape(1) != 3) throw py::value_error("raw must have shape (N, 3)");
     const size_t n = static_cast<size_t>(raw.shape(0));
     auto out = rows<double>(n, 3);
+    Busy busy(busy_, "this MagCalibrator");
     for (size_t i = 0; i < n; ++i) quelta_mag_apply(state_.get(), raw.data() + 3 * i, out.mutable_data() + 3 * i);
     return out;
   }
 
   py::bytes save() const {
+    Busy busy(busy_, "this MagCalibrator");
     uint8_t record[QUELTA_MAG_RECORD_SIZE];
     if (quelta_mag_save(state_.get(), record) != QUELTA_MAG_RECORD_OK) return py::bytes();
     return py::bytes(reinterpret_cast<const char*>(record), sizeof record);
@@ -115,11 +117,13 @@ class MagCore {
     return quelta_mag_restore(state_.get(), reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
   }
   py::dict calibration() const {
+    Busy busy(busy_, "this MagCalibrator");
     quelta_mag_calibration c;
     quelta_mag_get_calibration(state_.get(), &c);
     return calibrationDict(c);
   }
   py::dict quality() const {
+    Busy busy(busy_, "this MagCalibrator");
     quelta_mag_quality q;
     quelta_mag_get_quality(state_.get(), &q);
     return qualityDict(q);
@@ -127,7 +131,7 @@ class MagCore {
 
  private:
   std::unique_ptr<quelta_mag_state> state_;
-  std::atomic<bool> busy_{false};
+  mutable std::atomic<bool> busy_{false};
 };
 
 }  // namespace
