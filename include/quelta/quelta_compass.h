@@ -59,12 +59,13 @@ typedef struct quelta_compass {
   uint64_t opaque[QUELTA_COMPASS_STATE_SIZE / 8];
 } quelta_compass;
 
-/* What the host (or the magnetic layer) knows of the field it passes. */
+/* What the host knows of the calibrated field it passes to
+ * quelta_compass_update_calibrated. */
 typedef struct quelta_compass_field_quality {
   int32_t disturbed;                 /* nonzero: the field is known to be disturbed */
-  int32_t calibration_accuracy;      /* 0..3 */
+  int32_t calibration_accuracy;      /* 0..3 of the host's calibration (caps the output's accuracy) */
   double disturbance_score;          /* 0 clean, >= 1 disturbed */
-  double calibration_heading_error_deg;
+  double calibration_heading_error_deg; /* estimated RMS heading error the calibration leaves, degrees */
 } quelta_compass_field_quality;
 
 /* Flags of quelta_compass_output.flags. */
@@ -103,7 +104,7 @@ typedef struct quelta_compass_output {
   double angular_rate[3];      /* rad/s, device frame: the gyroscope less its bias, or without a
                                   gyroscope the rate derived from the attitude's change */
   double gyro_bias[3];         /* rad/s, device frame: the bias estimate subtracted from the gyroscope */
-  double heading_accuracy_deg; /* the estimated RMS error of azimuth_deg, degrees, in [1, 180]: it
+  double heading_accuracy_deg; /* the estimated RMS error of azimuth_deg, degrees, 1 to 180: it
                                   adds the calibration's heading error, a noise floor, the drift
                                   since the field was last used and the field's recent disagreement.
                                   180 means unknown (no heading yet). */
