@@ -26,6 +26,10 @@ constexpr double kMinMeanAccG = 0.3;         // g: seconds of near free fall (a 
 constexpr double kMaxFieldGauss = 100.0;     // gauss: beyond any magnetometer's range (about 50 gauss)
 constexpr double kMaxMeanFieldGauss = 15.0;  // gauss: earth (0.67 at most) and a device's hard iron
 constexpr double kMinMeanFieldGauss = 0.02;  // gauss: a tenth of the weakest earth field (0.22)
+// One reading's pull on a mean is capped: a spike is a fault, not a unit,
+// and must not hold the mean past a limit for long.
+constexpr double kAccCapG = 40.0;            // g, beyond any accelerometer's range
+constexpr double kFieldCapGauss = 150.0;     // gauss, beyond any magnetometer's range
 constexpr double kStandardGravity = 9.80665; // m/s^2 per g
 
 constexpr uint64_t kDoorMagic = 0x51444f4f52554e54ull;  // "QDOORUNT"
@@ -112,7 +116,9 @@ bool finiteNonZero(const Vec3& v) {
 
 // A running mean with a time constant in seconds; dt is clamped so that a
 // time fault cannot make one sample the whole mean.
-void follow(double& mean, bool& seen, double value, double dt) {
+void follow(double& mean, bool& seen, double value, double cap, double dt) {
+  if (!std::isfinite(value)) return;
+  value = std::fmin(value, cap);
   if (!seen) {
     mean = value;
     seen = true;
@@ -158,7 +164,7 @@ int32_t enterDoor(quelta_compass* state, double t, const double* acc, const doub
   out.acc = mapped(acc, d.units.acc_axes, d.remap[0], d.perG);
   bool accWrong = false;
   if (finiteNonZero(out.acc)) {
-    follow(d.accMean, d.accSeen, norm(out.acc), dt);
+    follow(d.accMean, d.accSeen, norm(out.acc), kAccCapG, dt);
     accWrong = d.accMean > kMaxMeanAccG || d.accMean < kMinMeanAccG;
   }
 
@@ -167,7 +173,7 @@ int32_t enterDoor(quelta_compass* state, double t, const double* acc, const doub
     out.field = mapped(field, d.units.field_axes, d.remap[1], d.perGauss);
     if (finiteNonZero(out.field)) {
       const double strength = norm(out.field);
-      follow(d.fieldMean, d.fieldSeen, strength, out.t - d.lastFieldT);
+      follow(d.fieldMean, d.fieldSeen, strength, kFieldCapGauss, out.t - d.lastFieldT);
       d.lastFieldT = out.t;
       fieldWrong = strength > kMaxFieldGauss || d.fieldMean > kMaxMeanFieldGauss || d.fieldMean < kMinMeanFieldGauss;
     }
