@@ -145,7 +145,7 @@ typedef struct quelta_compass_output {
  * row and column of length 1 within 1e-6. Per sensor, as sensor hubs mount
  * the magnetometer differently from the accelerometer and gyroscope. */
 typedef struct quelta_compass_units {
-  int32_t time_unit;      /* QUELTA_COMPASS_TIME_* */
+  int32_t time_unit;      /* QUELTA_COMPASS_TIME_*; in ms, us or ns the compass counts from the first sample */
   int32_t acc_unit;       /* QUELTA_COMPASS_ACC_* (also the unit of gravity and linear_acceleration) */
   int32_t field_unit;     /* QUELTA_COMPASS_FIELD_* (also of quelta_compass_set_expected_field) */
   int32_t output_frame;   /* QUELTA_COMPASS_FRAME_* */

@@ -70,7 +70,7 @@ def test_heading_on_a_shared_recording_is_within_the_documented_figure(recording
 
 
 def test_android_units_and_axes_give_the_same_compass_and_wrong_units_raise(recording):
-    t, acc, mag, gyro = _phone_excerpt(recording, 20.0)
+    t, acc, mag, gyro = _phone_excerpt(recording, 1e9)  # the whole walk, two minutes
     native = quelta.Compass().run(t, acc, mag, gyro)
     # As an Android app hands them: ns since boot, m/s^2, microtesla; the
     # magnetometer mounted a quarter turn round (its x is the device's y).
@@ -82,6 +82,7 @@ def test_android_units_and_axes_give_the_same_compass_and_wrong_units_raise(reco
     assert _same_bits(android["t"], t_ns)
     assert np.array_equal(android["flags"], native["flags"])
     assert np.allclose(android["azimuth"], native["azimuth"], atol=1e-6)
+    assert np.array_equal(android["accuracy"], native["accuracy"])
     assert np.allclose(android["gravity"], native["gravity"] * 9.80665, atol=1e-9)
     # Fed as they come, without the units: refused, loudly.
     with pytest.raises(quelta.UnitsError, match="field"):

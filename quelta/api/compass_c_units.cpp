@@ -44,6 +44,11 @@ struct Door {
   double perG = 1.0;       // host acceleration units per g
   double perGauss = 1.0;   // host field units per gauss
   bool remap[3] = {false, false, false};  // acc, field, gyro: not the identity
+  // Clocks in ms, us or ns count from boot or from 1970: the compass gets
+  // the time since the first sample, taken in the host's own unit (whole
+  // nanoseconds subtract exactly), so that the sample grid survives.
+  bool originSet = false;
+  double origin = 0.0;  // host time unit
   // The watch.
   bool timeSeen = false;
   double lastT = 0.0;  // s, the last finite time seen
@@ -129,10 +134,11 @@ void follow(double& mean, bool& seen, double value, double cap, double dt) {
   mean += step / (step + kMeanTau) * (value - mean);
 }
 
-// Watches the times; true when they contradict the time unit.
-bool timeContradicts(Door& d, double t) {
+// Watches the times (t since the origin, absolute as the clock reads, both
+// in seconds); true when they contradict the time unit.
+bool timeContradicts(Door& d, double t, double absolute) {
   if (!std::isfinite(t)) return false;  // a fault, not a unit: for the fault checks
-  bool wrong = std::fabs(t) > kMaxTimeS;
+  bool wrong = std::fabs(absolute) > kMaxTimeS;
   if (d.timeSeen) {
     const double dt = t - d.lastT;
     d.longRun = dt > kLongIntervalS ? d.longRun + 1 : 0;
@@ -157,8 +163,16 @@ int32_t enterDoor(quelta_compass* state, double t, const double* acc, const doub
                   DoorSample& out) {
   Door& d = doorOf(state);
   const double previousT = d.lastT;
-  out.t = t / d.perSecond;
-  const bool timeWrong = timeContradicts(d, out.t);
+  const double absolute = t / d.perSecond;
+  out.t = absolute;
+  if (d.perSecond != 1.0 && std::isfinite(t)) {
+    if (!d.originSet) {
+      d.originSet = true;
+      d.origin = t;
+    }
+    out.t = (t - d.origin) / d.perSecond;
+  }
+  const bool timeWrong = timeContradicts(d, out.t, absolute);
   const double dt = out.t - previousT;
 
   out.acc = mapped(acc, d.units.acc_axes, d.remap[0], d.perG);
@@ -191,7 +205,8 @@ int32_t enterDoor(quelta_compass* state, double t, const double* acc, const doub
 void leaveDoor(const quelta_compass* state, quelta_compass_output* out) {
   const Door* d = doorOf(state);
   if (d == nullptr) return;
-  if (d->perSecond != 1.0) out->t = out->t == d->acceptedT ? d->acceptedHostT : out->t * d->perSecond;
+  if (d->perSecond != 1.0)
+    out->t = out->t == d->acceptedT ? d->acceptedHostT : out->t * d->perSecond + d->origin;
   if (d->perG != 1.0) {
     for (int i = 0; i < 3; ++i) {
       out->gravity[i] *= d->perG;
