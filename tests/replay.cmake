@@ -59,6 +59,12 @@ add_test(NAME replay.cli.compass_engine
   COMMAND ${REPLAY_CHECK} compass $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/compass
           ${PROJECT_SOURCE_DIR}/data/handheld.csv)
 
+# An Android logger's form of the bundled recording: nanoseconds, m/s2,
+# microtesla, its own column names, the field on every other row.
+add_test(NAME replay.cli.android_style_logs
+  COMMAND ${REPLAY_CHECK} android $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/android
+          ${PROJECT_SOURCE_DIR}/data/handheld.csv)
+
 # The real recordings beside the repository (../shared/recordings, or two
 # levels up from a worktree); tests that need them skip when absent.
 if(NOT DEFINED QUELTA_SHARED_RECORDINGS)

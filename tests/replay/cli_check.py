@@ -37,6 +37,12 @@
   cli_check.py stored REPLAY WORKDIR
       a stored calibration with an impossible radius is reported, not used,
       and replaced by the run's fit.
+  cli_check.py android REPLAY WORKDIR RECORDING
+      the recording as an Android logger writes it (nanosecond times, m/s2,
+      microtesla, its own column names, the field on every other row only):
+      without the unit options each one is warned about by name; with them
+      (and --columns) both engines give the original's summary, and with the
+      gaps the summary says how each engine took the rows without a field.
   cli_check.py version REPLAY HEADER
       --version prints the version macro of HEADER.
   cli_check.py compass REPLAY WORKDIR RECORDING
@@ -289,6 +295,85 @@ def si_version(text):
                 fields[k] = repr(float(fields[k]) * scale)
         out.append(",".join(fields))
     return "\n".join(out) + "\n"
+
+
+ANDROID_NAMES = {"t": "timestamp_ns", "ax": "acc_x", "ay": "acc_y", "az": "acc_z", "mx": "mag_x", "my": "mag_y",
+                 "mz": "mag_z", "gx": "gyro_x", "gy": "gyro_y", "gz": "gyro_z"}
+
+
+def android_version(text, renamed, field_every):
+    """The recording as an Android logger writes it: whole nanoseconds (exact:
+    the decimal point moves), m/s2, microtesla; with renamed, its own column
+    names; the field only on every field_every-th row, empty cells between."""
+    from decimal import Decimal
+    out = []
+    header = None
+    for line in text.splitlines():
+        if line.startswith("#") or not line.strip():
+            continue
+        fields = line.split(",")
+        if header is None:
+            header = fields
+            out.append(",".join(ANDROID_NAMES.get(f, f) if renamed else f for f in fields))
+            continue
+        row = len(out) - 1
+        for k, name in enumerate(header):
+            if name == "t":
+                fields[k] = str((Decimal(fields[k]) * 10 ** 9).to_integral_exact())
+            elif name in ("ax", "ay", "az"):
+                fields[k] = repr(float(fields[k]) * 9.80665)
+            elif name in ("mx", "my", "mz"):
+                fields[k] = str(Decimal(fields[k]) * 100) if row % field_every == 0 else ""
+        out.append(",".join(fields))
+    return "\n".join(out) + "\n"
+
+
+def check_android(program, workdir, recording):
+    os.makedirs(workdir, exist_ok=True)
+    original = open(recording, encoding="utf-8").read()
+    for name, renamed, every in (("units.csv", False, 1), ("android.csv", True, 1), ("gaps.csv", True, 2)):
+        with open(os.path.join(workdir, name), "w") as handle:
+            handle.write(android_version(original, renamed, every))
+    units = ["--time-unit", "ns", "--acc-unit", "m/s2", "--mag-unit", "uT"]
+    columns = "--columns=" + ",".join("%s=%s" % pair for pair in ANDROID_NAMES.items())
+
+    # Fed as they come: each unit is warned about, naming its option.
+    status, summary, errors = replay(program, ["units.csv"], workdir)
+    if status != 0:
+        fail("units.csv exited with %d: %s" % (status, errors))
+    for option in ("--time-unit ns", "--acc-unit m/s2", "--mag-unit uT"):
+        if option not in errors:
+            fail("no warning naming %s:\n%s" % (option, errors))
+    # Other column names are refused until --columns names them.
+    status, summary, errors = replay(program, ["android.csv"] + units, workdir)
+    if status != 1 or "missing required column 't'" not in errors:
+        fail("android.csv without --columns: status %d, %r" % (status, errors))
+
+    for engine in ("algo", "compass"):
+        status, want, errors = replay(program, [recording, "--engine", engine], workdir)
+        if status != 0:
+            fail("%s exited with %d: %s" % (recording, status, errors))
+        for name, extra in (("units.csv", []), ("android.csv", [columns])):
+            status, summary, errors = replay(program, [name, "--engine", engine] + units + extra, workdir)
+            if status != 0 or errors:
+                fail("%s %s: status %d, %r" % (name, engine, status, errors))
+            if summary_without_name(summary) != summary_without_name(want):
+                fail("%s --engine %s gives another summary:\n%s\nwant:\n%s" % (name, engine, summary, want))
+
+        # Half the rows without a field: both engines still calibrate and
+        # say how they took those rows.
+        status, summary, errors = replay(program, ["gaps.csv", "--engine", engine] + units + [columns], workdir)
+        if status != 0 or errors:
+            fail("gaps.csv %s: status %d, %r" % (engine, status, errors))
+        taken = "given to the compass as no reading" if engine == "compass" else "previous row's field"
+        gaps = summary_value(summary, "field readings")
+        if not gaps.startswith("none on 1500 of 3000 rows") or taken not in gaps:
+            fail("gaps.csv %s: field readings line %r" % (engine, gaps))
+        if summary_value(summary, "accuracy reached").split("(final ")[1] != "3)":
+            fail("gaps.csv %s did not calibrate:\n%s" % (engine, summary))
+        heading = summary_figure(summary, "azimuth", r"median ([0-9.]+) deg")
+        if heading > 3.0:
+            fail("gaps.csv %s: median azimuth error %.2f deg\n%s" % (engine, heading, summary))
 
 
 def check_recordings(program, workdir, directory):
@@ -868,6 +953,8 @@ def main(args):
         check_stored(args[1], args[2])
     elif len(args) == 4 and args[0] == "compass":
         check_compass(*args[1:])
+    elif len(args) == 4 and args[0] == "android":
+        check_android(*args[1:])
     elif len(args) == 3 and args[0] == "version":
         check_version(args[1], args[2])
     else:

@@ -26,7 +26,8 @@ struct Options {
   std::string logFile;          // --log
   int logMode = 1;              // --log-mode, for all three pipelines
   std::string calibrationFile;  // --calibration
-  Units units;                  // --acc-unit, --mag-unit
+  Units units;                  // --acc-unit, --mag-unit, --time-unit
+  ColumnNames columns;          // --columns KEY=NAME,...
   SetupOverrides setup;         // --axis, --pool, --thresholds, --windows
   Engine engine = Engine::Algo;  // --engine algo|compass
   std::optional<Location> location;  // --location LAT,LON[,HEIGHT_M] (compass)

@@ -20,6 +20,9 @@ void appendf(std::string& text, const char* format, ...) {
   text += line;
 }
 
+// The compass's no-heading flag (QUELTA_COMPASS_FLAG_NO_HEADING).
+constexpr uint32_t kNoHeadingFlag = 0x8u;
+
 // The compass's flags (quelta_compass.h) by name.
 std::string flagsText(uint32_t flags) {
   static const char* const kNames[6] = {"calibrating", "magnetically disturbed", "accelerating",
@@ -77,13 +80,26 @@ void appendCompass(std::string& text, const Summary& s) {
             q.fittedStrength);
   }
   const double total = s.samples > 0 ? static_cast<double>(s.samples) : 1.0;
-  appendf(text, "disturbance      flagged on %zu samples (%.1f %%, %.2f s), highest score %.2f\n", c.disturbedSamples,
-          100.0 * static_cast<double>(c.disturbedSamples) / total, c.disturbedTime, c.maxDisturbance);
-  if (c.headingAccuracyCount > 0) {
-    appendf(text, "heading accuracy mean %.1f deg at accuracy 3, final %.1f deg\n",
-            c.headingAccuracySum / static_cast<double>(c.headingAccuracyCount), q.headingAccuracy);
+  if (c.disturbedSamples > 0) {
+    appendf(text, "disturbance      flagged on %zu samples (%.1f %%, %.2f s), highest score %.2f\n",
+            c.disturbedSamples, 100.0 * static_cast<double>(c.disturbedSamples) / total, c.disturbedTime,
+            c.maxDisturbance);
   } else {
-    appendf(text, "heading accuracy final %.1f deg (accuracy 3 never reached)\n", q.headingAccuracy);
+    appendf(text, "disturbance      none flagged, highest score %.2f\n", c.maxDisturbance);
+  }
+  if (c.headingReported) {
+    appendf(text, "first heading    at %.2f s\n", c.firstHeadingAt);
+  } else {
+    text += "first heading    none (the no-heading flag was raised on every sample)\n";
+  }
+  // 180 deg is the compass's "unknown".
+  char final[64] = "final unknown";
+  if (q.headingAccuracy < 180.0f) std::snprintf(final, sizeof final, "final %.1f deg", q.headingAccuracy);
+  if (c.headingAccuracyCount > 0) {
+    appendf(text, "heading accuracy mean %.1f deg at accuracy 3, %s\n",
+            c.headingAccuracySum / static_cast<double>(c.headingAccuracyCount), final);
+  } else {
+    appendf(text, "heading accuracy none at accuracy 3 (never reached), %s\n", final);
   }
   appendf(text, "flags            %s\n", flagsText(q.flags).c_str());
 }
@@ -114,6 +130,10 @@ void SummaryBuilder::add(const ReplayRow& row) {
     c.last = row.compass;
     if (row.compass.disturbed) ++c.disturbedSamples;
     if (std::isfinite(row.compass.disturbance)) c.maxDisturbance = std::max(c.maxDisturbance, row.compass.disturbance);
+    if (!c.headingReported && (row.compass.flags & kNoHeadingFlag) == 0) {
+      c.headingReported = true;
+      c.firstHeadingAt = row.t;
+    }
     if (level == 3 && std::isfinite(row.compass.headingAccuracy)) {
       c.headingAccuracySum += row.compass.headingAccuracy;
       ++c.headingAccuracyCount;
@@ -143,6 +163,7 @@ void SummaryBuilder::add(const ReplayRow& row) {
     s_.lastAcceptedAt = row.t;
   }
   if (row.saturation) ++s_.saturations;
+  if (row.fieldMissing) ++s_.fieldMissing;
   const std::string bad = nonFiniteOutputs(row);
   if (!bad.empty()) {
     if (s_.nonFiniteSamples == 0) {
@@ -218,7 +239,7 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
   if (s.lastAcceptedAt) {
     appendf(text, "accepted fits    %d, last at %.2f s\n", s.acceptedFits, *s.lastAcceptedAt);
   } else {
-    text += "accepted fits    0\n";
+    text += "accepted fits    none\n";
   }
   if (s.compass) {
     appendCompass(text, s);
@@ -227,6 +248,14 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
             s.geometry[0], s.geometry[1], s.geometry[2]);
   }
   if (s.saturations > 0) appendf(text, "saturations      %d\n", s.saturations);
+  if (s.fieldMissing > 0) {
+    // Sensors at different rates: the compass takes a row without a field
+    // reading as such; the fixed pipelines need one on every row.
+    appendf(text, "field readings   none on %zu of %zu rows (sensors at different rates): %s\n", s.fieldMissing,
+            s.samples,
+            s.compass ? "given to the compass as no reading"
+                      : "the fixed pipelines were given the previous row's field there");
+  }
   if (s.nonFiniteSamples > 0) {
     appendf(text, "non-finite       %zu samples with outputs that are not finite numbers, first at %.2f s (%s)\n",
             s.nonFiniteSamples, *s.firstNonFiniteAt, s.firstNonFiniteOutput.c_str());
@@ -237,38 +266,56 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
             reference.missingGyro, reference.missingAttitude);
   }
   const char* part = reference.calibratedOnly ? "calibrated" : "uncalibrated";
+  // A comparison over no sample at all says so rather than print zeros.
+  auto nothingCompared = [&](const char* label, size_t count) {
+    if (count > 0) return false;
+    appendf(text, "%s none: no %s sample with a reference value\n", label, part);
+    return true;
+  };
   if (reference.gyro) {
     const GyroComparison& g = *reference.gyro;
     // The compass reports an angular rate; fed the gyroscope, it is judged
     // against the rate derived from the reference attitude instead.
-    if (s.compass) {
+    if (nothingCompared(s.compass ? "angular rate    " : "virtual gyro    ", g.count)) {
+    } else if (s.compass) {
       appendf(text, "angular rate     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) against the %s over %zu %s samples; reference RMS %.4f rad/s\n",
               g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2],
               reference.rateFromAttitude ? "rate from the reference attitude" : "reference gyroscope", g.count, part,
               g.referenceRms);
-    } else appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) over %zu %s samples; reference RMS %.4f rad/s\n",
-            g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2], g.count, part, g.referenceRms);
+    } else {
+      appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) over %zu %s samples; reference RMS %.4f rad/s\n",
+              g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2], g.count, part, g.referenceRms);
+    }
   }
   if (reference.rotationVector) {
     const AngleComparison& r = *reference.rotationVector;
-    appendf(text, "%s  RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples, heading alignment %.2f deg\n",
-            s.compass ? "attitude       " : "rotation vector", r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part,
-            r.alignmentDeg);
+    const char* label = s.compass ? "attitude       " : "rotation vector";
+    if (!nothingCompared(label, r.count)) {
+      appendf(text, "%s  RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples, heading alignment %.2f deg\n",
+              label, r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part, r.alignmentDeg);
+    }
   }
   // At any tilt: shown for the compass, whose attitude is meant to hold
   // there (the fixed pipelines' lines stay as they were).
   if (s.compass && reference.heading && reference.tilt) {
     const AngleComparison& h = *reference.heading;
     const AngleComparison& t = *reference.tilt;
-    appendf(text, "heading          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples at any tilt (turn about the vertical)\n",
-            h.rmsDeg, h.medianDeg, h.maxDeg, h.count, part);
-    appendf(text, "tilt             RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples\n", t.rmsDeg,
-            t.medianDeg, t.maxDeg, t.count, part);
+    if (!nothingCompared("heading         ", h.count)) {
+      appendf(text, "heading          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples at any tilt (turn about the vertical)\n",
+              h.rmsDeg, h.medianDeg, h.maxDeg, h.count, part);
+      appendf(text, "tilt             RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples\n",
+              t.rmsDeg, t.medianDeg, t.maxDeg, t.count, part);
+    }
   }
   if (reference.azimuth) {
     const AngleComparison& a = *reference.azimuth;
-    appendf(text, "azimuth          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples tilted <= %.0f deg, heading alignment %.2f deg\n",
-            a.rmsDeg, a.medianDeg, a.maxDeg, a.count, part, kAzimuthMaxTiltDeg, a.alignmentDeg);
+    if (a.count == 0) {
+      appendf(text, "azimuth          none: no %s sample with a reference value tilted <= %.0f deg\n", part,
+              kAzimuthMaxTiltDeg);
+    } else {
+      appendf(text, "azimuth          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples tilted <= %.0f deg, heading alignment %.2f deg\n",
+              a.rmsDeg, a.medianDeg, a.maxDeg, a.count, part, kAzimuthMaxTiltDeg, a.alignmentDeg);
+    }
   }
   return text;
 }
