@@ -110,7 +110,7 @@ def check_report(path, with_reference=True):
     for plot in expected:
         if plot not in svgs:
             fail("report lacks plot %s (has %s)" % (plot, sorted(svgs)))
-        drawn = [p.get("d", "") for p in svgs[plot].iter(SVG + "path") if p.get("class") in ("line", "points")]
+        drawn = [p.get("d", "") for p in svgs[plot].iter(SVG + "path") if p.get("class") in ("line", "points", "band")]
         if not any(len(d) > 100 for d in drawn):
             fail("plot %s draws no data" % plot)
     for plot in ["plot-field-xy", "plot-field-xz", "plot-field-yz"]:
@@ -830,7 +830,7 @@ def check_compass(program, workdir, recording):
     magnetic_alignment = summary_figure(summary, "azimuth", r"heading alignment (-?[0-9.]+) deg")
     global PLOTS
     plots = PLOTS
-    PLOTS = plots + ["plot-disturbance", "plot-heading-accuracy", "plot-calibration-quality", "plot-coverage",
+    PLOTS = plots + ["plot-disturbance", "plot-heading-accuracy", "plot-compass-state", "plot-calibration-quality", "plot-coverage",
                      "plot-soft-iron"]
     try:
         check_report(report)

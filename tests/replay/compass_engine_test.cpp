@@ -161,8 +161,12 @@ TEST(ReferenceComparator, HeadingAtAnyTiltAndTiltAgreeWithTheirDefinitions) {
   EXPECT_NEAR(result.heading->alignmentDeg, 12.0, 3.1);
   double worstHeading = 0.0;
   for (size_t i = 0; i < headings.size(); ++i) {
-    const double wanted = wrapDeg(headingErrorDeg(references[i], estimates[i]) - result.heading->alignmentDeg);
+    // Reported minus reference, as the azimuth's: positive when the estimate
+    // is clockwise of the truth (here by 3 sin c after the alignment).
+    const double wanted = wrapDeg(result.heading->alignmentDeg - headingErrorDeg(references[i], estimates[i]));
     worstHeading = std::max(worstHeading, std::fabs(wrapDeg(headings[i] - wanted)));
+    const double clockwise = 3.0 * std::sin(0.11 * static_cast<double>(i));
+    if (std::fabs(clockwise) > 2.0) EXPECT_GT(headings[i] * clockwise, 0.0) << i;
   }
   EXPECT_LT(worstHeading, 0.01);
   EXPECT_LT(worstTilt, 0.01);

@@ -355,13 +355,19 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
     errors.index = index;
     errors.t = record.t;
     errors.compared = !anyCalibrated_ || record.calibrated;
+    if (std::isfinite(record.difference[0])) {
+      const Quat d = {record.difference[0], record.difference[1], record.difference[2], record.difference[3]};
+      // d turns the estimate's world onto the reference's: its twist about up
+      // is the reference's heading minus the estimate's.
+      errors.headingAnyDeg = wrapDeg(rotationVector.alignmentDeg - headingOfDeg(d));
+    }
     if (errors.compared && std::isfinite(record.difference[0])) {
       const Quat d = {record.difference[0], record.difference[1], record.difference[2], record.difference[3]};
       errors.rotationVectorDeg = rotationAngleDeg(multiply(d, undo));
       rotationStats.add(errors.rotationVectorDeg);
       // d turns the estimate's world onto the reference's: its twist about up
       // is the heading error, the angle it tips up by the tilt error.
-      errors.headingDeg = wrapDeg(headingOfDeg(d) - rotationVector.alignmentDeg);
+      errors.headingDeg = errors.headingAnyDeg;
       headingStats.add(errors.headingDeg);
       errors.tiltDeg = 2.0 * std::atan2(std::sqrt(d[1] * d[1] + d[2] * d[2]), std::sqrt(d[0] * d[0] + d[3] * d[3])) *
                        180.0 / kPi;

@@ -130,8 +130,14 @@ struct SampleErrors {
                                         std::numeric_limits<double>::quiet_NaN(),
                                         std::numeric_limits<double>::quiet_NaN()};
   // Signed heading error at any tilt after the alignment, and tilt error,
-  // degrees (see ReferenceComparison::heading and tilt).
+  // degrees (see ReferenceComparison::heading and tilt). Signed errors
+  // (azimuthDeg, headingDeg) are the library's value minus the reference's:
+  // positive when the library's heading is clockwise of the truth.
   double headingDeg = std::numeric_limits<double>::quiet_NaN();
+  // The heading error at every sample with a reference attitude, compared
+  // or not (before the calibration too): what the report draws against the
+  // compass's own heading accuracy estimate.
+  double headingAnyDeg = std::numeric_limits<double>::quiet_NaN();
   double tiltDeg = std::numeric_limits<double>::quiet_NaN();
   // The rate derived from the reference attitude (rad/s, device frame),
   // when the comparator derives it; NaN otherwise.
