@@ -16,7 +16,7 @@ file(MAKE_DIRECTORY ${REPLAY_WORK})
 
 add_test(NAME replay.cli.summary_outputs_and_stored_calibration
   COMMAND ${REPLAY_CHECK} run $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/run
-          ${REPLAY_WORK}/handheld_25s.csv -0.21,0.09,0.15 --acc-unit m/s2 --mag-unit uT)
+          ${REPLAY_WORK}/handheld_25s.csv -0.21,0.09,0.15 --engine algo --acc-unit m/s2 --mag-unit uT)
 set_tests_properties(replay.cli.summary_outputs_and_stored_calibration PROPERTIES FIXTURES_REQUIRED replay_recording)
 
 add_test(NAME replay.cli.bundled_recording_by_default

@@ -50,7 +50,7 @@
       calibration against the simulator's truth, the heading against the
       reference, the report; --location/--date turn the azimuth by the
       declination; --gyro and the rate it is judged against; --engine algo
-      is the default, byte for byte; bad values are usage errors.
+      is the fixed pipelines and the compass the default, byte for byte; bad values are usage errors.
 """
 import gzip
 import shutil
@@ -428,7 +428,7 @@ def check_stored(program, workdir):
     calibration = os.path.join(workdir, "wrong.cal")
     with open(calibration, "w") as handle:
         handle.write("offset 0.12 -0.25 0.08\nradius 50\n")
-    status, summary, errors = replay(program, ["--calibration=" + calibration], workdir)
+    status, summary, errors = replay(program, ["--engine=algo", "--calibration=" + calibration], workdir)
     if status != 0:
         fail("replay exited with %d: %s" % (status, errors))
     if not re.search(r"warning: stored radius 50 gauss is outside the band the library accepts \(0\.2 to 0\.8 "
@@ -531,7 +531,8 @@ def check_outputs(program, workdir, recording):
             fail("--out %s: only %d lines on standard output" % (name, rows))
     if not stat.S_ISCHR(os.stat("/dev/null").st_mode):
         fail("/dev/null is not a device")
-    status, out, errors = replay(program, [recording, "--report", "/dev/null", "--log", "/dev/null"], workdir)
+    status, out, errors = replay(program, [recording, "--engine=algo", "--report", "/dev/null", "--log", "/dev/null"],
+                                 workdir)
     if status == 0:
         fail("two outputs on /dev/null were accepted")
     status, out, errors = replay(program, [recording, "--report", "/dev/null"], workdir)
@@ -571,9 +572,9 @@ def check_outputs(program, workdir, recording):
     refused(program, [recording, "--out", "kept.csv", "--report", "kept.csv"], workdir,
             r"--report kept.csv: the same file as --out kept.csv", [w("kept.csv")])
     os.symlink("kept.csv", w("alias.csv"))
-    refused(program, [recording, "--out", "kept.csv", "--log", "alias.csv"], workdir,
+    refused(program, [recording, "--engine=algo", "--out", "kept.csv", "--log", "alias.csv"], workdir,
             r"--log alias.csv: the same file as --out kept.csv", [w("kept.csv")])
-    refused(program, [recording, "--out", "new.csv", "--log", "./new.csv"], workdir,
+    refused(program, [recording, "--engine=algo", "--out", "new.csv", "--log", "./new.csv"], workdir,
             r"--log ./new.csv: the same file as --out new.csv")
     refused(program, [recording, "--out", "-", "--report", "/dev/stdout"], workdir,
             r"--report /dev/stdout: the same file as --out -")
@@ -611,7 +612,7 @@ def check_interrupted(program, workdir, recording):
         with open(w("out.csv"), "w") as f:
             f.write("old\n")
         process = subprocess.Popen(emulator + [program, "long.csv", "--out", "out.csv", "--report", "report.html",
-                                               "--log", "lib.log"], cwd=workdir,
+                                               "--engine=algo", "--log", "lib.log"], cwd=workdir,
                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         deadline = time.time() + 120
         while len(temporaries(workdir)) < 2 and process.poll() is None and time.time() < deadline:
@@ -632,7 +633,7 @@ def check_interrupted(program, workdir, recording):
     # A closed pipe: the table goes to a reader that stops after one line,
     # while the log is being written to its temporary.
     process = subprocess.Popen(emulator + [program, "long.csv", "--out", "-", "--report", "report.html",
-                                           "--log", "lib.log"], cwd=workdir,
+                                           "--engine=algo", "--log", "lib.log"], cwd=workdir,
                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     process.stdout.readline()
     while not temporaries(workdir) and process.poll() is None:
@@ -892,17 +893,21 @@ def check_compass(program, workdir, recording):
     if status != 1 or "--gyro: the recording has no gyroscope columns" not in errors:
         fail("--gyro without gx gy gz: status %d, %r" % (status, errors))
 
-    # The default engine is the fixed pipelines, unchanged.
+    # The default engine is the compass; --engine algo gives the fixed pipelines.
     outputs = []
-    for args in ([], ["--engine", "algo"], ["--engine=algo"]):
+    for args in ([], ["--engine", "compass"], ["--engine=compass"]):
         status, summary, errors = replay(program, [recording, "--out", out] + args, workdir)
         if status != 0:
             fail("%s: exit status %d: %s" % (args, status, errors))
         outputs.append((summary, open(out).read()))
     if outputs[1] != outputs[0] or outputs[2] != outputs[0]:
-        fail("--engine algo differs from the default")
-    if not outputs[0][1].startswith("t,accuracy,pool,new_calibration,saturation,") or re.search(r"^engine ", outputs[0][0], re.M):
-        fail("the default run is not the fixed pipelines' one")
+        fail("--engine compass differs from the default")
+    if outputs[0][1].split("\n", 1)[0].split(",") != COMPASS_COLUMNS or not re.search(r"^engine ", outputs[0][0], re.M):
+        fail("the default run is not the compass's")
+    status, summary, errors = replay(program, [recording, "--out", out, "--engine=algo"], workdir)
+    if status != 0 or not open(out).read().startswith("t,accuracy,pool,new_calibration,saturation,") or \
+            re.search(r"^engine ", summary, re.M):
+        fail("--engine algo is not the fixed pipelines' run: %d %s" % (status, errors))
 
     # Bad values and options of the other engine: usage errors, nothing written.
     os.remove(out)
@@ -920,8 +925,10 @@ def check_compass(program, workdir, recording):
                           (["--engine=compass", "--location", "48.1,11.6", "--date", "1850-06-01"],
                            "bad value '1850-06-01' for --date"),
                           (["--engine=compass", "--location", "48.1,11.6"], "--location and --date go together"),
-                          (["--location", "48.1,11.6", "--date", "2026-01-01"], "--location needs --engine compass"),
-                          (["--gyro"], "--gyro needs --engine compass"),
+                          (["--engine=algo", "--location", "48.1,11.6", "--date", "2026-01-01"],
+                           "--location needs --engine compass"),
+                          (["--engine=algo", "--gyro"], "--gyro needs --engine compass"),
+                          (["--log", "lib.log"], "--log sets up the fixed pipelines"),
                           (["--engine=compass", "--windows", "9,8"], "--windows sets up the fixed pipelines")):
         status, summary, errors = replay(program, [recording, "--out", out] + args, workdir)
         if status != 2 or not re.search(pattern, errors) or summary or os.path.exists(out):

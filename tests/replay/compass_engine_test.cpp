@@ -239,7 +239,7 @@ TEST(Options, EngineLocationDateAndGyro) {
   ASSERT_TRUE(parseOptions({"--engine", "compass", "--location=90,-180", "--date", "2025-12-31"}, options, problem));
   EXPECT_DOUBLE_EQ(options.location->heightM, 0.0);  // height defaults to sea level
   ASSERT_TRUE(parseOptions({}, options, problem));
-  EXPECT_EQ(options.engine, Engine::Algo);
+  EXPECT_EQ(options.engine, Engine::Compass);  // the compass unless the fixed pipelines are asked for
   EXPECT_FALSE(options.location || options.gyro);
 
   Location location;
@@ -260,12 +260,13 @@ TEST(Options, EngineLocationDateAndGyro) {
       {{"--engine=compass", "--location=1,2", "--date=2026-02-30"}, "bad value '2026-02-30' for --date (YYYY-MM-DD)"},
       {{"--engine=compass", "--location=1,2"}, "--location and --date go together: the field model needs both"},
       {{"--engine=compass", "--date=2026-01-01"}, "--location and --date go together: the field model needs both"},
-      {{"--location=1,2", "--date=2026-01-01"}, "option --location needs --engine compass"},
+      {{"--engine=algo", "--location=1,2", "--date=2026-01-01"}, "option --location needs --engine compass"},
       {{"--engine=algo", "--gyro"}, "option --gyro needs --engine compass"},
       {{"--gyro=1"}, "option --gyro takes no value"},
       {{"--engine=compass", "--calibration=c.cal"},
        "option --calibration sets up the fixed pipelines (--engine algo), not the compass"},
-      {{"--log-mode=0", "--engine=compass"}, "option --log-mode sets up the fixed pipelines (--engine algo), not the compass"}};
+      {{"--log-mode=0", "--engine=compass"}, "option --log-mode sets up the fixed pipelines (--engine algo), not the compass"},
+      {{"--log=lib.log"}, "option --log sets up the fixed pipelines (--engine algo), not the compass"}};
   for (const auto& [args, message] : errors) {
     EXPECT_FALSE(parseOptions(args, options, problem)) << args[0];
     EXPECT_EQ(problem, message);
