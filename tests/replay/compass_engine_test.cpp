@@ -176,6 +176,39 @@ TEST(ReferenceComparator, HeadingAtAnyTiltAndTiltAgreeWithTheirDefinitions) {
   EXPECT_EQ(result.heading->count, 400u);
 }
 
+// Judged as the accuracy tool judges: every sample from the window's start
+// on, whatever the accuracy; the start-up before it is left out.
+TEST(ReferenceComparator, JudgesFromTheWindowWhateverTheAccuracy) {
+  ReferenceComparator comparator(false, true);
+  comparator.judgeFrom(1.0);
+  for (int i = 0; i < 300; ++i) {
+    RecordedSample sample;
+    sample.t = 5.0 + 0.01 * i;  // the window counts from the first sample
+    sample.attitude = {1, 0, 0, 0};
+    sample.hasAttitude = true;
+    ReplayRow row;
+    row.t = sample.t;
+    const bool early = i < 100;
+    row.accuracy = early ? 3 : 1;
+    // Off by 90 degrees of tilt at start-up, then by 2 degrees of heading on
+    // every other sample.
+    const Quat q = early ? Quat{std::sqrt(0.5), std::sqrt(0.5), 0, 0}
+                         : headingRotation(i % 2 == 0 ? 2.0 : 0.0);
+    row.rotVec = {static_cast<float>(q[1]), static_cast<float>(q[2]), static_cast<float>(q[3]),
+                  static_cast<float>(q[0])};
+    comparator.add(sample, row);
+  }
+  const ReferenceComparison result = comparator.finish();
+  ASSERT_TRUE(result.judgedFromS && result.calibratedOnly && result.heading && result.tilt);
+  EXPECT_EQ(result.heading->count, 200u);
+  EXPECT_NEAR(result.tilt->maxDeg, 0.0, 1e-3);
+  EXPECT_NEAR(result.heading->maxDeg, 2.0, 2e-3);
+  Summary summary;
+  summary.compass = CompassSummary{};
+  const std::string text = formatSummary(summary, result);
+  EXPECT_NE(text.find("over 200 samples from 1 s on at any tilt"), std::string::npos) << text;
+}
+
 TEST(Summary, CompassLinesAndTheRateItWasJudgedAgainst) {
   SummaryBuilder builder("rec.csv", 0.02);
   builder.setCompass("gyroscope fed (gx gy gz); no location (headings to magnetic north)");

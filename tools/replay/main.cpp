@@ -181,6 +181,7 @@ int run(const Options& options) {
   SummaryBuilder summaryBuilder(name, period);
   if (compass) summaryBuilder.setCompass(compassSetup);
   ReferenceComparator comparator(hasGyro, hasAttitude, rateFromAttitude);
+  comparator.judgeFrom(kJudgeFromS);
   std::unique_ptr<ReportBuilder> reportBuilder;
   if (report) {
     reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);

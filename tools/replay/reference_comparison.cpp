@@ -252,8 +252,9 @@ void ReferenceComparator::settlePending(const double* nextAttitude, double nextT
 }
 
 void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row) {
-  ++samples_;
-  const bool calibrated = row.accuracy == 3;
+  if (++samples_ == 1) firstT_ = sample.t;
+  // "calibrated": in the compared selection.
+  const bool calibrated = judgeFrom_ ? sample.t - firstT_ >= *judgeFrom_ : row.accuracy == 3;
   anyCalibrated_ = anyCalibrated_ || calibrated;
   const bool attitudeUsable = sample.hasAttitude && allFinite(sample.attitude.data(), 4);
   if (rateFromAttitude_) {
@@ -310,6 +311,7 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
   ReferenceComparison result;
   result.rateFromAttitude = rateFromAttitude_;
   result.calibratedOnly = anyCalibrated_;
+  result.judgedFromS = judgeFrom_;
   result.missingGyro = missingGyro_;
   result.missingAttitude = missingAttitude_;
   // Without a single calibrated sample, the uncalibrated ones are all of them.

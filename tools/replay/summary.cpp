@@ -265,11 +265,20 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
     appendf(text, " %zu samples, attitude on %zu samples (left out of the comparisons)\n",
             reference.missingGyro, reference.missingAttitude);
   }
-  const char* part = reference.calibratedOnly ? "calibrated" : "uncalibrated";
+  // What the comparisons cover: "... over N <part>".
+  std::string part = reference.calibratedOnly ? "calibrated samples" : "uncalibrated samples";
+  std::string none = reference.calibratedOnly ? "no calibrated sample" : "no sample";
+  if (reference.judgedFromS) {
+    char window[64];
+    std::snprintf(window, sizeof window, "from %.0f s on", *reference.judgedFromS);
+    part = reference.calibratedOnly ? std::string("samples ") + window
+                                    : "samples (all: the recording is shorter than the judging window)";
+    none = std::string("no sample ") + window;
+  }
   // A comparison over no sample at all says so rather than print zeros.
   auto nothingCompared = [&](const char* label, size_t count) {
     if (count > 0) return false;
-    appendf(text, "%s none: no %s sample with a reference value\n", label, part);
+    appendf(text, "%s none: %s with a reference value\n", label, none.c_str());
     return true;
   };
   if (reference.gyro) {
@@ -278,21 +287,21 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
     // against the rate derived from the reference attitude instead.
     if (nothingCompared(s.compass ? "angular rate    " : "virtual gyro    ", g.count)) {
     } else if (s.compass) {
-      appendf(text, "angular rate     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) against the %s over %zu %s samples; reference RMS %.4f rad/s\n",
+      appendf(text, "angular rate     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) against the %s over %zu %s; reference RMS %.4f rad/s\n",
               g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2],
-              reference.rateFromAttitude ? "rate from the reference attitude" : "reference gyroscope", g.count, part,
+              reference.rateFromAttitude ? "rate from the reference attitude" : "reference gyroscope", g.count, part.c_str(),
               g.referenceRms);
     } else {
-      appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) over %zu %s samples; reference RMS %.4f rad/s\n",
-              g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2], g.count, part, g.referenceRms);
+      appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) over %zu %s; reference RMS %.4f rad/s\n",
+              g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2], g.count, part.c_str(), g.referenceRms);
     }
   }
   if (reference.rotationVector) {
     const AngleComparison& r = *reference.rotationVector;
     const char* label = s.compass ? "attitude       " : "rotation vector";
     if (!nothingCompared(label, r.count)) {
-      appendf(text, "%s  RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples, heading alignment %.2f deg\n",
-              label, r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part, r.alignmentDeg);
+      appendf(text, "%s  RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s, heading alignment %.2f deg\n",
+              label, r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part.c_str(), r.alignmentDeg);
     }
   }
   // At any tilt: shown for the compass, whose attitude is meant to hold
@@ -301,20 +310,20 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
     const AngleComparison& h = *reference.heading;
     const AngleComparison& t = *reference.tilt;
     if (!nothingCompared("heading         ", h.count)) {
-      appendf(text, "heading          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples at any tilt (turn about the vertical)\n",
-              h.rmsDeg, h.medianDeg, h.maxDeg, h.count, part);
-      appendf(text, "tilt             RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples\n",
-              t.rmsDeg, t.medianDeg, t.maxDeg, t.count, part);
+      appendf(text, "heading          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s at any tilt (turn about the vertical)\n",
+              h.rmsDeg, h.medianDeg, h.maxDeg, h.count, part.c_str());
+      appendf(text, "tilt             RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s\n",
+              t.rmsDeg, t.medianDeg, t.maxDeg, t.count, part.c_str());
     }
   }
   if (reference.azimuth) {
     const AngleComparison& a = *reference.azimuth;
     if (a.count == 0) {
-      appendf(text, "azimuth          none: no %s sample with a reference value tilted <= %.0f deg\n", part,
+      appendf(text, "azimuth          none: %s with a reference value tilted <= %.0f deg\n", none.c_str(),
               kAzimuthMaxTiltDeg);
     } else {
-      appendf(text, "azimuth          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples tilted <= %.0f deg, heading alignment %.2f deg\n",
-              a.rmsDeg, a.medianDeg, a.maxDeg, a.count, part, kAzimuthMaxTiltDeg, a.alignmentDeg);
+      appendf(text, "azimuth          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s tilted <= %.0f deg, heading alignment %.2f deg\n",
+              a.rmsDeg, a.medianDeg, a.maxDeg, a.count, part.c_str(), kAzimuthMaxTiltDeg, a.alignmentDeg);
     }
   }
   return text;
