@@ -207,6 +207,19 @@ TEST(ReferenceComparator, JudgesFromTheWindowWhateverTheAccuracy) {
   summary.compass = CompassSummary{};
   const std::string text = formatSummary(summary, result);
   EXPECT_NE(text.find("over 200 samples from 1 s on at any tilt"), std::string::npos) << text;
+  // Nothing to report is said as such, not as zeros: no calibration, no
+  // fit, no disturbance, no heading, nothing compared.
+  for (const char* line : {"offset           none (no calibration yet)\n", "accepted fits    none\n",
+                           "soft iron        none (no calibration yet)\n", "disturbance      none flagged",
+                           "first heading    none", "heading accuracy none at accuracy 3 (never reached), final 0.0 deg"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
+  }
+  ReferenceComparison nothing = result;
+  nothing.heading->count = nothing.rotationVector->count = 0;
+  const std::string empty = formatSummary(summary, nothing);
+  EXPECT_NE(empty.find("heading          none: no sample from 1 s on with a reference value\n"), std::string::npos)
+      << empty;
+  EXPECT_EQ(empty.find("over 0 "), std::string::npos) << empty;
 }
 
 TEST(Summary, CompassLinesAndTheRateItWasJudgedAgainst) {

@@ -67,12 +67,23 @@ void appendCompass(std::string& text, const Summary& s) {
   static const char* const kModels[3] = {"none", "sphere", "ellipsoid"};
   appendf(text, "engine           compass, %s\n", c.setup.c_str());
   const auto& m = q.softIron;
-  appendf(text, "soft iron        %.4f %.4f %.4f / %.4f %.4f %.4f / %.4f %.4f %.4f (%s)\n", m[0], m[1], m[2], m[3],
-          m[4], m[5], m[6], m[7], m[8], kModels[std::clamp(q.model, 0, 2)]);
-  appendf(text, "quality          coverage %.0f %%, residual %.4f gauss, heading error estimate %.1f deg, %s\n",
-          100.0 * q.coverage, q.residual, q.calibrationHeadingError,
-          c.reasonText.empty() ? ("reason " + std::to_string(q.reason)).c_str() : c.reasonText.c_str());
-  if (q.expectedStrength > 0.0f) {
+  const bool calibrated = q.model != 0;
+  if (calibrated) {
+    appendf(text, "soft iron        %.4f %.4f %.4f / %.4f %.4f %.4f / %.4f %.4f %.4f (%s)\n", m[0], m[1], m[2], m[3],
+            m[4], m[5], m[6], m[7], m[8], kModels[std::clamp(q.model, 0, 2)]);
+  } else {
+    text += "soft iron        none (no calibration yet)\n";
+  }
+  const std::string reason = c.reasonText.empty() ? "reason " + std::to_string(q.reason) : c.reasonText;
+  if (calibrated) {
+    appendf(text, "quality          coverage %.0f %%, residual %.4f gauss, heading error estimate %.1f deg, %s\n",
+            100.0 * q.coverage, q.residual, q.calibrationHeadingError, reason.c_str());
+  } else {
+    appendf(text, "quality          coverage %.0f %%, no fit yet: %s\n", 100.0 * q.coverage, reason.c_str());
+  }
+  if (!calibrated) {
+    text += "field strength   none fitted yet\n";
+  } else if (q.expectedStrength > 0.0f) {
     appendf(text, "field strength   fitted %.4f gauss, expected %.4f gauss (field model)\n", q.fittedStrength,
             q.expectedStrength);
   } else {
@@ -234,8 +245,13 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
       appendf(text, "  and %zu more, %.2f s in all\n", s.drops.size() - kDropsListed, rest);
     }
   }
-  appendf(text, "offset           %.5f %.5f %.5f gauss\n", s.offset[0], s.offset[1], s.offset[2]);
-  appendf(text, "radius           %.5f gauss\n", s.radius);
+  if (s.compass && s.compass->last.model == 0) {
+    // The compass reports zeros before its first calibration.
+    text += "offset           none (no calibration yet)\nradius           none\n";
+  } else {
+    appendf(text, "offset           %.5f %.5f %.5f gauss\n", s.offset[0], s.offset[1], s.offset[2]);
+    appendf(text, "radius           %.5f gauss\n", s.radius);
+  }
   if (s.lastAcceptedAt) {
     appendf(text, "accepted fits    %d, last at %.2f s\n", s.acceptedFits, *s.lastAcceptedAt);
   } else {
@@ -243,6 +259,8 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
   }
   if (s.compass) {
     appendCompass(text, s);
+  } else if (s.geometry[0] == 0.0f && s.geometry[1] == 0.0f && s.geometry[2] == 0.0f) {
+    text += "field geometry   none measured (at accuracy 3 while the device is still)\n";
   } else {
     appendf(text, "field geometry   horizontal %.4f gauss, vertical %.4f gauss, inclination %.2f deg\n",
             s.geometry[0], s.geometry[1], s.geometry[2]);
