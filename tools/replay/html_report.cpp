@@ -13,6 +13,9 @@ const char* const kZ = "#1f77b4";
 const char* const kGrey = "#555555";
 const char* const kReference = "#ff7f0e";
 
+// The compass's no-heading flag (QUELTA_COMPASS_FLAG_NO_HEADING).
+constexpr uint32_t kNoHeadingFlag = 0x8u;
+
 std::shared_ptr<Envelope> envelope(double period = 0.0, double base = 0.0) {
   return std::make_shared<Envelope>(period, base);
 }
@@ -90,7 +93,9 @@ void ReportBuilder::add(const RecordedSample& sample, const ReplayRow& row) {
   accuracy_->add(t, row.accuracy);
   for (int k = 0; k < 3; ++k) offset_[k]->add(t, row.offset[k]);
   radius_->add(t, row.radius);
-  azimuth_->add(t, row.orientation[0]);
+  // While the compass reports no heading its azimuth means nothing: a gap.
+  const bool noHeading = compass_ && (row.compass.flags & kNoHeadingFlag) != 0;
+  azimuth_->add(t, noHeading ? NAN : row.orientation[0]);
   pitch_->add(t, row.orientation[1]);
   roll_->add(t, row.orientation[2]);
   for (int k = 0; k < 3; ++k) {
@@ -286,7 +291,7 @@ std::string ReportBuilder::render(const std::string& summaryText, const std::vec
   html += "</div>\n</section>\n";
 
   // Orientation.
-  Chart azimuth = timeChart("plot-azimuth", "Azimuth", "degrees");
+  Chart azimuth = timeChart("plot-azimuth", compass_ ? "Azimuth (none while the compass reports no heading)" : "Azimuth", "degrees");
   azimuth.yMin = 0.0;
   azimuth.yMax = 360.0;
   azimuth.series.push_back(line("azimuth", kZ, azimuth_));
