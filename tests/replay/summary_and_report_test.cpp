@@ -131,6 +131,12 @@ TEST(Report, CompassStateAsBandsAndHeadingAccuracyOnItsScale) {
     row.compass.headingAccuracy = heading ? 4.0f : 180.0f;
     builder.add(sample, row);
   }
+  for (int i = 0; i < 200; ++i) {
+    SampleErrors errors;  // a reference azimuth from the start
+    errors.t = 0.1 * i;
+    errors.referenceAngles = {10.0, 0.0, 0.0};
+    builder.addErrors(errors);
+  }
   const std::string html = builder.render("summary\n");
   auto svgOf = [&html](const std::string& id) {
     const size_t at = html.find("id=\"" + id + "\"");
@@ -164,6 +170,12 @@ TEST(Report, CompassStateAsBandsAndHeadingAccuracyOnItsScale) {
   }
   EXPECT_GE(top, 34.0) << d;
   EXPECT_LT(top, 60.0) << d;  // the unknown estimate is drawn in the strip at the top
+  // The azimuth starts with the first heading, a quarter of the way in
+  // (the plot spans 70 to 1180 px, the reference the whole time).
+  const std::string azimuth = svgOf("plot-azimuth");
+  std::smatch first;
+  ASSERT_TRUE(std::regex_search(azimuth, first, std::regex("class=\"line\" d=\"M([0-9.]+) ")));
+  EXPECT_NEAR(std::stod(first[1]), 70.0 + 1110.0 * 5.0 / 19.9, 2.0);
 }
 
 }  // namespace
