@@ -3,7 +3,8 @@
  *
  * The sensors here are simulated: a device turned slowly through every
  * direction in a 0.5 gauss field inclined 60 degrees, with a hard-iron
- * offset on its magnetometer, sampled at 50 Hz. A real host reads its
+ * offset on its magnetometer, sampled at 50 Hz, then held still for the
+ * last ten seconds of the minute. A real host reads its
  * sensors instead. The program prints the heading and exits with status 1
  * when the compass did not calibrate itself or reports no heading.
  *
@@ -23,8 +24,9 @@ static const double kOffset[3] = {0.12, -0.25, 0.08}; /* gauss */
 /* Accelerometer (g) and raw magnetometer (gauss) of the simulated device at
  * time t: gravity and the earth's field seen through an attitude that keeps
  * changing, plus the hard iron. */
-static void read_sensors(double t, double acc[3], double mag[3]) {
+static void read_sensors(double time, double acc[3], double mag[3]) {
   const double field[3] = {0.0, 0.25, -0.433}; /* east, north, up */
+  const double t = time < 50.0 ? time : 50.0;   /* still from 50 s on */
   const double yaw = 2.0 * kPi * 0.13 * t;
   const double pitch = 1.3 * sin(2.0 * kPi * 0.071 * t);
   const double roll = 1.1 * sin(2.0 * kPi * 0.043 * t + 1.0);
