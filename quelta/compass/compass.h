@@ -28,6 +28,8 @@ class Compass {
   CompassFilter& filter() { return filter_; }
 
  private:
+  Vec3 sharedGyroBias() const;
+
   magnetic::Calibrator calibrator_;
   CompassFilter filter_;
   magnetic::SampleOutput field_;

@@ -23,6 +23,7 @@
 #include "tools/accuracy/engines.h"
 #include "tools/accuracy/summary.h"
 #include "tools/accuracy/recording_set.h"
+#include "tools/accuracy/warm_start.h"
 #include "tools/replay/reference_comparison.h"
 
 using namespace quelta;
@@ -184,5 +185,6 @@ int main(int argc, char** argv) {
   }
   for (const Variant& variant : variants) runVariant(variant, recordings);
   compareRawWithDebiased(recordings);
+  printWarmStart(directory, recordings);
   return 0;
 }
