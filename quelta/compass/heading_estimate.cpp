@@ -13,7 +13,7 @@ HeadingEstimate::HeadingEstimate(const HeadingSettings& settings) : settings_(se
 void HeadingEstimate::reset(double biasVar) {
   hh_ = hhSeen_ = kUnknownHeadingVar;
   hb_ = 0.0;
-  bb_ = biasVar;
+  bb_ = startBiasVar_ = biasVar;
   psiLp_ = 0.0;
   psiPrimed_ = false;
   jitterSq_ = 0.0;
@@ -81,11 +81,11 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
     if (steadyTime_ < settings_.acceptTime) return c;
     // The heading knows no better than the disagreement, and the bias no
     // better than the drift that would explain it since the field was last
-    // followed.
-    hh_ += psiLp_ * psiLp_;
-    hhSeen_ += psiLp_ * psiLp_;
+    // followed (but never less than at the start).
+    hh_ = minOf(hh_ + psiLp_ * psiLp_, kUnknownHeadingVar);
+    hhSeen_ = minOf(hhSeen_ + psiLp_ * psiLp_, kUnknownHeadingVar);
     const double drift = psiLp_ / maxOf(carried_, settings_.acceptTime);
-    bb_ += drift * drift;
+    bb_ = minOf(bb_ + drift * drift, maxOf(bb_, startBiasVar_));
     steadyTime_ = 0.0;
   } else {
     steadyTime_ = 0.0;

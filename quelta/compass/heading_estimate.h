@@ -75,6 +75,7 @@ class HeadingEstimate {
   HeadingSettings settings_;
   double hh_ = 0.0, hb_ = 0.0, bb_ = 0.0;  // covariance of the heading and bias errors
   double hhSeen_ = 0.0;
+  double startBiasVar_ = 0.0;              // (rad/s)^2, what was known of the bias at the start
   double psiLp_ = 0.0;                     // rad, low-passed disagreement
   double jitterSq_ = 0.0;                  // rad^2, mean square of the readings about it
   bool psiPrimed_ = false;
