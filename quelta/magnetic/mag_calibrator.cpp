@@ -41,6 +41,7 @@ void Calibrator::reset() {
   count_ = 0;
   lastFit_ = -1e9;
   fitInterval_ = kFitInterval;
+  lastOffer_ = -1e9;
   newSinceFit_ = 0;
   recentHead_ = 0;
   recentCount_ = 0;
@@ -216,7 +217,11 @@ void Calibrator::endBlock() {
 
   bool offer = true;
   if (cal_.model != Model::None) offer = checkChange(m, up);
-  if (offer && turnedSinceOffer(up)) {
+  // Once settled with a full store, new blocks only refresh it: a few a
+  // second are plenty.
+  const bool throttled = count_ == kSlots && quality_.accuracy >= 3 && clock_ - lastOffer_ < kSettledOfferSeconds;
+  if (offer && !throttled && turnedSinceOffer(up)) {
+    lastOffer_ = clock_;
     offerCandidate(m, up);
     turnSinceOffer_ = 0.0;
     upAtOffer_ = up;

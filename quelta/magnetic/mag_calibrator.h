@@ -242,6 +242,7 @@ class Calibrator {
   int count_ = 0;
   double lastFit_ = -1e9;
   double fitInterval_ = 0.75;  // s between fits while not settled
+  double lastOffer_ = -1e9;    // clock of the last block offered to the store
   int newSinceFit_ = 0;
 
   // The last seconds of blocks, for telling a new hard iron from a
