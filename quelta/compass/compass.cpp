@@ -5,6 +5,8 @@ namespace quelta::compass {
 // The one gyroscope bias estimate the filter and the calibration share
 // (the filter's, after the previous sample).
 Vec3 Compass::sharedGyroBias() const { return filter_.output().gyroBias; }
+// How far that estimate may be off, rad/s (1-sigma).
+double Compass::sharedGyroBiasSigma() const { return 0.01; }
 
 void Compass::reset() {
   calibrator_.reset();
@@ -16,6 +18,12 @@ void Compass::update(double t, const Vec3& acc, const Vec3* rawField, const Vec3
   FieldQuality quality;
   const magnetic::Quality& q = calibrator_.quality();
   if (rawField == nullptr) {
+    // The turn still belongs to the calibration's evidence.
+    if (gyro != nullptr) {
+      const Vec3 w = *gyro - sharedGyroBias();
+      const double rate[3] = {w.x, w.y, w.z};
+      calibrator_.rotate(t, rate);
+    }
     quality.calibrationAccuracy = q.accuracy;
     quality.calibrationHeadingErrorDeg = q.accuracy > 0 ? q.headingErrorDeg : 0.0;
     filter_.update(t, acc, nullptr, quality, gyro);
@@ -26,6 +34,7 @@ void Compass::update(double t, const Vec3& acc, const Vec3* rawField, const Vec3
   double rate[3];
   if (gyro != nullptr) {
     const Vec3 w = *gyro - sharedGyroBias();
+    calibrator_.setGyroBiasSigma(sharedGyroBiasSigma());
     rate[0] = w.x;
     rate[1] = w.y;
     rate[2] = w.z;

@@ -78,18 +78,8 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   SampleOutput out;
   calChanged_ = false;
 
-  // Clock: only forward, gaps clamped.
-  double dt = 0.0;
-  if (std::isfinite(t)) {
-    if (haveT_) {
-      dt = t - lastT_;
-      if (!(dt > 0.0)) dt = 0.0;
-      if (dt > kMaxGap) dt = kMaxGap;
-    }
-    lastT_ = t;
-    haveT_ = true;
-  }
-  clock_ += dt;
+  double interval = 0.0;
+  const double dt = advanceClock(t, interval);
 
   // Gravity.
   double accDev = 1.0;
@@ -125,15 +115,7 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   if (quality_.reason == Reason::NoSamples) quality_.reason = Reason::Collecting;
 
   // The rotation since the last sample: evidence about the offset.
-  if (gyro != nullptr) {
-    const Vec3d w{gyro[0], gyro[1], gyro[2]};
-    if (isFinite(w)) {
-      rotation_.update(dt, m, w);
-      if (inconsistentSince_ >= 0.0) sinceChange_.update(dt, m, w);
-      turnSinceOffer_ += norm(w) * dt;
-      haveGyro_ = true;
-    }
-  }
+  if (gyro != nullptr) turn(interval, dt, &m, gyro);
 
   // Block averaging.
   if (blockCount_ == 0) {
@@ -235,6 +217,38 @@ void Calibrator::endBlock() {
   } else {
     updateQuality(nullptr);
   }
+}
+
+double Calibrator::advanceClock(double t, double& interval) {
+  // Only forward, gaps clamped; interval is the true one (0 when unknown).
+  double dt = 0.0;
+  interval = 0.0;
+  if (std::isfinite(t)) {
+    if (haveT_) {
+      interval = t - lastT_;
+      if (!(interval > 0.0)) interval = 0.0;
+      dt = interval > kMaxGap ? kMaxGap : interval;
+    }
+    lastT_ = t;
+    haveT_ = true;
+  }
+  clock_ += dt;
+  return dt;
+}
+
+void Calibrator::rotate(double t, const double gyro[3]) {
+  double interval = 0.0;
+  const double dt = advanceClock(t, interval);
+  if (gyro != nullptr) turn(interval, dt, nullptr, gyro);
+}
+
+void Calibrator::turn(double interval, double dt, const Vec3d* field, const double gyro[3]) {
+  const Vec3d w{gyro[0], gyro[1], gyro[2]};
+  if (!isFinite(w)) return;
+  rotation_.update(interval, field, w);
+  if (inconsistentSince_ >= 0.0) sinceChange_.update(interval, field, w);
+  turnSinceOffer_ += norm(w) * dt;
+  haveGyro_ = true;
 }
 
 bool Calibrator::turnedSinceOffer(Vec3d up) const {

@@ -116,12 +116,22 @@ class Calibrator {
   // Forgets everything but the expected field.
   void reset();
   void setExpectedField(const ExpectedField& f) { expected_ = f; }
+  // How far the gyroscope bias removed from the rates may still be off
+  // (rad/s, 1-sigma; 0.01 unless told).
+  void setGyroBiasSigma(double radPerS) {
+    rotation_.setRateError(radPerS);
+    sinceChange_.setRateError(radPerS);
+  }
   const ExpectedField& expectedField() const { return expected_; }
 
   // One sample: t in seconds (any origin, may be irregular), the raw field in
   // gauss, the accelerometer (any unit, up at rest) or nullptr, and the
   // gyroscope (rad/s, its bias already removed) or nullptr.
   SampleOutput update(double t, const double mag[3], const double acc[3], const double gyro[3] = nullptr);
+
+  // A gyroscope sample (rad/s, bias removed) at t without a field sample:
+  // the turn counts towards the next field sample's evidence.
+  void rotate(double t, const double gyro[3]);
 
   const Calibration& calibration() const { return cal_; }
   const Quality& quality() const { return quality_; }
@@ -157,6 +167,9 @@ class Calibrator {
   void removeNearestLinks(int index);
   void refreshNearest(int index);
   void refit();
+  // Advances the clock to t; returns the clamped step, interval the true one.
+  double advanceClock(double t, double& interval);
+  void turn(double interval, double dt, const Vec3d* field, const double gyro[3]);
   // Whether a fit explains the evidence clearly better than the calibration
   // in use (never worse than none: the raw field until then).
   bool clearlyBetter(const FitResult& r) const;
