@@ -101,13 +101,13 @@ TEST(RotationEvidence, TurnsDetermineTheComponentsAcrossTheirAxisAndStillnessNot
 // for the given time; with gyro, the exact mean body rate of each interval.
 template <typename Motion>
 void run(Calibrator& cal, SoftIronDevice& dev, Motion motion, double from, double to, bool gyro,
-         quelta::sim::Vec3 gradientEnu = {}) {
+         quelta::sim::Vec3 gradientEnu = {}, double gradientRate = 0.2) {
   double mag[3], acc[3];
   Quat last = motion(from - 1.0 / kRate);
   for (double t = from; t < to; t += 1.0 / kRate) {
     const Quat q = motion(t);
     // The gradient: the field changes along the path, as sliding past iron.
-    const double s = std::sin(0.2 * t);
+    const double s = std::sin(gradientRate * (t - from));
     dev.read(q, mag, acc, {gradientEnu.x * s, gradientEnu.y * s, gradientEnu.z * s});
     const Vec3d w = bodyRate(last, q, 1.0 / kRate);
     const double rate[3] = {w.x, w.y, w.z};
@@ -173,6 +173,24 @@ TEST(MagneticCalibration, GyroscopeCalibratesARawPhoneTurningAboutTheVerticalAnd
   if (norm(cal.calibration().offset - truth) > 0.05) EXPECT_GT(cal.quality().headingErrorDeg, 8.0);
   run(cal, dev, quelta::sim::textingMotion, 103.0, 115.0, true);
   EXPECT_LT(norm(cal.calibration().offset - truth), 0.02);
+}
+
+TEST(MagneticCalibration, WithTheGyroscopeAPassingDisturbanceLeavesTheOffsetAndANewMagnetIsAdopted) {
+  const quelta::sim::Vec3 hardIron{0.31, -0.42, 1.95};
+  SoftIronDevice dev = plainDevice(hardIron);
+  static Calibrator cal;
+  cal.reset();
+  run(cal, dev, quelta::sim::unevenHandMotion, 0.0, 40.0, true);
+  const Vec3d before = cal.calibration().offset;
+  ASSERT_LT(norm(before - Vec3d{hardIron.x, hardIron.y, hardIron.z}), 0.02);
+  // Walking past iron for 8 s while texting: 0.15 gauss on and off.
+  run(cal, dev, quelta::sim::textingMotion, 40.0, 48.0, true, {0.15, -0.1, 0.1}, 0.39);
+  run(cal, dev, quelta::sim::textingMotion, 48.0, 60.0, true);
+  EXPECT_LT(norm(cal.calibration().offset - before), 0.03);
+  // A magnet fixed to the device: a new offset, found from the turns.
+  dev.hardIron = {hardIron.x + 0.1, hardIron.y - 0.05, hardIron.z + 0.3};
+  run(cal, dev, quelta::sim::unevenHandMotion, 60.0, 100.0, true);
+  EXPECT_LT(norm(cal.calibration().offset - Vec3d{dev.hardIron.x, dev.hardIron.y, dev.hardIron.z}), 0.02);
 }
 
 }  // namespace
