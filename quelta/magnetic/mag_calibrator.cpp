@@ -107,15 +107,16 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
 
   const Vec3d m{mag ? mag[0] : 0.0, mag ? mag[1] : 0.0, mag ? mag[2] : 0.0};
   const double mn = norm(m);
-  if (mag == nullptr || !isFinite(m) || !(mn > 1e-9) || !(mn < 100.0)) {
+  const bool valid = mag != nullptr && isFinite(m) && mn > 1e-9 && mn < 100.0;
+  // The rotation since the last sample: evidence about the offset (the turn
+  // counts even when this field sample is unusable).
+  if (gyro != nullptr) turn(interval, dt, valid ? &m : nullptr, gyro);
+  if (!valid) {
     out.accuracy = quality_.accuracy;
     return out;
   }
   out.valid = true;
   if (quality_.reason == Reason::NoSamples) quality_.reason = Reason::Collecting;
-
-  // The rotation since the last sample: evidence about the offset.
-  if (gyro != nullptr) turn(interval, dt, &m, gyro);
 
   // Block averaging.
   if (blockCount_ == 0) {
