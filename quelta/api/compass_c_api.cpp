@@ -2,6 +2,7 @@
 #include <cmath>
 #include <new>
 
+#include "quelta/api/compass_c_units.h"
 #include "quelta/api/magnetic_c_convert.h"
 #include "quelta/compass/compass.h"
 #include "quelta/quelta_compass.h"
@@ -40,6 +41,7 @@ QUELTA_LAYER_API int32_t quelta_compass_init(quelta_compass* state) {
   if (state == nullptr) return -1;
   new (place(state)) Compass();
   state->opaque[0] = kMagic;
+  quelta::api::openDoor(state);
   return 0;
 }
 
@@ -61,7 +63,7 @@ QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state
                                                            double dip_deg) {
   Compass* c = self(state);
   if (c == nullptr) return -1;
-  c->setExpectedField(quelta::api::expectedFieldOf(strength_gauss, dip_deg));
+  c->setExpectedField(quelta::api::expectedFieldOf(strength_gauss / quelta::api::fieldPerGauss(state), dip_deg));
   return 0;
 }
 
@@ -69,11 +71,10 @@ QUELTA_LAYER_API int32_t quelta_compass_update(quelta_compass* state, double t, 
                                                const double* raw_field, const double* gyro) {
   Compass* c = self(state);
   if (c == nullptr || acc == nullptr) return -1;
-  const quelta::compass::Vec3 a{acc[0], acc[1], acc[2]};
-  quelta::compass::Vec3 m, g;
-  if (raw_field != nullptr) m = {raw_field[0], raw_field[1], raw_field[2]};
-  if (gyro != nullptr) g = {gyro[0], gyro[1], gyro[2]};
-  c->update(t, a, raw_field != nullptr ? &m : nullptr, gyro != nullptr ? &g : nullptr);
+  quelta::api::DoorSample s;
+  const int32_t units = quelta::api::enterDoor(state, t, acc, raw_field, gyro, s);
+  if (units != 0) return units;
+  c->update(s.t, s.acc, raw_field != nullptr ? &s.field : nullptr, gyro != nullptr ? &s.gyro : nullptr);
   return 0;
 }
 
@@ -90,11 +91,10 @@ QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state,
     q.calibrationAccuracy = quality->calibration_accuracy;
     q.calibrationHeadingErrorDeg = quality->calibration_heading_error_deg;
   }
-  const quelta::compass::Vec3 a{acc[0], acc[1], acc[2]};
-  quelta::compass::Vec3 m, g;
-  if (field != nullptr) m = {field[0], field[1], field[2]};
-  if (gyro != nullptr) g = {gyro[0], gyro[1], gyro[2]};
-  c->filter().update(t, a, field != nullptr ? &m : nullptr, q, gyro != nullptr ? &g : nullptr);
+  quelta::api::DoorSample s;
+  const int32_t units = quelta::api::enterDoor(state, t, acc, field, gyro, s);
+  if (units != 0) return units;
+  c->filter().update(s.t, s.acc, field != nullptr ? &s.field : nullptr, q, gyro != nullptr ? &s.gyro : nullptr);
   return 0;
 }
 
@@ -117,6 +117,7 @@ QUELTA_LAYER_API int32_t quelta_compass_get_output(const quelta_compass* state, 
   out->heading_accuracy_deg = o.headingAccuracyDeg;
   out->accuracy = o.accuracy;
   out->flags = o.flags;
+  quelta::api::leaveDoor(state, out);
   return 0;
 }
 

@@ -51,7 +51,8 @@ size_t replayCompassStream(const SampleSource& source, size_t total, const Compa
     // A sample without a gyroscope reading (empty or nan) gets none.
     const bool gyro = options.feedGyro && sample.hasGyro && std::isfinite(sample.gyro[0]) &&
                       std::isfinite(sample.gyro[1]) && std::isfinite(sample.gyro[2]);
-    quelta_compass_update(state.get(), sample.t, sample.acc.data(), sample.mag.data(),
+    // A row without a field reading (a sensor at a lower rate) gives none.
+    quelta_compass_update(state.get(), sample.t, sample.acc.data(), sample.hasMag ? sample.mag.data() : nullptr,
                           gyro ? sample.gyro.data() : nullptr);
     quelta_compass_get_output(state.get(), &out);
     quelta_compass_get_field(state.get(), &field);
@@ -60,6 +61,7 @@ size_t replayCompassStream(const SampleSource& source, size_t total, const Compa
 
     row = ReplayRow{};
     row.t = sample.t;
+    row.fieldMissing = !sample.hasMag;
     // The calibration's accuracy, as the fixed pipelines' column means it.
     row.accuracy = quality.accuracy;
     row.newCalibration = field.new_calibration != 0;

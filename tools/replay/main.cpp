@@ -109,9 +109,19 @@ int run(const Options& options) {
   // The recording streams; its first samples are read ahead for the
   // sample interval the library is initialised with and the units check.
   RecordingReader reader;
-  if (!reader.open(recordingPath, options.units)) return fail(reader.error().describe());
+  if (!reader.open(recordingPath, options.units, options.columns)) {
+    std::string message = reader.error().describe();
+    if (reader.error().message.rfind("missing required column", 0) == 0 && options.columns.rename.empty()) {
+      message += "\n(--columns names the columns a logger calls otherwise: --columns t=timestamp_ns,ax=acc_x,...)";
+    }
+    return fail(message);
+  }
   const std::vector<RecordedSample>& first = reader.peek(kUnitsCheckSamples);
   if (reader.failed()) return fail(reader.error().describe());
+  const auto firstField = std::find_if(first.begin(), first.end(), [](const RecordedSample& s) { return s.hasMag; });
+  if (firstField == first.end()) {
+    return fail("no field reading (mx my mz) in the first " + std::to_string(first.size()) + " rows");
+  }
   for (const std::string& warning : checkUnits(first, options.units)) {
     std::fprintf(stderr, "quelta-replay: warning: %s\n", warning.c_str());
   }
@@ -160,6 +170,7 @@ int run(const Options& options) {
   DriverOptions driver;
   driver.setup = setup;
   driver.logMode = options.logMode;
+  driver.firstField = firstField->mag;
   if (log) {
     if (!log->open(problem)) return fail(problem);
     setLogStream(log->stream());
@@ -175,6 +186,7 @@ int run(const Options& options) {
   SummaryBuilder summaryBuilder(name, period);
   if (compass) summaryBuilder.setCompass(compassSetup);
   ReferenceComparator comparator(hasGyro, hasAttitude, rateFromAttitude);
+  comparator.judgeFrom(kJudgeFromS);
   std::unique_ptr<ReportBuilder> reportBuilder;
   if (report) {
     reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);
