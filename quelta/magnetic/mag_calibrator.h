@@ -5,10 +5,16 @@
 // so the calibrator works at any sample rate and with irregular timestamps.
 //
 // How it works
+//  * With a gyroscope, every pair of readings about half a second apart adds
+//    a row of the rotation's evidence (RotationEvidence): the field must turn
+//    as the device turns, which is linear in the offset and says which of
+//    its components are known and how well.
 //  * Samples are averaged over short blocks (kBlockSeconds) together with the
 //    accelerometer; a block becomes a candidate for a store of kSlots samples
 //    chosen for diversity of direction (a candidate close to a stored sample
-//    refreshes it, a new direction takes the most crowded slot when full).
+//    refreshes it, a new direction takes the most crowded slot when full),
+//    but only after a turn: a field that changes while the device does not
+//    turn is the environment.
 //  * The fit (Gauss-Newton, robust weights) finds the offset c, a symmetric
 //    soft-iron matrix W (det 1), the field strength R and its vertical
 //    component V so that |W (m - c)| = R and (W (m - c)) . up = V. The second
@@ -18,13 +24,23 @@
 //    adds priors on R and V. W is fitted only when the stored directions
 //    cover the sphere well enough (ellipsoid model), else it is kept (sphere
 //    model, offset only).
+//  * Never worse than none: until a fit is adopted the raw field is used as
+//    it comes while its strength is the Earth's. A fit replaces the
+//    calibration in use only when it explains the evidence clearly better
+//    (the rotations' chi-square; without a gyroscope the stored strengths),
+//    moves it along directions the rotations leave open by no more than a
+//    sensor's own uncertainty, and is rolled back when the rotations later
+//    prefer the one before.
 //  * The heading error that the calibration leaves is propagated from the
-//    fit's covariance over the orientations seen; it sets the accuracy.
+//    fit's covariance (the rotations' information included) over the
+//    orientations seen, plus the offset difference the rotations see and a
+//    restored calibration's possible drift; it sets the accuracy.
 //  * A new hard iron (a magnet fixed to the device) keeps the field's
 //    strength and dip but moves every sample off the fitted sphere; a passing
 //    disturbance changes strength or dip. While the stored model is
 //    contradicted, a second fit over the last few seconds with the strength
-//    and dip held tells the two apart and adopts the new offset quickly.
+//    and dip held tells the two apart and adopts the new offset quickly
+//    (with a gyroscope only when the turns since the change pin it).
 //  * Per sample, the disturbance score compares the smoothed strength and
 //    dip with the fitted ones (which an expected field pulls towards the
 //    model's values through the fit's priors).
