@@ -6,7 +6,9 @@ namespace quelta::magnetic {
 namespace {
 
 constexpr double kPairSeconds = 0.5;      // s between the two readings of a row
-constexpr double kPairMaxAngle = 0.5;     // rad: a faster turn closes the row early (integration stays exact)
+// A turn past 0.5 rad closes the row early (the integration stays exact):
+// sin^2 of half that angle, the test on the quaternion's vector part.
+constexpr double kPairMaxSinHalfSq = 0.06120871905481365;
 constexpr double kMaxStep = 0.5;          // s: a longer gap between samples abandons the row
 constexpr double kFieldNoise = 0.004;     // gauss, one reading's noise (phones and boards at 50 Hz)
 constexpr double kEarthField = 0.5;       // gauss, |m - c|: the size of the field that the rotation turns
@@ -91,7 +93,7 @@ void RotationEvidence::update(double dt, const Vec3d* field, const Vec3d& rate) 
   elapsed_ += dt;
   const double sinHalfSq = q_[1] * q_[1] + q_[2] * q_[2] + q_[3] * q_[3];
   if (field != nullptr &&
-      (elapsed_ >= kPairSeconds || sinHalfSq >= std::sin(0.5 * kPairMaxAngle) * std::sin(0.5 * kPairMaxAngle))) {
+      (elapsed_ >= kPairSeconds || sinHalfSq >= kPairMaxSinHalfSq)) {
     closePair(*field);
     // The second reading starts the next row.
     first_ = *field;
