@@ -29,6 +29,7 @@ class Compass {
 
  private:
   Vec3 sharedGyroBias() const;
+  double sharedGyroBiasSigma() const;
 
   magnetic::Calibrator calibrator_;
   CompassFilter filter_;
