@@ -48,6 +48,32 @@ typedef struct quelta_compass_field_quality {
 #define QUELTA_COMPASS_FLAG_NO_HEADING 0x8u
 #define QUELTA_COMPASS_FLAG_GYROSCOPE 0x10u
 #define QUELTA_COMPASS_FLAG_RESTING 0x20u
+#define QUELTA_COMPASS_FLAG_GYROSCOPE_LEFT_OUT 0x40u /* the gyroscope is stuck, dead or its bias unlearnable: not used */
+#define QUELTA_COMPASS_FLAG_FIELD_LEFT_OUT 0x80u     /* a field axis is stuck or clipped: the field is not used */
+#define QUELTA_COMPASS_FLAG_TIME_RESTART 0x100u      /* this sample set restarted the time base (see below) */
+
+/* Return codes. 0 is success; -1 a null or uninitialised state (or a null
+ * required pointer). A sample set with a value no sensor can deliver is
+ * refused whole and leaves no trace in any state; the code names the input:
+ *   QUELTA_COMPASS_ERROR_TIME           t not finite
+ *   QUELTA_COMPASS_ERROR_ACCELEROMETER  acc not finite, or |acc| beyond 32 g
+ *   QUELTA_COMPASS_ERROR_FIELD          field not finite, or beyond 10 gauss
+ *                                       once calibrated
+ *   QUELTA_COMPASS_ERROR_GYROSCOPE      gyro not finite, or beyond 2000 deg/s
+ *                                       (34.9 rad/s) on some axis
+ *   QUELTA_COMPASS_ERROR_QUALITY        a field quality out of range
+ *                                       (accuracy 0..3, score >= 0, heading
+ *                                       error 0..180 degrees, all finite)
+ *   QUELTA_COMPASS_ERROR_SETTING        a setting not finite or out of range
+ *                                       (the previous value is kept) */
+#define QUELTA_COMPASS_OK 0
+#define QUELTA_COMPASS_ERROR_STATE (-1)
+#define QUELTA_COMPASS_ERROR_TIME (-2)
+#define QUELTA_COMPASS_ERROR_ACCELEROMETER (-3)
+#define QUELTA_COMPASS_ERROR_FIELD (-4)
+#define QUELTA_COMPASS_ERROR_GYROSCOPE (-5)
+#define QUELTA_COMPASS_ERROR_QUALITY (-6)
+#define QUELTA_COMPASS_ERROR_SETTING (-7)
 
 typedef struct quelta_compass_output {
   double t;                    /* s, time of the last sample */
@@ -68,21 +94,43 @@ typedef struct quelta_compass_output {
 QUELTA_LAYER_API int32_t quelta_compass_init(quelta_compass* state);
 /* Forgets the attitude, keeps tuning and declination. Returns 0 or -1. */
 QUELTA_LAYER_API int32_t quelta_compass_reset(quelta_compass* state);
-/* Declination in degrees east: headings then refer to true north. */
+/* Declination in degrees east (-180..180): headings then refer to true
+ * north. Returns 0, -1, or QUELTA_COMPASS_ERROR_SETTING. */
 QUELTA_LAYER_API int32_t quelta_compass_set_declination(quelta_compass* state, double declination_deg);
 /* The field expected at the device's location (e.g. from the field model):
  * strength in gauss, dip in degrees (positive below the horizon). Helps the
- * calibration; an invalid pair forgets it. Returns 0 or -1. */
+ * calibration. A strength of zero or less forgets it; otherwise the
+ * strength must lie within 0.15..0.8 gauss and the dip within -90..90
+ * degrees. Returns 0, -1, or QUELTA_COMPASS_ERROR_SETTING. */
 QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state, double strength_gauss,
                                                            double dip_deg);
 /* One sample set at time t (s): acc in g (3), raw magnetometer in gauss (3,
  * or null when this set has none), gyro in rad/s (3, or null). Returns 0,
- * or -1 for a null or uninitialised state or null acc. */
+ * -1 for a null or uninitialised state or null acc, or a
+ * QUELTA_COMPASS_ERROR_* code of a refused sample set.
+ *
+ * Time: t is the host's clock, any origin. The compass follows it while it
+ * moves forward by up to a few sample periods (five, and at least 0.1 s).
+ *   - A step back or a repeated time restarts the time base: the sample set
+ *     counts as one sample period after the last, the host's clock is
+ *     followed from there; attitude, bias and calibration carry on.
+ *   - A longer step forward is a gap: nothing is propagated across it; the
+ *     attitude is found again from the next samples (as at the start, from
+ *     the accelerometer and the field), the calibration is kept.
+ * Both set QUELTA_COMPASS_FLAG_TIME_RESTART on that sample set's output.
+ *
+ * Sensors: a gyroscope that repeats one reading exactly (zeros included)
+ * while the field or gravity turn, or whose bias cannot be learnt within
+ * 0.2 rad/s, is left out (QUELTA_COMPASS_FLAG_GYROSCOPE_LEFT_OUT) and the
+ * compass tracks without it until it reads again / its bias is plausible.
+ * A field with an axis stuck or clipped while the device turns is left out
+ * (QUELTA_COMPASS_FLAG_FIELD_LEFT_OUT) until no axis has been for 2 s. */
 QUELTA_LAYER_API int32_t quelta_compass_update(quelta_compass* state, double t, const double* acc,
                                                const double* raw_field, const double* gyro);
 /* As quelta_compass_update with a field the host has calibrated itself (3,
  * or null) and what it knows of it (or null: calibrated, not disturbed);
- * the layer's calibration is bypassed. */
+ * the layer's calibration is bypassed. The same checks and codes as
+ * quelta_compass_update, and QUELTA_COMPASS_ERROR_QUALITY. */
 QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state, double t, const double* acc,
                                                           const double* field,
                                                           const quelta_compass_field_quality* quality,

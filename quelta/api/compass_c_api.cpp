@@ -52,7 +52,8 @@ QUELTA_LAYER_API int32_t quelta_compass_reset(quelta_compass* state) {
 
 QUELTA_LAYER_API int32_t quelta_compass_set_declination(quelta_compass* state, double declination_deg) {
   Compass* c = self(state);
-  if (c == nullptr || !std::isfinite(declination_deg)) return -1;
+  if (c == nullptr) return -1;
+  if (!std::isfinite(declination_deg) || std::fabs(declination_deg) > 180.0) return QUELTA_COMPASS_ERROR_SETTING;
   c->setDeclination(declination_deg);
   return 0;
 }
@@ -61,6 +62,10 @@ QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state
                                                            double dip_deg) {
   Compass* c = self(state);
   if (c == nullptr) return -1;
+  // Zero or negative strength forgets the expected field; anything else must
+  // be a field the earth could have.
+  const bool forget = std::isfinite(strength_gauss) && strength_gauss <= 0.0;
+  if (!forget && !quelta::api::plausibleExpectedField(strength_gauss, dip_deg)) return QUELTA_COMPASS_ERROR_SETTING;
   c->setExpectedField(quelta::api::expectedFieldOf(strength_gauss, dip_deg));
   return 0;
 }
@@ -73,8 +78,7 @@ QUELTA_LAYER_API int32_t quelta_compass_update(quelta_compass* state, double t, 
   quelta::compass::Vec3 m, g;
   if (raw_field != nullptr) m = {raw_field[0], raw_field[1], raw_field[2]};
   if (gyro != nullptr) g = {gyro[0], gyro[1], gyro[2]};
-  c->update(t, a, raw_field != nullptr ? &m : nullptr, gyro != nullptr ? &g : nullptr);
-  return 0;
+  return c->update(t, a, raw_field != nullptr ? &m : nullptr, gyro != nullptr ? &g : nullptr);
 }
 
 QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state, double t, const double* acc,
@@ -85,6 +89,11 @@ QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state,
   if (c == nullptr || acc == nullptr) return -1;
   quelta::compass::FieldQuality q;
   if (quality != nullptr) {
+    if (!std::isfinite(quality->disturbance_score) || !std::isfinite(quality->calibration_heading_error_deg) ||
+        quality->disturbance_score < 0.0 || quality->calibration_heading_error_deg < 0.0 ||
+        quality->calibration_heading_error_deg > 180.0 || quality->calibration_accuracy < 0 ||
+        quality->calibration_accuracy > 3)
+      return QUELTA_COMPASS_ERROR_QUALITY;
     q.disturbed = quality->disturbed != 0;
     q.disturbanceScore = quality->disturbance_score;
     q.calibrationAccuracy = quality->calibration_accuracy;
@@ -94,8 +103,7 @@ QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state,
   quelta::compass::Vec3 m, g;
   if (field != nullptr) m = {field[0], field[1], field[2]};
   if (gyro != nullptr) g = {gyro[0], gyro[1], gyro[2]};
-  c->filter().update(t, a, field != nullptr ? &m : nullptr, q, gyro != nullptr ? &g : nullptr);
-  return 0;
+  return c->updateCalibrated(t, a, field != nullptr ? &m : nullptr, q, gyro != nullptr ? &g : nullptr);
 }
 
 QUELTA_LAYER_API int32_t quelta_compass_get_output(const quelta_compass* state, quelta_compass_output* out) {

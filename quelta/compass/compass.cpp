@@ -6,9 +6,48 @@ void Compass::reset() {
   calibrator_.reset();
   filter_.reset();
   field_ = magnetic::SampleOutput{};
+  guard_.reset();
+  health_.reset();
+  out_ = CompassOutput{};
 }
 
-void Compass::update(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
+int32_t Compass::update(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
+  // Fault handling: the door, the time base, the sensors' health.
+  Vec3 calibrated;
+  if (rawField != nullptr) {
+    const quelta::Vec3d c = calibrator_.apply(quelta::Vec3d{rawField->x, rawField->y, rawField->z});
+    calibrated = {c.x, c.y, c.z};
+  }
+  const Refusal refused = guard_.check(t, acc, rawField != nullptr ? &calibrated : nullptr, gyro);
+  if (refused != Refusal::None) return static_cast<int32_t>(refused);
+  const TimeStep step = admit(t, acc, rawField, gyro);
+  feed(step.t, acc, health_.fieldUsable() ? rawField : nullptr, health_.gyroUsable() ? gyro : nullptr);
+  publish(t, step, gyro);
+  return 0;
+}
+
+int32_t Compass::updateCalibrated(double t, const Vec3& acc, const Vec3* field, const FieldQuality& quality,
+                                  const Vec3* gyro) {
+  const Refusal refused = guard_.check(t, acc, field, gyro);
+  if (refused != Refusal::None) return static_cast<int32_t>(refused);
+  const TimeStep step = admit(t, acc, field, gyro);
+  field_ = magnetic::SampleOutput{};
+  filter_.update(step.t, acc, health_.fieldUsable() ? field : nullptr, quality,
+                 health_.gyroUsable() ? gyro : nullptr);
+  publish(t, step, gyro);
+  return 0;
+}
+
+// An accepted sample set onto the time base: after a gap nothing is
+// propagated, the attitude is found again (the calibration stays).
+TimeStep Compass::admit(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
+  const TimeStep step = guard_.admit(t);
+  if (step.gap) filter_.reset();
+  health_.observe(step.dt, acc, rawField, gyro);
+  return step;
+}
+
+void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
   FieldQuality quality;
   const magnetic::Quality& q = calibrator_.quality();
   if (rawField == nullptr) {
@@ -30,6 +69,18 @@ void Compass::update(double t, const Vec3& acc, const Vec3* rawField, const Vec3
   const bool usable = field_.valid && field_.accuracy >= 1;
   const Vec3 calibrated{field_.calibrated.x, field_.calibrated.y, field_.calibrated.z};
   filter_.update(t, acc, usable ? &calibrated : nullptr, quality, gyro);
+}
+
+// The filter's output as the host sees it: the host's time, and what the
+// fault handling did.
+void Compass::publish(double hostTime, const TimeStep& step, const Vec3* gyro) {
+  const CompassOutput& o = filter_.output();
+  if (health_.afterFilter(step.dt, o.gyroBias, o.rate, gyro)) filter_.reset();
+  out_ = filter_.output();
+  out_.t = hostTime;
+  if (step.restart || step.gap) out_.flags |= kFlagTimeRestart;
+  if (gyro != nullptr && !health_.gyroUsable()) out_.flags |= kFlagGyroscopeLeftOut;
+  if (!health_.fieldUsable()) out_.flags |= kFlagFieldLeftOut;
 }
 
 }  // namespace quelta::compass
