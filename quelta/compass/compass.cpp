@@ -20,7 +20,7 @@ int32_t Compass::update(double t, const Vec3& acc, const Vec3* rawField, const V
   }
   const Refusal refused = guard_.check(t, acc, rawField != nullptr ? &calibrated : nullptr, gyro);
   if (refused != Refusal::None) return static_cast<int32_t>(refused);
-  const TimeStep step = admit(t, acc, rawField, gyro);
+  const TimeStep step = admit(t, acc, rawField, rawField != nullptr ? &calibrated : nullptr, gyro);
   feed(step.t, acc, health_.fieldUsable() ? rawField : nullptr, health_.gyroUsable() ? gyro : nullptr);
   publish(t, step, gyro);
   return 0;
@@ -30,7 +30,7 @@ int32_t Compass::updateCalibrated(double t, const Vec3& acc, const Vec3* field, 
                                   const Vec3* gyro) {
   const Refusal refused = guard_.check(t, acc, field, gyro);
   if (refused != Refusal::None) return static_cast<int32_t>(refused);
-  const TimeStep step = admit(t, acc, field, gyro);
+  const TimeStep step = admit(t, acc, field, field, gyro);
   field_ = magnetic::SampleOutput{};
   filter_.update(step.t, acc, health_.fieldUsable() ? field : nullptr, quality,
                  health_.gyroUsable() ? gyro : nullptr);
@@ -40,10 +40,12 @@ int32_t Compass::updateCalibrated(double t, const Vec3& acc, const Vec3* field, 
 
 // An accepted sample set onto the time base: after a gap nothing is
 // propagated, the attitude is found again (the calibration stays).
-TimeStep Compass::admit(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
+TimeStep Compass::admit(double t, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField,
+                        const Vec3* gyro) {
   const TimeStep step = guard_.admit(t);
   if (step.gap) filter_.reset();
-  health_.observe(step.dt, acc, rawField, gyro);
+  health_.observe(step.dt, acc, rawField, calibratedField, gyro);
+  if (health_.takeGyroscopeBack()) filter_.reset();
   return step;
 }
 
@@ -59,6 +61,7 @@ void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* 
   const double raw[3] = {rawField->x, rawField->y, rawField->z};
   const double a[3] = {acc.x, acc.y, acc.z};
   field_ = calibrator_.update(t, raw, a);
+  if (field_.newCalibration) health_.calibrationChanged();
   quality.calibrationAccuracy = field_.accuracy;
   quality.disturbed = field_.disturbed;
   quality.disturbanceScore = field_.disturbance;
@@ -74,13 +77,20 @@ void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* 
 // The filter's output as the host sees it: the host's time, and what the
 // fault handling did.
 void Compass::publish(double hostTime, const TimeStep& step, const Vec3* gyro) {
-  const CompassOutput& o = filter_.output();
-  if (health_.afterFilter(step.dt, o.gyroBias, o.rate, gyro)) filter_.reset();
   out_ = filter_.output();
   out_.t = hostTime;
   if (step.restart || step.gap) out_.flags |= kFlagTimeRestart;
   if (gyro != nullptr && !health_.gyroUsable()) out_.flags |= kFlagGyroscopeLeftOut;
   if (!health_.fieldUsable()) out_.flags |= kFlagFieldLeftOut;
+  // A gyroscope that disagrees with gravity and the field, not yet left
+  // out: the heading may be off by what they disagree by.
+  const double doubt = health_.headingDoubtDeg();
+  if (doubt > 0.0) {
+    out_.headingAccuracyDeg = std::fmin(180.0, std::hypot(out_.headingAccuracyDeg, doubt));
+    const double a = out_.headingAccuracyDeg;
+    const int level = a <= 10.0 ? 3 : (a <= 20.0 ? 2 : (a <= 45.0 ? 1 : 0));
+    if (level < out_.accuracy) out_.accuracy = level;
+  }
 }
 
 }  // namespace quelta::compass

@@ -18,27 +18,55 @@ double angleDeg(const Vec3& a, const Vec3& b) {
   return std::atan2(norm(cross(a, b)), dot(a, b)) / kDeg;
 }
 
-double largestAxis(const Vec3& v) { return std::fmax(std::fabs(v.x), std::fmax(std::fabs(v.y), std::fabs(v.z))); }
+
+// The attitude gravity and the field give (rows east, north, up in device
+// coordinates); false when they are parallel or missing.
+bool frameOf(const Vec3& gravity, const Vec3& field, Vec3 rows[3]) {
+  const double ng = norm(gravity);
+  if (!(ng > 0.0)) return false;
+  const Vec3 up = (1.0 / ng) * gravity;
+  Vec3 east = cross(field, up);
+  const double ne = norm(east);
+  if (!(ne > 1e-3 * norm(field))) return false;
+  east = (1.0 / ne) * east;
+  rows[0] = east;
+  rows[1] = cross(up, east);
+  rows[2] = up;
+  return true;
+}
+
+// The angle of the rotation between two such attitudes, degrees.
+double rotationDeg(const Vec3 a[3], const Vec3 b[3]) {
+  const double trace = dot(a[0], b[0]) + dot(a[1], b[1]) + dot(a[2], b[2]);
+  return std::acos(std::fmax(-1.0, std::fmin(1.0, 0.5 * (trace - 1.0)))) / kDeg;
+}
 
 }  // namespace
 
-// The least turn the other sensors prove since gravity and the raw field
-// were at these values: gravity's change of direction, and the raw field's
-// change (the hard iron cancels; a field of at most the earth's strongest
-// moves at most that far per radian).
-double SensorHealth::turnSeenDeg(const Vec3& gravityRef, const Vec3* fieldRef) const {
-  double seen = haveGravity_ ? angleDeg(gravityRef, gravity_) : 0.0;
-  if (fieldRef != nullptr && haveField_)
-    seen = std::fmax(seen, norm(lastField_ - *fieldRef) / settings_.earthFieldMaxGauss / kDeg);
+// The turn the other sensors show since the repeat began: the rotation
+// between the attitudes gravity and the field gave then and give now (a
+// turn about any axis), or gravity's change of direction alone.
+double SensorHealth::turnSeenDeg() const {
+  double seen = haveGravity_ ? angleDeg(repeatGravity_, gravity_) : 0.0;
+  Vec3 before[3], now[3];
+  if (repeatFieldKnown_ && haveCalibratedField_ && frameOf(repeatGravity_, repeatField_, before) &&
+      frameOf(gravity_, field_, now))
+    seen = std::fmax(seen, rotationDeg(before, now));
   return seen;
 }
 
-void SensorHealth::observe(double dt, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
+void SensorHealth::observe(double dt, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField,
+                           const Vec3* gyro) {
+  const double k = dt / (dt + settings_.gravityTauS);
   if (!haveGravity_) {
     gravity_ = acc;
     haveGravity_ = true;
   } else {
-    gravity_ = gravity_ + (dt / (dt + settings_.gravityTauS)) * (acc - gravity_);
+    gravity_ = gravity_ + k * (acc - gravity_);
+  }
+  if (calibratedField != nullptr) {
+    field_ = haveCalibratedField_ ? field_ + k * (*calibratedField - field_) : *calibratedField;
+    haveCalibratedField_ = true;
   }
   if (rawField != nullptr) {
     watchField(dt, *rawField);
@@ -48,7 +76,10 @@ void SensorHealth::observe(double dt, const Vec3& acc, const Vec3* rawField, con
     // No field in this set: the field's health is unchanged, its clean time runs.
     if (pinnedAxes_ == 0) fieldHealthyTime_ += dt;
   }
-  if (gyro != nullptr) watchGyroscope(dt, *gyro);
+  if (gyro != nullptr) {
+    watchGyroscope(dt, *gyro);
+    if (!gyroStuck_) compareBlocks(dt, *gyro);
+  }
 }
 
 void SensorHealth::watchGyroscope(double dt, const Vec3& gyro) {
@@ -57,18 +88,26 @@ void SensorHealth::watchGyroscope(double dt, const Vec3& gyro) {
     haveGyro_ = true;
     lastGyro_ = gyro;
     repeatTime_ = 0.0;
+    repeatDoubtDeg_ = 0.0;
+    repeatLagRad_ = norm(gyroLp_) * settings_.gravityTauS;
     repeatGravity_ = gravity_;
-    repeatField_ = lastField_;
-    repeatFieldKnown_ = haveField_;
+    repeatField_ = field_;
+    repeatFieldKnown_ = haveCalibratedField_;
     gyroStuck_ = false;
     return;
   }
   repeatTime_ += dt;
-  if (gyroStuck_ || repeatTime_ < settings_.repeatTimeS) return;
-  // What the repeated reading itself would have turned the device by.
+  if (gyroStuck_) return;
+  // What the repeated reading itself would have turned the device by, and
+  // what gravity and the field show (a rotation angle: at most 180 degrees,
+  // beyond which the two cannot be told apart).
+  // (The low-passed gravity and field still settle, as they do, by what
+  // they lagged behind the turn before the repeat began.)
+  const double settledDeg = repeatLagRad_ * (1.0 - std::exp(-repeatTime_ / settings_.gravityTauS)) / kDeg;
   const double explainedDeg = norm(gyro) * repeatTime_ / kDeg;
-  const double seen = turnSeenDeg(repeatGravity_, repeatFieldKnown_ ? &repeatField_ : nullptr);
-  if (seen > explainedDeg + settings_.turnEvidenceDeg) gyroStuck_ = true;
+  if (explainedDeg > 180.0 - settings_.turnEvidenceDeg) return;
+  repeatDoubtDeg_ = std::fmax(0.0, std::fabs(turnSeenDeg() - explainedDeg) - settledDeg);
+  if (repeatTime_ >= settings_.repeatTimeS && repeatDoubtDeg_ > settings_.turnEvidenceDeg) gyroStuck_ = true;
 }
 
 void SensorHealth::watchField(double dt, const Vec3& raw) {
@@ -105,28 +144,51 @@ void SensorHealth::watchField(double dt, const Vec3& raw) {
   fieldHealthyTime_ = pinned != 0 ? 0.0 : fieldHealthyTime_ + dt;
 }
 
-bool SensorHealth::afterFilter(double dt, const Vec3& filterBias, const Vec3& derivedRate, const Vec3* gyro) {
-  if (gyro == nullptr || gyroStuck_) return false;
-  if (!biasUnlearnable_) {
-    biasAtLimit_ = largestAxis(filterBias) >= settings_.biasLimit ? biasAtLimit_ + dt : 0.0;
-    if (biasAtLimit_ >= settings_.biasLimitTimeS) {
-      biasUnlearnable_ = true;
-      excess_ = Vec3{};
-      excessTime_ = 0.0;
-    }
-    return false;
+void SensorHealth::compareBlocks(double dt, const Vec3& gyro) {
+  const double k = dt / (dt + settings_.gravityTauS);
+  gyroLp_ = gyroLp_ + k * (gyro - gyroLp_);
+  const double ng = norm(gravity_);
+  if (!(ng > 0.0)) {
+    blockStarted_ = false;
+    return;
   }
-  // Left out: the rate the tracked attitude shows is the truth to learn the
-  // gyroscope's bias against.
-  excessTime_ += dt;
-  const double k = dt / (dt + std::fmin(settings_.excessTauS, 0.1 + excessTime_));
-  excess_ = excess_ + k * ((*gyro - derivedRate) - excess_);
-  if (excessTime_ >= settings_.excessTauS && largestAxis(excess_) < settings_.excessPlausible) {
+  const Vec3 up = (1.0 / ng) * gravity_;
+  if (!blockStarted_) {
+    blockStarted_ = true;
+    blockTime_ = 0.0;
+    blockQuiet_ = true;
+    upCarried_ = up;
+    return;
+  }
+  // A direction fixed on earth turns the other way in device coordinates.
+  const Vec3 turn = (-dt) * gyroLp_;
+  upCarried_ = upCarried_ + cross(turn, upCarried_);
+  upCarried_ = (1.0 / norm(upCarried_)) * upCarried_;
+  blockTime_ += dt;
+  blockQuiet_ = blockQuiet_ && norm(gyroLp_) < settings_.quietRate &&
+                std::fabs(norm(gravity_) - 1.0) < settings_.quietAccG;
+  const double mismatch = angleDeg(upCarried_, up);
+  // Until the gyroscope is left out, what it may have turned the heading
+  // wrong by: the disagreement beyond noise, this block's and the bad ones' before.
+  doubtDeg_ = blockQuiet_ ? badBlocksDeg_ + std::fmax(0.0, mismatch - settings_.attitudeNoiseDeg) : badBlocksDeg_;
+  if (blockTime_ < settings_.blockS) return;
+  blockStarted_ = false;
+  if (!blockQuiet_) return;  // neither verdict
+  const double explained = settings_.maxBias * blockTime_ / kDeg + settings_.attitudeNoiseDeg;
+  if (mismatch > explained) {
+    ++badBlocks_;
+    goodBlocks_ = 0;
+    badBlocksDeg_ += mismatch;
+  } else {
+    ++goodBlocks_;
+    badBlocks_ = 0;
+    badBlocksDeg_ = 0.0;
+  }
+  if (!biasUnlearnable_ && badBlocks_ >= settings_.badBlocksToDrop) biasUnlearnable_ = true;
+  if (biasUnlearnable_ && goodBlocks_ >= settings_.goodBlocksToTakeBack) {
     biasUnlearnable_ = false;
-    biasAtLimit_ = 0.0;
-    return true;
+    takenBack_ = true;
   }
-  return false;
 }
 
 }  // namespace quelta::compass
