@@ -4,11 +4,12 @@
 //                                            every recording with truth (played
 //                                            three times over), against the same
 //                                            run without the fault
-//   quelta-faults soak NAME SAMPLES [DIR]    SAMPLES sample sets of recording NAME
+//   quelta-faults soak NAME SAMPLES [FAULT]  SAMPLES sample sets of recording NAME
 //                                            played over and over, with and without
 //                                            a fault every 400 s (the matrix's
 //                                            short faults in turn, and a field
-//                                            outage of 1 to 11 s)
+//                                            outage of 1 to 11 s; or the FAULT-th
+//                                            fault of the matrix alone)
 //   quelta-faults sim [FAULT]                the matrix on the simulated walk (or the
 //                                            trace of the FAULT-th fault)
 //
@@ -191,15 +192,20 @@ struct SoakFigures {
 };
 
 SoakFigures soakRun(const std::vector<SampleSet>& recording, double length, const double* reference, long long total,
-                    bool withFaults) {
+                    bool withFaults, int only) {
   static quelta_compass compass;
   quelta_compass_init(&compass);
   const std::vector<Fault> matrix = quelta::faults::faultMatrix(0.0);
   std::vector<Fault> shortFaults;
-  for (const Fault& f : matrix)
-    if (!f.lasting()) shortFaults.push_back(f);
+  for (size_t i = 0; i < matrix.size(); ++i)
+    if (!matrix[i].lasting() && (only < 0 || static_cast<int>(i) == only)) shortFaults.push_back(matrix[i]);
+  if (shortFaults.empty()) shortFaults.push_back(Fault{});  // a lasting fault is no soak fault
   const long long chunk = 1000000;
   SoakFigures figures;
+  const size_t chunks = static_cast<size_t>(total / chunk + 1);
+  figures.microsPerSample.reserve(chunks);
+  figures.shareAccuracy3.reserve(chunks);
+  figures.offsetError.reserve(chunks);
   const struct mallinfo2 before = mallinfo2();
   gHeapCalls = 0;
   gCounting = true;
@@ -214,10 +220,10 @@ SoakFigures soakRun(const std::vector<SampleSet>& recording, double length, cons
   const double faultEvery = 400.0;  // s
   double nextFault = 200.0;
   uint64_t seed = 1;
+  auto start = std::chrono::steady_clock::now();
+  long long inChunk = 0;
   while (done < total) {
     const double shift = round * length;
-    auto start = std::chrono::steady_clock::now();
-    long long inChunk = 0;
     for (size_t i = 0; i < recording.size() && done < total; ++i, ++done) {
       SampleSet s = recording[i];
       s.t += shift;
@@ -228,6 +234,7 @@ SoakFigures soakRun(const std::vector<SampleSet>& recording, double length, cons
           injector = quelta::faults::Injector(f, reference);
           seed = seed * 6364136223846793005ull + 1442695040888963407ull;
           Fault o{FaultKind::FieldOutage, s.t + 150.0, 1.0 + static_cast<double>((seed >> 33) % 11), 0.0, "outage"};
+          if (only >= 0) o.kind = FaultKind::None;
           outage = quelta::faults::Injector(o, reference);
           nextFault += faultEvery;
         }
@@ -240,7 +247,7 @@ SoakFigures soakRun(const std::vector<SampleSet>& recording, double length, cons
       if (out.accuracy == 3) ++acc3;
       if (++inChunk == chunk || done + 1 == total) {
         const auto end = std::chrono::steady_clock::now();
-        sumMicros += std::chrono::duration<double, std::micro>(end - start).count();
+        sumMicros = std::chrono::duration<double, std::micro>(end - start).count();
         figures.microsPerSample.push_back(sumMicros / static_cast<double>(inChunk));
         figures.shareAccuracy3.push_back(static_cast<double>(acc3) / static_cast<double>(inChunk));
         quelta_mag_calibration cal;
@@ -253,10 +260,6 @@ SoakFigures soakRun(const std::vector<SampleSet>& recording, double length, cons
         inChunk = 0;
         start = std::chrono::steady_clock::now();
       }
-    }
-    if (inChunk > 0) {
-      const auto end = std::chrono::steady_clock::now();
-      sumMicros += std::chrono::duration<double, std::micro>(end - start).count();
     }
     ++round;
   }
@@ -281,7 +284,7 @@ int traceOne(const std::string& dir, const std::string& name, int index) {
   return 0;
 }
 
-int soak(const std::string& dir, const std::string& name, long long total) {
+int soak(const std::string& dir, const std::string& name, long long total, int only) {
   quelta::accuracy::TruthRecording r;
   std::string problem;
   if (!quelta::accuracy::loadTruthRecording(dir, name, r, problem)) {
@@ -293,7 +296,8 @@ int soak(const std::string& dir, const std::string& name, long long total) {
   const double length = once.back().t - once.front().t + period;
   const std::array<double, 3> off = r.offsetAt(0.0);
   for (int withFaults = 0; withFaults < 2; ++withFaults) {
-    const SoakFigures f = soakRun(once, length, off.data(), total, withFaults != 0);
+    if (only >= 0 && withFaults == 0) continue;
+    const SoakFigures f = soakRun(once, length, off.data(), total, withFaults != 0, only);
     std::printf("%s, %lld sample sets, %s: refused %lld, heap calls %lld, heap grown %lld bytes\n", name.c_str(), total,
                 withFaults ? "with faults" : "without faults", f.refused, f.heapCalls, f.heapBytesGrown);
     std::printf("  chunk   us/sample  accuracy3  offset error (gauss)\n");
@@ -321,7 +325,8 @@ int main(int argc, char** argv) {
   if (mode == "matrix") return matrix(argc > 2 ? argv[2] : QUELTA_DEFAULT_RECORDINGS);
   if (mode == "trace" && argc > 3) return traceOne(QUELTA_DEFAULT_RECORDINGS, argv[2], std::atoi(argv[3]));
   if (mode == "sim") return sim(argc > 2 ? std::atoi(argv[2]) : -1);
-  if (mode == "soak" && argc > 3) return soak(argc > 4 ? argv[4] : QUELTA_DEFAULT_RECORDINGS, argv[2], std::atoll(argv[3]));
-  std::fprintf(stderr, "usage: quelta-faults matrix [DIR] | soak NAME SAMPLES [DIR] | sim\n");
+  if (mode == "soak" && argc > 3)
+    return soak(QUELTA_DEFAULT_RECORDINGS, argv[2], std::atoll(argv[3]), argc > 4 ? std::atoi(argv[4]) : -1);
+  std::fprintf(stderr, "usage: quelta-faults matrix [DIR] | soak NAME SAMPLES [FAULT] | sim [FAULT] | trace NAME FAULT\n");
   return 2;
 }
