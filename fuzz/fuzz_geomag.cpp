@@ -103,7 +103,7 @@ void checkDates(FuzzInput& in) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzInput in(data, size);
-  for (int call = 0; call < 8 && !in.exhausted(); ++call) {
+  for (int call = 0; call < 3 && !in.exhausted(); ++call) {
     const uint8_t op = in.byte();
     if (op < 140) {
       checkField(in);

@@ -2,6 +2,17 @@
 
 namespace quelta::compass {
 
+namespace {
+
+// While no field steers the heading, the gyroscope's bias as far as it is
+// still unknown turns it: the residual a learnt bias keeps, rad/s.
+constexpr double kResidualBias = 0.01;
+// Once the field is back it pulls the heading in with the filter's heading
+// time constant, s.
+constexpr double kFieldBackTau = 6.0;
+
+}  // namespace
+
 void Compass::reset() {
   calibrator_.reset();
   filter_.reset();
@@ -9,6 +20,7 @@ void Compass::reset() {
   guard_.reset();
   health_.reset();
   out_ = CompassOutput{};
+  withoutFieldDeg_ = 0.0;
 }
 
 int32_t Compass::update(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
@@ -32,8 +44,8 @@ int32_t Compass::updateCalibrated(double t, const Vec3& acc, const Vec3* field, 
   if (refused != Refusal::None) return static_cast<int32_t>(refused);
   const TimeStep step = admit(t, acc, field, field, gyro);
   field_ = magnetic::SampleOutput{};
-  filter_.update(step.t, acc, health_.fieldUsable() ? field : nullptr, quality,
-                 health_.gyroUsable() ? gyro : nullptr);
+  fieldUsed_ = field != nullptr && health_.fieldUsable();
+  filter_.update(step.t, acc, fieldUsed_ ? field : nullptr, quality, health_.gyroUsable() ? gyro : nullptr);
   publish(t, step, gyro);
   return 0;
 }
@@ -52,6 +64,7 @@ TimeStep Compass::admit(double t, const Vec3& acc, const Vec3* rawField, const V
 void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
   FieldQuality quality;
   const magnetic::Quality& q = calibrator_.quality();
+  fieldUsed_ = false;
   if (rawField == nullptr) {
     quality.calibrationAccuracy = q.accuracy;
     quality.calibrationHeadingErrorDeg = q.accuracy > 0 ? q.headingErrorDeg : 0.0;
@@ -70,6 +83,7 @@ void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* 
   // Before the first calibration the field still carries the device's own
   // hard iron: it says nothing about north.
   const bool usable = field_.valid && field_.accuracy >= 1;
+  fieldUsed_ = usable;
   const Vec3 calibrated{field_.calibrated.x, field_.calibrated.y, field_.calibrated.z};
   filter_.update(t, acc, usable ? &calibrated : nullptr, quality, gyro);
 }
@@ -82,9 +96,16 @@ void Compass::publish(double hostTime, const TimeStep& step, const Vec3* gyro) {
   if (step.restart || step.gap) out_.flags |= kFlagTimeRestart;
   if (gyro != nullptr && !health_.gyroUsable()) out_.flags |= kFlagGyroscopeLeftOut;
   if (!health_.fieldUsable()) out_.flags |= kFlagFieldLeftOut;
+  // No field (none handed over, or left out): the heading drifts with the
+  // bias that is still unknown, and comes back as the field pulls it in.
+  if (fieldUsed_) {
+    withoutFieldDeg_ *= std::exp(-step.dt / kFieldBackTau);
+  } else if ((out_.flags & kFlagGyroscope) != 0) {
+    withoutFieldDeg_ += kResidualBias * step.dt / kDeg;
+  }
   // A gyroscope that disagrees with gravity and the field, not yet left
   // out: the heading may be off by what they disagree by.
-  const double doubt = health_.headingDoubtDeg();
+  const double doubt = std::hypot(health_.headingDoubtDeg(), withoutFieldDeg_);
   if (doubt > 0.0) {
     out_.headingAccuracyDeg = std::fmin(180.0, std::hypot(out_.headingAccuracyDeg, doubt));
     const double a = out_.headingAccuracyDeg;

@@ -52,6 +52,8 @@ class Compass {
   InputGuard guard_;
   SensorHealth health_;
   CompassOutput out_;
+  double withoutFieldDeg_ = 0.0;  // deg the heading may have drifted while no field was used
+  bool fieldUsed_ = false;        // the filter got a field with the last sample set
 };
 
 }  // namespace quelta::compass

@@ -44,8 +44,8 @@ struct HealthSettings {
   double maxBias = 0.2;              // rad/s, the largest bias the filter learns
   double attitudeNoiseDeg = 25.0;    // deg, how far the low-passed gravity strays from up under sustained
                                      // accelerations (0.4 g sideways: 22 degrees)
-  double quietRate = 1.0;            // rad/s, blocks with a faster turn are not judged (the low-passed
-                                     // attitude lags) ...
+  double quietRate = 2.0;            // rad/s, blocks with a faster turn (bias included) are not judged
+                                     // (the low-passed attitude lags) ...
   double quietAccG = 0.1;            // g ... nor those whose low-passed accelerometer is this far from 1 g
   int badBlocksToDrop = 2;           // blocks in a row that disagree before the gyroscope is left out
   int goodBlocksToTakeBack = 3;      // blocks in a row that agree before it is taken back

@@ -51,13 +51,10 @@ TEST(FaultSuite, SimulatedWalkRecoversFromEveryFaultAndSaysSoHonestly) {
     // (A bias that lasts leaves the compass tracking without the gyroscope.)
     EXPECT_LE(v.worstHeadingDiffDeg, f.kind == FaultKind::GyroBias ? 4.0 : 3.0);
     EXPECT_LE(v.worstAccuracyRatio, 1.0);
-    // Known gaps in the cover, each bounded at what it is today: a gyroscope
+    // The known gap in the cover, bounded at what it is today: a gyroscope
     // bias beyond the filter's range turns the heading for the 3 to 6 s its
-    // detection takes; a clipped field pulls the heading by up to 7 degrees
-    // in its first samples, before its axes have repeated long enough.
-    double cover = 1.0;
-    if (f.kind == FaultKind::GyroBias) cover = 2.5;
-    if (f.kind == FaultKind::FieldSaturated) cover = 6.0;
+    // detection takes.
+    const double cover = f.kind == FaultKind::GyroBias ? 2.5 : 1.0;
     EXPECT_LE(v.worstUncovered, cover);
   }
 }

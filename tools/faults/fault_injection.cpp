@@ -1,5 +1,6 @@
 #include "tools/faults/fault_injection.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -164,8 +165,23 @@ Trace run(const std::vector<SampleSet>& stream, const Fault& fault, const RunOpt
   return trace;
 }
 
-Verdict judge(const Trace& clean, const Trace& faulty, const Fault& fault, double window, double loop) {
+Verdict judge(const Trace& clean, const Trace& faulty, const Fault& fault, double window, double loop,
+              const std::vector<SampleSet>* stream) {
   Verdict v;
+  // The reference frame's north against the compass's: the no-fault run's
+  // median heading offset.
+  double align = NAN;
+  if (stream != nullptr) {
+    std::vector<double> offsets;
+    for (size_t i = 0; i < clean.t.size() && i < stream->size(); ++i)
+      if (std::isfinite((*stream)[i].truth[0]) && clean.t[i] > 30.0)
+        offsets.push_back(headingDiffDeg(&clean.quaternion[4 * i], (*stream)[i].truth));
+    if (!offsets.empty()) {
+      std::nth_element(offsets.begin(), offsets.begin() + offsets.size() / 2, offsets.end());
+      align = offsets[offsets.size() / 2];
+      v.worstExtraErrorDeg = 0.0;
+    }
+  }
   v.refused = faulty.refused;
   const double from = (fault.lasting() ? fault.start : fault.end()) + 60.0;
   const double to = from + window;
@@ -180,6 +196,12 @@ Verdict judge(const Trace& clean, const Trace& faulty, const Fault& fault, doubl
     v.worstHeadingDiffDeg = std::fmax(v.worstHeadingDiffDeg, diff);
     v.worstAccuracyRatio =
         std::fmax(v.worstAccuracyRatio, faulty.headingAccuracyDeg[i] / (3.0 * clean.headingAccuracyDeg[i] + 5.0));
+    if (std::isfinite(align) && std::isfinite((*stream)[i].truth[0])) {
+      const double* truth = (*stream)[i].truth;
+      const double errClean = std::fabs(angleDiffDeg(headingDiffDeg(&clean.quaternion[4 * i], truth), align));
+      const double errFault = std::fabs(angleDiffDeg(headingDiffDeg(&faulty.quaternion[4 * i], truth), align));
+      v.worstExtraErrorDeg = std::fmax(v.worstExtraErrorDeg, errFault - errClean);
+    }
   }
   return v;
 }

@@ -6,6 +6,7 @@
 // recordings and the soak).
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -22,6 +23,7 @@ struct SampleSet {
   bool hasField = true;
   bool hasGyro = true;
   double truthAzimuthDeg = 0.0;  // NaN where unknown
+  double truth[4] = {NAN, NAN, NAN, NAN};  // w, x, y, z device to the reference frame; NaN where unknown
 };
 
 enum class FaultKind {
@@ -95,6 +97,10 @@ struct Verdict {
   double worstHeadingDiffDeg = 0.0;  // |azimuth difference| from 60 s after the fault ends on
   double worstAccuracyRatio = 0.0;   // heading accuracy estimate / (3 x no-fault's + 5 deg), same window
   double worstUncovered = 0.0;       // |azimuth difference| / (2 x reported + 2 deg) from the fault's start on
+  // Where the stream has truth: how much worse than the no-fault run's the
+  // fault run's heading error is (the reference frame's north aligned by
+  // the no-fault run's median offset), same window as the difference.
+  double worstExtraErrorDeg = NAN;
   int64_t refused = 0;
   bool evaluated = false;            // the stream lasts long enough after the fault
   bool passes() const {
@@ -106,7 +112,8 @@ struct Verdict {
 // start for a lasting fault). loop: s, the length of a recording played
 // over and over (0: none); the 30 s after each seam, where the attitude
 // jumps in both runs, are not compared.
-Verdict judge(const Trace& clean, const Trace& faulty, const Fault& fault, double window, double loop = 0.0);
+Verdict judge(const Trace& clean, const Trace& faulty, const Fault& fault, double window, double loop = 0.0,
+              const std::vector<SampleSet>* stream = nullptr);
 
 // A simulated hand-held device: a calibration motion, then walking about
 // with turns, at 50 Hz; truth in truthAzimuthDeg. offset: its hard iron.

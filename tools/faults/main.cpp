@@ -68,6 +68,8 @@ std::vector<SampleSet> streamOf(const quelta::accuracy::TruthRecording& r, int t
       }
       q.hasGyro = r.recording.hasGyro;
       q.truthAzimuthDeg = NAN;
+      if (s.hasAttitude)
+        for (int i = 0; i < 4; ++i) q.truth[i] = s.attitude[i];
       out.push_back(q);
     }
   }
@@ -77,13 +79,15 @@ std::vector<SampleSet> streamOf(const quelta::accuracy::TruthRecording& r, int t
 int matrix(const std::string& dir) {
   struct Tally {
     int runs = 0, passed = 0;
-    double worstDiff = 0.0, worstRatio = 0.0, worstUncovered = 0.0;
+    double worstDiff = 0.0, worstRatio = 0.0, worstUncovered = 0.0, worstExtra = 0.0;
+    int noWorse = 0;  // runs whose error against the truth stays within 3 degrees of the no-fault run's
     std::string worstName;
   };
   std::vector<std::string> kinds;
   std::vector<std::vector<Tally>> tallies;  // kind x fault
   const std::vector<Fault> faults = quelta::faults::faultMatrix(100.0);
-  std::printf("%-28s %-36s %8s %8s %8s %6s %s\n", "recording", "fault", "diff", "acc/lim", "uncov", "refus", "verdict");
+  std::printf("%-28s %-36s %8s %8s %8s %8s %6s %s\n", "recording", "fault", "diff", "acc/lim", "uncov", "extra", "refus",
+              "verdict");
   for (const std::string& name : quelta::accuracy::listRecordings(dir)) {
     quelta::accuracy::TruthRecording r;
     std::string problem;
@@ -112,9 +116,9 @@ int matrix(const std::string& dir) {
     std::vector<Tally>& row = tallies[static_cast<size_t>(it - kinds.begin())];
     for (size_t f = 0; f < faults.size(); ++f) {
       const quelta::faults::Trace faulty = quelta::faults::run(stream, faults[f], options);
-      const quelta::faults::Verdict v = quelta::faults::judge(clean, faulty, faults[f], 60.0, length);
-      std::printf("%-28s %-36s %8.2f %8.2f %8.2f %6lld %s\n", name.c_str(), faults[f].name, v.worstHeadingDiffDeg,
-                  v.worstAccuracyRatio, v.worstUncovered, static_cast<long long>(v.refused),
+      const quelta::faults::Verdict v = quelta::faults::judge(clean, faulty, faults[f], 60.0, length, &stream);
+      std::printf("%-28s %-36s %8.2f %8.2f %8.2f %8.2f %6lld %s\n", name.c_str(), faults[f].name, v.worstHeadingDiffDeg,
+                  v.worstAccuracyRatio, v.worstUncovered, v.worstExtraErrorDeg, static_cast<long long>(v.refused),
                   v.passes() ? "pass" : (v.evaluated ? "FAIL" : "short"));
       Tally& t = row[f];
       ++t.runs;
@@ -123,16 +127,21 @@ int matrix(const std::string& dir) {
       t.worstDiff = std::fmax(t.worstDiff, v.worstHeadingDiffDeg);
       t.worstRatio = std::fmax(t.worstRatio, v.worstAccuracyRatio);
       t.worstUncovered = std::fmax(t.worstUncovered, v.worstUncovered);
+      if (std::isfinite(v.worstExtraErrorDeg)) {
+        t.worstExtra = std::fmax(t.worstExtra, v.worstExtraErrorDeg);
+        if (v.worstExtraErrorDeg <= 3.0) ++t.noWorse;
+      }
     }
     std::fflush(stdout);
   }
-  std::printf("\nper kind: passed/runs, worst heading difference (deg), worst accuracy ratio, worst uncovered\n");
+  std::printf("\nper kind: passed/runs, worst heading difference (deg), worst accuracy ratio, worst uncovered;\n"
+              "no worse against the truth than the no-fault run (within 3 deg)/runs, worst extra error (deg)\n");
   for (size_t k = 0; k < kinds.size(); ++k) {
     std::printf("== %s\n", kinds[k].c_str());
     for (size_t f = 0; f < faults.size(); ++f) {
       const auto& t = tallies[k][f];
-      std::printf("   %-36s %2d/%-2d %8.2f %6.2f %6.2f  (%s)\n", faults[f].name, t.passed, t.runs, t.worstDiff,
-                  t.worstRatio, t.worstUncovered, t.worstName.c_str());
+      std::printf("   %-36s %2d/%-2d %8.2f %6.2f %6.2f   %2d/%-2d %7.2f  (%s)\n", faults[f].name, t.passed, t.runs,
+                  t.worstDiff, t.worstRatio, t.worstUncovered, t.noWorse, t.runs, t.worstExtra, t.worstName.c_str());
     }
   }
   return 0;
