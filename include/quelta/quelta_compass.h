@@ -114,9 +114,11 @@ QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state
  *   - A step back or a repeated time restarts the time base: the sample set
  *     counts as one sample period after the last, the host's clock is
  *     followed from there; attitude, bias and calibration carry on.
- *   - A longer step forward is a gap: nothing is propagated across it; the
- *     attitude is found again from the next samples (as at the start, from
- *     the accelerometer and the field), the calibration is kept.
+ *   - A longer step forward is a gap: nothing is propagated across it.
+ *     Unless gravity and the field show the device where it was (within
+ *     20 degrees), the attitude is found again from the next samples (as at
+ *     the start, from the accelerometer and the field); the calibration is
+ *     kept either way.
  * Both set QUELTA_COMPASS_FLAG_TIME_RESTART on that sample set's output.
  *
  * Sensors: a gyroscope that repeats one reading exactly (zeros included)

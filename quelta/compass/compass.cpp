@@ -10,6 +10,9 @@ constexpr double kResidualBias = 0.01;
 // Once the field is back it pulls the heading in with the filter's heading
 // time constant, s.
 constexpr double kFieldBackTau = 6.0;
+// After a gap: gravity and the field this close to where they were say the
+// device has not turned (beyond one sample set's noise while walking), deg.
+constexpr double kUnmovedDeg = 20.0;
 
 }  // namespace
 
@@ -50,12 +53,13 @@ int32_t Compass::updateCalibrated(double t, const Vec3& acc, const Vec3* field, 
   return 0;
 }
 
-// An accepted sample set onto the time base: after a gap nothing is
-// propagated, the attitude is found again (the calibration stays).
+// An accepted sample set onto the time base. After a gap nothing is
+// propagated; unless gravity and the field show the device where it was,
+// the attitude is found again (the calibration stays).
 TimeStep Compass::admit(double t, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField,
                         const Vec3* gyro) {
   const TimeStep step = guard_.admit(t);
-  if (step.gap) filter_.reset();
+  if (step.gap && !health_.unmoved(acc, calibratedField, kUnmovedDeg)) filter_.reset();
   health_.observe(step.dt, acc, rawField, calibratedField, gyro);
   if (health_.takeGyroscopeBack()) filter_.reset();
   return step;

@@ -13,9 +13,9 @@
 // time restarts the time base (the compass's clock moves on by one sample
 // period; nothing else changes: the samples themselves are still a
 // continuous stream). A step forward beyond a few sample periods is a gap:
-// nothing is propagated across it, the compass's clock moves on by one
-// period and the attitude is found again from the next samples (the
-// calibration is kept).
+// nothing is propagated across it and the compass's clock moves on by one
+// period (the compass then finds the attitude again unless the device is
+// where it was; the calibration is kept).
 //
 // No heap; the whole state lives in the object.
 #pragma once

@@ -55,6 +55,12 @@ double SensorHealth::turnSeenDeg() const {
   return seen;
 }
 
+bool SensorHealth::unmoved(const Vec3& acc, const Vec3* calibratedField, double toleranceDeg) const {
+  if (!haveGravity_ || angleDeg(lastAcc_, acc) > toleranceDeg) return false;
+  if (calibratedField == nullptr || !haveCalibratedField_) return calibratedField == nullptr;
+  return angleDeg(lastCalibrated_, *calibratedField) <= toleranceDeg;
+}
+
 void SensorHealth::observe(double dt, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField,
                            const Vec3* gyro) {
   const double k = dt / (dt + settings_.gravityTauS);
@@ -64,8 +70,10 @@ void SensorHealth::observe(double dt, const Vec3& acc, const Vec3* rawField, con
   } else {
     gravity_ = gravity_ + k * (acc - gravity_);
   }
+  lastAcc_ = acc;
   if (calibratedField != nullptr) {
     field_ = haveCalibratedField_ ? field_ + k * (*calibratedField - field_) : *calibratedField;
+    lastCalibrated_ = *calibratedField;
     haveCalibratedField_ = true;
   }
   if (rawField != nullptr) {

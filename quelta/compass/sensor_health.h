@@ -61,6 +61,10 @@ class SensorHealth {
   // the raw and the calibrated field in gauss (both null when the set has
   // none) and the gyroscope in rad/s (null without one).
   void observe(double dt, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField, const Vec3* gyro);
+  // Whether a sample set (acc in g, calibrated field in gauss or null) shows
+  // the device where the last one left it: gravity's and the field's
+  // directions within toleranceDeg of the last ones.
+  bool unmoved(const Vec3& acc, const Vec3* calibratedField, double toleranceDeg) const;
   // The calibration changed: the calibrated field jumps without a turn, so
   // it is no evidence across the change.
   void calibrationChanged() {
@@ -97,6 +101,8 @@ class SensorHealth {
   bool haveField_ = false;
   Vec3 field_;             // gauss, calibrated, low-passed as gravity is
   bool haveCalibratedField_ = false;
+  Vec3 lastAcc_;           // g, the last sample set's
+  Vec3 lastCalibrated_;    // gauss, the last calibrated field
   // Gyroscope repeats.
   bool haveGyro_ = false;
   Vec3 lastGyro_;

@@ -139,6 +139,35 @@ TEST(FaultSuite, ClockFaultsRestartTheTimeBase) {
   }
 }
 
+// A real gap (five seconds without samples) over which the device turned:
+// the attitude is found again from the samples after it, not carried over.
+TEST(FaultSuite, AGapOverATurnFindsTheHeadingAgain) {
+  const Walk& w = walk();
+  // The five seconds after 40 s in which the heading turns the most.
+  size_t from = 0;
+  double most = 0.0;
+  for (size_t i = 2000; i + 250 < w.stream.size(); i += 25) {
+    const double turn = std::fabs(quelta::faults::angleDiffDeg(w.stream[i + 250].truthAzimuthDeg, w.stream[i].truthAzimuthDeg));
+    if (turn > most) {
+      most = turn;
+      from = i;
+    }
+  }
+  ASSERT_GT(most, 45.0);
+  static quelta_compass c;
+  ASSERT_EQ(quelta_compass_init(&c), 0);
+  quelta_compass_output out;
+  for (size_t i = 0; i < from + 250 + 50; ++i) {
+    if (i >= from && i < from + 250) continue;
+    const SampleSet& s = w.stream[i];
+    ASSERT_EQ(quelta_compass_update(&c, s.t, s.acc, s.field, s.gyro), 0);
+    ASSERT_EQ(quelta_compass_get_output(&c, &out), 0);
+    if (i == from + 250) EXPECT_NE(out.flags & QUELTA_COMPASS_FLAG_TIME_RESTART, 0u);
+  }
+  // One second after the gap.
+  EXPECT_LT(std::fabs(quelta::faults::angleDiffDeg(out.azimuth_deg, w.stream[from + 299].truthAzimuthDeg)), 8.0);
+}
+
 // A dead gyroscope and a stuck field axis are left out while they last
 // (flagged) and taken back after; the no-fault walk never leaves either out.
 TEST(FaultSuite, StuckSensorsAreLeftOutWhileTheFaultLasts) {

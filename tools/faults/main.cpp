@@ -115,6 +115,10 @@ int matrix(const std::string& dir) {
     }
     std::vector<Tally>& row = tallies[static_cast<size_t>(it - kinds.begin())];
     for (size_t f = 0; f < faults.size(); ++f) {
+      // FAULTS_ONLY=3,8: only those faults of the matrix.
+      const char* only = std::getenv("FAULTS_ONLY");
+      if (only != nullptr && std::string(",") .append(only).append(",").find("," + std::to_string(f) + ",") == std::string::npos)
+        continue;
       const quelta::faults::Trace faulty = quelta::faults::run(stream, faults[f], options);
       const quelta::faults::Verdict v = quelta::faults::judge(clean, faulty, faults[f], 60.0, length, &stream);
       std::printf("%-28s %-36s %8.2f %8.2f %8.2f %8.2f %6lld %s\n", name.c_str(), faults[f].name, v.worstHeadingDiffDeg,
