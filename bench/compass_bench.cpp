@@ -3,9 +3,21 @@
 // hard iron, replayed in a loop): the raw field calibrated inside by the
 // magnetic layer, with and without gyroscope; and the filter alone on a
 // field calibrated by the host.
+//
+// Instructions per sample of the filter alone (calibrated field, with
+// gyroscope), a figure that unlike times is stable on a shared machine:
+//
+//   valgrind --tool=callgrind --toggle-collect=quelta_measured_filter_samples \
+//     bench/quelta_bench_compass --count 20000
+//
+// and divide the summary by the count (the run first settles the filter
+// for one pass of the motion, outside the measured function).
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <vector>
 
 #include "quelta/compass/compass_math.h"
@@ -72,6 +84,43 @@ BENCHMARK(BM_CompassSampleWithGyro)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_CompassSampleWithoutGyro)->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_CompassFilterOnlyWithGyro)->Repetitions(5)->ReportAggregatesOnly(true);
 
+
+// n samples of the filter alone from sample first of the motion on.
+__attribute__((noinline)) double filterSamples(quelta_compass* state, size_t first, size_t n, double t0) {
+  const std::vector<Sample>& samples = motion();
+  quelta_compass_output out;
+  double sum = 0.0;
+  for (size_t k = 0; k < n; ++k) {
+    const size_t i = (first + k) % samples.size();
+    const double wraps = static_cast<double>((first + k) / samples.size());
+    const Sample& s = samples[i];
+    quelta_compass_update_calibrated(state, t0 + wraps * samples.back().t + s.t, s.acc, s.field, nullptr, s.gyro);
+    quelta_compass_get_output(state, &out);
+    sum += out.azimuth_deg;
+  }
+  return sum;
+}
+
 }  // namespace
 
-BENCHMARK_MAIN();
+// The measured loop for callgrind (its callees are counted, the settling
+// run before it is not).
+extern "C" __attribute__((noinline)) double quelta_measured_filter_samples(quelta_compass* state, size_t n,
+                                                                           double t0) {
+  return filterSamples(state, 0, n, t0);
+}
+
+int main(int argc, char** argv) {
+  if (argc == 3 && std::strcmp(argv[1], "--count") == 0) {
+    const size_t n = static_cast<size_t>(std::strtoul(argv[2], nullptr, 10));
+    quelta_compass_init(&compass);
+    const double settle = filterSamples(&compass, 0, motion().size(), 0.0);
+    const double sum = quelta_measured_filter_samples(&compass, n, motion().back().t);
+    std::printf("%zu filter samples measured (%.3f)\n", n, settle + sum);
+    return 0;
+  }
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

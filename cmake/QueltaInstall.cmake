@@ -64,10 +64,18 @@ install(EXPORT QueltaAlgoQueltaTargets
   NAMESPACE QueltaAlgo::
   DESTINATION ${QUELTA_INSTALL_CMAKEDIR})
 
+# --- Licence ---------------------------------------------------------------
+# Apache-2.0; NOTICE carries the World Magnetic Model's attribution. Both go
+# with every installed tree (share/doc/QueltaAlgo by default).
+set(QUELTA_INSTALL_DOCDIR ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE ${PROJECT_SOURCE_DIR}/NOTICE
+  DESTINATION ${QUELTA_INSTALL_DOCDIR})
+
 # --- CMake package ---------------------------------------------------------
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/QueltaAlgoConfig.cmake.in
   ${PROJECT_BINARY_DIR}/QueltaAlgoConfig.cmake
-  INSTALL_DESTINATION ${QUELTA_INSTALL_CMAKEDIR})
+  INSTALL_DESTINATION ${QUELTA_INSTALL_CMAKEDIR}
+  PATH_VARS QUELTA_INSTALL_DOCDIR)
 # 0.x: a new minor version may change the interface.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/QueltaAlgoConfigVersion.cmake
   COMPATIBILITY SameMinorVersion)

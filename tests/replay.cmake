@@ -16,7 +16,7 @@ file(MAKE_DIRECTORY ${REPLAY_WORK})
 
 add_test(NAME replay.cli.summary_outputs_and_stored_calibration
   COMMAND ${REPLAY_CHECK} run $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/run
-          ${REPLAY_WORK}/handheld_25s.csv -0.21,0.09,0.15 --acc-unit m/s2 --mag-unit uT)
+          ${REPLAY_WORK}/handheld_25s.csv -0.21,0.09,0.15 --engine algo --acc-unit m/s2 --mag-unit uT)
 set_tests_properties(replay.cli.summary_outputs_and_stored_calibration PROPERTIES FIXTURES_REQUIRED replay_recording)
 
 add_test(NAME replay.cli.bundled_recording_by_default
@@ -57,6 +57,12 @@ add_test(NAME replay.cli.usage_error COMMAND ${REPLAY_CHECK} usage $<TARGET_FILE
 # default engine unchanged.
 add_test(NAME replay.cli.compass_engine
   COMMAND ${REPLAY_CHECK} compass $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/compass
+          ${PROJECT_SOURCE_DIR}/data/handheld.csv)
+
+# An Android logger's form of the bundled recording: nanoseconds, m/s2,
+# microtesla, its own column names, the field on every other row.
+add_test(NAME replay.cli.android_style_logs
+  COMMAND ${REPLAY_CHECK} android $<TARGET_FILE:quelta-replay> ${REPLAY_WORK}/android
           ${PROJECT_SOURCE_DIR}/data/handheld.csv)
 
 # The real recordings beside the repository (../shared/recordings, or two

@@ -2,6 +2,12 @@
  * magnetometer with a quality report, a per-sample magnetic disturbance
  * score, and a save/restore record.
  *
+ * Raw and calibrated: the calibrator takes the magnetometer's RAW reading
+ * (the sensor's output in gauss, with the device's hard and soft iron in it)
+ * and gives the CALIBRATED field, calibrated = soft_iron * (raw - offset):
+ * the earth's field (plus any disturbance) in the device's axes. Units:
+ * gauss (1 gauss = 100 uT), seconds, degrees.
+ *
  * Reentrant: every call works on a caller-owned quelta_mag_state; no
  * globals, no heap. Any number of independent instances (e.g. a host with
  * two magnetometers). Not thread-safe per instance: one thread at a time
@@ -71,7 +77,7 @@ typedef struct quelta_mag_sample {
   double strength_deviation;  /* smoothed strength / fitted strength - 1 */
   double dip_deviation_deg;   /* smoothed dip minus the fitted dip */
   double disturbance;         /* score: 0 undisturbed, 1 at the flag's threshold */
-  int disturbed;              /* 1: magnetically disturbed, don't trust the heading */
+  int disturbed;              /* 1: magnetically disturbed (score >= 1), don't trust the heading */
   int accuracy;               /* 0..3, as quelta_mag_quality.accuracy */
   int new_calibration;        /* 1: the calibration changed with this sample */
   int valid;                  /* 0: the sample was refused (NaN, infinity, all zero) */
@@ -86,6 +92,8 @@ typedef struct quelta_mag_calibration {
   int model;                  /* QUELTA_MAG_MODEL_* */
 } quelta_mag_calibration;
 
+/* accuracy follows heading_error_deg: 3 when it is at most 4 degrees, 2 at
+ * most 8, 1 at most 25, else 0 (and 0 while uncalibrated). */
 typedef struct quelta_mag_quality {
   int accuracy;               /* 0 unreliable .. 3 good enough for a heading */
   int reason;                 /* QUELTA_MAG_REASON_* */
@@ -93,7 +101,8 @@ typedef struct quelta_mag_quality {
   double residual_gauss;      /* robust rms of the fit's residuals */
   double fitted_strength;     /* gauss */
   double expected_strength;   /* gauss, 0 when no expected field is set */
-  double heading_error_deg;   /* estimate of the heading error the calibration leaves */
+  double heading_error_deg;   /* estimated RMS heading error the calibration leaves, degrees, from the
+                                 fit's covariance over the orientations seen; 180 while uncalibrated */
   int samples;                /* stored samples behind the fit */
   int new_hard_iron;          /* times a changed offset (magnet attached/removed) was adopted */
 } quelta_mag_quality;
@@ -114,7 +123,7 @@ QUELTA_LAYER_API void quelta_mag_set_expected_field(quelta_mag_state* state, dou
                                                     double dip_deg);
 
 /* One sample. t: seconds, any origin; repeats, steps back and gaps are
- * tolerated. mag: raw field in gauss (device axes). acc: accelerometer in any
+ * tolerated. mag: RAW field in gauss (device axes). acc: accelerometer in any
  * unit (reads "up" at rest) or, better, a gravity estimate; NULL when there is
  * none. out may be NULL. Returns out->valid. */
 QUELTA_LAYER_API int quelta_mag_update(quelta_mag_state* state, double t, const double mag[3],
@@ -124,7 +133,7 @@ QUELTA_LAYER_API void quelta_mag_get_calibration(const quelta_mag_state* state,
                                                  quelta_mag_calibration* out);
 QUELTA_LAYER_API void quelta_mag_get_quality(const quelta_mag_state* state, quelta_mag_quality* out);
 
-/* Applies the current calibration to a raw field. */
+/* Applies the current calibration to a raw field: soft_iron * (raw - offset). */
 QUELTA_LAYER_API void quelta_mag_apply(const quelta_mag_state* state, const double raw[3],
                                        double calibrated[3]);
 

@@ -1,7 +1,9 @@
 // The compass's C interface over caller-owned storage.
 #include <cmath>
+#include <cstring>
 #include <new>
 
+#include "quelta/api/compass_c_units.h"
 #include "quelta/api/magnetic_c_convert.h"
 #include "quelta/compass/compass.h"
 #include "quelta/quelta_compass.h"
@@ -26,6 +28,25 @@ Compass* self(quelta_compass* state) {
 }
 const Compass* self(const quelta_compass* state) { return self(const_cast<quelta_compass*>(state)); }
 
+// The door's state sits after the compass object. A sample set the compass
+// refuses after the door has converted it must leave no trace there either:
+// that part of the storage is kept aside until the compass has spoken.
+constexpr size_t kCompassEnd = kOffset + sizeof(Compass);
+constexpr size_t kDoorBytes = sizeof(quelta_compass) - kCompassEnd;
+static_assert(kDoorBytes <= 8192, "keeping the door's state aside should stay cheap");
+
+class DoorKept {
+ public:
+  explicit DoorKept(const quelta_compass* state) { std::memcpy(bytes_, tail(state), kDoorBytes); }
+  void restore(quelta_compass* state) const { std::memcpy(tail(state), bytes_, kDoorBytes); }
+
+ private:
+  static unsigned char* tail(const quelta_compass* state) {
+    return const_cast<unsigned char*>(reinterpret_cast<const unsigned char*>(state->opaque)) + kCompassEnd;
+  }
+  unsigned char bytes_[kDoorBytes];
+};
+
 void copy3(const quelta::compass::Vec3& v, double* out) {
   out[0] = v.x;
   out[1] = v.y;
@@ -40,6 +61,7 @@ QUELTA_LAYER_API int32_t quelta_compass_init(quelta_compass* state) {
   if (state == nullptr) return -1;
   new (place(state)) Compass();
   state->opaque[0] = kMagic;
+  quelta::api::openDoor(state);
   return 0;
 }
 
@@ -64,9 +86,10 @@ QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state
   if (c == nullptr) return -1;
   // Zero or negative strength forgets the expected field; anything else must
   // be a field the earth could have.
-  const bool forget = std::isfinite(strength_gauss) && strength_gauss <= 0.0;
-  if (!forget && !quelta::api::plausibleExpectedField(strength_gauss, dip_deg)) return QUELTA_COMPASS_ERROR_SETTING;
-  c->setExpectedField(quelta::api::expectedFieldOf(strength_gauss, dip_deg));
+  const double gauss = strength_gauss / quelta::api::fieldPerGauss(state);
+  const bool forget = std::isfinite(gauss) && gauss <= 0.0;
+  if (!forget && !quelta::api::plausibleExpectedField(gauss, dip_deg)) return QUELTA_COMPASS_ERROR_SETTING;
+  c->setExpectedField(quelta::api::expectedFieldOf(gauss, dip_deg));
   return 0;
 }
 
@@ -74,11 +97,13 @@ QUELTA_LAYER_API int32_t quelta_compass_update(quelta_compass* state, double t, 
                                                const double* raw_field, const double* gyro) {
   Compass* c = self(state);
   if (c == nullptr || acc == nullptr) return -1;
-  const quelta::compass::Vec3 a{acc[0], acc[1], acc[2]};
-  quelta::compass::Vec3 m, g;
-  if (raw_field != nullptr) m = {raw_field[0], raw_field[1], raw_field[2]};
-  if (gyro != nullptr) g = {gyro[0], gyro[1], gyro[2]};
-  return c->update(t, a, raw_field != nullptr ? &m : nullptr, gyro != nullptr ? &g : nullptr);
+  DoorKept kept(state);
+  quelta::api::DoorSample s;
+  const int32_t units = quelta::api::enterDoor(state, t, acc, raw_field, gyro, s);
+  if (units != 0) return units;
+  const int32_t code = c->update(s.t, s.acc, raw_field != nullptr ? &s.field : nullptr, gyro != nullptr ? &s.gyro : nullptr);
+  if (code != 0) kept.restore(state);
+  return code;
 }
 
 QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state, double t, const double* acc,
@@ -99,11 +124,14 @@ QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state,
     q.calibrationAccuracy = quality->calibration_accuracy;
     q.calibrationHeadingErrorDeg = quality->calibration_heading_error_deg;
   }
-  const quelta::compass::Vec3 a{acc[0], acc[1], acc[2]};
-  quelta::compass::Vec3 m, g;
-  if (field != nullptr) m = {field[0], field[1], field[2]};
-  if (gyro != nullptr) g = {gyro[0], gyro[1], gyro[2]};
-  return c->updateCalibrated(t, a, field != nullptr ? &m : nullptr, q, gyro != nullptr ? &g : nullptr);
+  DoorKept kept(state);
+  quelta::api::DoorSample s;
+  const int32_t units = quelta::api::enterDoor(state, t, acc, field, gyro, s);
+  if (units != 0) return units;
+  const int32_t code =
+      c->updateCalibrated(s.t, s.acc, field != nullptr ? &s.field : nullptr, q, gyro != nullptr ? &s.gyro : nullptr);
+  if (code != 0) kept.restore(state);
+  return code;
 }
 
 QUELTA_LAYER_API int32_t quelta_compass_get_output(const quelta_compass* state, quelta_compass_output* out) {
@@ -125,6 +153,7 @@ QUELTA_LAYER_API int32_t quelta_compass_get_output(const quelta_compass* state, 
   out->heading_accuracy_deg = o.headingAccuracyDeg;
   out->accuracy = o.accuracy;
   out->flags = o.flags;
+  quelta::api::leaveDoor(state, out);
   return 0;
 }
 

@@ -16,6 +16,10 @@ constexpr double kUnmovedDeg = 20.0;
 
 }  // namespace
 
+// The one gyroscope bias estimate the filter and the calibration share
+// (the filter's, after the previous sample).
+Vec3 Compass::sharedGyroBias() const { return filter_.output().gyroBias; }
+
 void Compass::reset() {
   calibrator_.reset();
   filter_.reset();
@@ -77,15 +81,27 @@ void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* 
   }
   const double raw[3] = {rawField->x, rawField->y, rawField->z};
   const double a[3] = {acc.x, acc.y, acc.z};
-  field_ = calibrator_.update(t, raw, a);
+  // A gyroscope under suspicion (it disagrees with gravity, or its bias is
+  // beyond what the filter can hold) tells the calibration nothing: its
+  // turns would teach a wrong offset.
+  const Vec3* turns = health_.headingDoubtDeg() > 0.0 || !filter_.gyroUsable() ? nullptr : gyro;
+  double rate[3];
+  if (turns != nullptr) {
+    const Vec3 w = *turns - sharedGyroBias();
+    rate[0] = w.x;
+    rate[1] = w.y;
+    rate[2] = w.z;
+  }
+  field_ = calibrator_.update(t, raw, a, turns != nullptr ? rate : nullptr);
   if (field_.newCalibration) health_.calibrationChanged();
   quality.calibrationAccuracy = field_.accuracy;
   quality.disturbed = field_.disturbed;
   quality.disturbanceScore = field_.disturbance;
   quality.newCalibration = field_.newCalibration;
   quality.calibrationHeadingErrorDeg = calibrator_.quality().headingErrorDeg;
-  // Before the first calibration the field still carries the device's own
-  // hard iron: it says nothing about north.
+  // The raw field is used from the first sample when it is plausible (the
+  // calibrator's accuracy says so); a field that carries the device's own
+  // hard iron says nothing about north.
   const bool usable = field_.valid && field_.accuracy >= 1;
   fieldUsed_ = usable;
   const Vec3 calibrated{field_.calibrated.x, field_.calibrated.y, field_.calibrated.z};

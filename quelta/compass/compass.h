@@ -42,6 +42,7 @@ class Compass {
   const SensorHealth& health() const { return health_; }
 
  private:
+  Vec3 sharedGyroBias() const;
   void feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro);
   TimeStep admit(double t, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField, const Vec3* gyro);
   void publish(double hostTime, const TimeStep& step, const Vec3* gyro);

@@ -6,8 +6,6 @@ namespace {
 
 constexpr Vec3 kUp{0.0, 0.0, 1.0};
 
-bool finite(const Vec3& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
-
 Quat fromRows(const Vec3& e, const Vec3& n, const Vec3& u) {
   // Matrix rows e, n, u map device coordinates to east, north, up.
   const double m00 = e.x, m01 = e.y, m02 = e.z;
@@ -29,16 +27,6 @@ Quat fromRows(const Vec3& e, const Vec3& n, const Vec3& u) {
     q = {(m10 - m01) / s, (m02 + m20) / s, (m12 + m21) / s, 0.25 * s};
   }
   return normalised(q);
-}
-
-// Smallest rotation taking the unit vector a onto the unit vector b, as a
-// rotation vector.
-Vec3 rotationBetween(const Vec3& a, const Vec3& b) {
-  const Vec3 axis = cross(a, b);
-  const double s = norm(axis);
-  const double c = dot(a, b);
-  if (s < 1e-12) return Vec3{};
-  return (std::atan2(s, c) / s) * axis;
 }
 
 // The level attitude (heading zero) whose up is the accelerometer's.
@@ -65,13 +53,17 @@ bool attitudeFromVectors(const Vec3& acc, const Vec3& field, Quat& out) {
 }
 
 void anglesOf(const Quat& q, double& azimuthDeg, double& pitchDeg, double& rollDeg) {
-  const Vec3 x = rotate(q, {1.0, 0.0, 0.0});
-  const Vec3 y = rotate(q, {0.0, 1.0, 0.0});
-  const Vec3 z = rotate(q, {0.0, 0.0, 1.0});
+  // The device axes in east-north-up: the columns of q's rotation matrix.
+  const double xx = q.x * q.x, yy = q.y * q.y, zz = q.z * q.z;
+  const double xy = q.x * q.y, xz = q.x * q.z, yz = q.y * q.z;
+  const double wx = q.w * q.x, wy = q.w * q.y, wz = q.w * q.z;
+  const Vec3 x{1.0 - 2.0 * (yy + zz), 2.0 * (xy + wz), 2.0 * (xz - wy)};
+  const Vec3 y{2.0 * (xy - wz), 1.0 - 2.0 * (xx + zz), 2.0 * (yz + wx)};
+  const Vec3 z{2.0 * (xz + wy), 2.0 * (yz - wx), 1.0 - 2.0 * (xx + yy)};
   // Level the device (turn its screen normal onto up about a horizontal
   // axis), then read where its top edge points.
   Vec3 top = y;
-  const double h = std::hypot(z.x, z.y);
+  const double h = std::sqrt(z.x * z.x + z.y * z.y);
   if (h > 1e-12) {
     const Vec3 u{z.y / h, -z.x / h, 0.0};
     const double c = clampTo(z.z, -1.0, 1.0);
@@ -96,7 +88,12 @@ void anglesOf(const Quat& q, double& azimuthDeg, double& pitchDeg, double& rollD
   rollDeg = std::asin(clampTo(x.z, -1.0, 1.0)) / kDeg;
 }
 
-CompassFilter::CompassFilter(const FilterSettings& settings) : settings_(settings) {}
+CompassFilter::CompassFilter(const FilterSettings& settings)
+    : settings_(settings),
+      tilt_(settings.tilt),
+      heading_(settings.heading),
+      bias_(settings.bias),
+      field_(settings.field) {}
 
 void CompassFilter::reset() {
   const FilterSettings kept = settings_;
@@ -107,209 +104,157 @@ void CompassFilter::initialise(double t, const Vec3& acc, const Vec3* field) {
   started_ = true;
   tStart_ = t;
   tLast_ = t;
-  q_ = levelFrom(acc);
+  att_.now = levelFrom(acc);
   if (field != nullptr) {
     Quat q;
     if (attitudeFromVectors(acc, *field, q)) {
-      q_ = aboutUp(-settings_.declinationDeg * kDeg) * q;
+      att_.now = aboutUp(-settings_.declinationDeg * kDeg) * q;
       headingKnown_ = true;
     }
   }
-  qMeas_ = q_;
-  gyroLp_ = Vec3{};
-  accLp_ = acc;
-  accWorld_ = {0.0, 0.0, norm(acc)};
+  att_.readings = att_.now;
+  tilt_.start(acc);
+  heading_.reset(bias_.settings().startSigma * bias_.settings().startSigma);
+  if (headingKnown_) heading_.start(0.0);
 }
 
-void CompassFilter::restBias(const Vec3& gyro, const Vec3& acc, double dt) {
-  const double kLp = dt / (dt + 0.3);
-  gyroLp_ = gyroLp_ + kLp * (gyro - gyroLp_);
-  accLp_ = accLp_ + kLp * (acc - accLp_);
-  const bool still = norm(gyro - gyroLp_) < 0.03 && norm(acc - accLp_) < 0.03 && norm(gyroLp_) < 0.2;
-  stillTime_ = still ? stillTime_ + dt : 0.0;
-  if (stillTime_ >= settings_.restTime) {
-    const double k = dt / (dt + settings_.restBiasTau);
-    bias_ = bias_ + k * (gyroLp_ - bias_);
-  }
+void CompassFilter::propagate(const Vec3& gyro, double dt) {
+  const Vec3 w = gyro - bias_.value();
+  // Each reading is the mean rate over its interval: at low rates and fast
+  // turns about a changing axis the coning term of two successive
+  // intervals keeps the integration right.
+  Vec3 turn = dt * w;
+  if (settings_.coning > 0.0 && dt > 0.0 && prevDt_ > 0.0)
+    turn = turn + (settings_.coning / 12.0 * dt * prevDt_) * cross(prevGyro_, w);
+  prevGyro_ = w;
+  prevDt_ = dt;
+  att_.now = normalised(att_.now * fromRotationVector(turn));
+  // The readings are means over the interval: they belong to its middle.
+  att_.readings = att_.now * fromRotationVector((-settings_.readingDelay) * turn);
+  lastRate_ = w;
+  bias_.age(dt);
+  heading_.predict(dt, norm(turn), dt * bias_.settings().walk * bias_.settings().walk);
 }
 
-// Pulls the attitude towards gravity; returns the weight used (0..1) and the
-// applied correction (world frame rotation vector) in applied. Also sets the
-// tilt error vector used for learning the bias.
-double CompassFilter::tiltCorrection(const Vec3& acc, double dt, bool withGyro, Vec3& applied) {
-  applied = Vec3{};
-  const double na = norm(acc);
-  if (!(na > 0.2) || !finite(acc)) {
-    accelerating_ = true;
-    return 0.0;
-  }
-  const double dev = (na - 1.0) / settings_.accNormTolerance;
-  double weight = 1.0 / (1.0 + dev * dev);
-  const double elapsed = tLast_ - tStart_;
-  const bool warm = elapsed >= settings_.warmUp;
-  Vec3 err;
-  double tau;
-  if (withGyro) {
-    // The accelerometer's mean in the earth frame: linear accelerations of
-    // a device that goes nowhere average out, gravity stays.
-    const double meanTau = warm ? settings_.accMeanTau : std::fmin(settings_.accMeanTau, 0.05 + 0.5 * elapsed);
-    const double kMean = weight * dt / (dt + meanTau);
-    // Each sample's pull on the mean is limited: a shock moves it little.
-    Vec3 step = rotate(qMeas_, acc) - accWorld_;
-    const double stepNorm = norm(step);
-    if (stepNorm > settings_.accStepLimit) step = (settings_.accStepLimit / stepNorm) * step;
-    accWorld_ = accWorld_ + kMean * step;
-    const double nm = norm(accWorld_);
-    if (!(nm > 0.2)) {
-      accelerating_ = true;
-      return 0.0;
-    }
-    err = rotationBetween((1.0 / nm) * accWorld_, kUp);
-    const double angle = norm(err);
-    weight = 1.0;
-    tau = warm ? settings_.tiltTau : std::fmin(settings_.tiltTau, 0.2 + elapsed);
-    if (warm && angle > settings_.accRejectAngleDeg * kDeg) {
-      rejectTime_ += dt;
-      if (rejectTime_ < settings_.accRejectMaxTime) {
-        weight = 0.0;
-      } else {
-        tau = 0.5;  // sustained: the integrated tilt is what is wrong
-      }
-    } else {
-      rejectTime_ = std::fmax(0.0, rejectTime_ - 0.5 * dt);
-    }
-    const Vec3 upNow = rotate(qMeas_, (1.0 / na) * acc);
-    const double angleNow = std::atan2(std::hypot(upNow.x, upNow.y), upNow.z);
-    accelerating_ = kMean < 0.5 * dt / (dt + meanTau) || weight < 0.5 ||
-                    (warm && angleNow > settings_.accFlagAngleDeg * kDeg);
-  } else {
-    const Vec3 upWorld = rotate(qMeas_, (1.0 / na) * acc);
-    err = rotationBetween(upWorld, kUp);  // earth frame, horizontal
-    const double m = norm(err) / (settings_.trackTiltAngleDeg * kDeg);
-    tau = settings_.trackTiltTau / (1.0 + m * m);
-    if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
-    accelerating_ = weight < 0.5;
-  }
-  const double k = weight * dt / (dt + tau);
-  applied = k * err;
-  const Quat turn = fromRotationVector(applied);
-  q_ = normalised(turn * q_);
-  qMeas_ = normalised(turn * qMeas_);
-  if (withGyro) accWorld_ = rotate(turn, accWorld_);
-  return weight;
+void CompassFilter::track(double dt) {
+  // Without a gyroscope: predicted by a share of the rate the attitude's own
+  // change shows.
+  att_.now = normalised(fromRotationVector((settings_.trackPredict * dt) * rateWorld_) * att_.now);
+  att_.readings = att_.now;
+  prevDt_ = 0.0;
+  driftVar_ += dt * settings_.trackDriftRate * settings_.trackDriftRate + std::pow(0.05 * norm(rateWorld_) * dt, 2.0);
 }
 
-bool CompassFilter::fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro) {
-  const double strength = norm(field);
-  if (quality.newCalibration) referenceAge_ = 0.0;
-  const Vec3 upDevice = rotateBack(qMeas_, kUp);
-  const double dip = std::asin(clampTo(-dot(field, upDevice) / strength, -1.0, 1.0));
-  if (referenceAge_ <= 0.0) {
-    strengthRef_ = strength;
-    dipRef_ = dip;
-  }
-  // The dip needs the tilt; a field whose dip disagrees is as suspect as a
-  // tilt that is off, and either way the field's heading should not be
-  // followed.
-  const double strengthScore = std::fabs(strength / strengthRef_ - 1.0) / settings_.fieldStrengthTolerance;
-  // Without a gyroscope the tilt, and with it the dip, is noisier.
-  const double dipTolerance = settings_.fieldDipToleranceDeg * kDeg * (withGyro ? 1.0 : settings_.trackDipToleranceScale);
-  const double dipScore = std::fabs(dip - dipRef_) / dipTolerance;
-  const double score = std::fmax(strengthScore, dipScore);
-  const bool own = disturbed_ ? score > 0.7 : score > 1.0;
-  const bool disturbed = (own && referenceAge_ >= 5.0) || quality.disturbed;
-  disturbedTime_ = disturbed ? disturbedTime_ + dt : 0.0;
-  cleanTime_ = disturbed ? 0.0 : cleanTime_ + dt;
-  // References: quick at first, slow afterwards, slower still while
-  // disturbed, and they follow a change that lasts.
-  const double elapsed = tLast_ - tStart_;
-  double tau = settings_.fieldReferenceTau;
-  if (disturbed && disturbedTime_ < settings_.fieldRelearnTime) tau *= 4.0;
-  const bool learning = referenceAge_ < 5.0;
-  if (learning) tau = std::fmin(tau, 0.5 + referenceAge_);
-  const double k = dt / (dt + tau);
-  strengthRef_ += k * (strength - strengthRef_);
-  dipRef_ += k * (dip - dipRef_);
-  const double ownScore = learning ? 0.0 : score;
-  score_ = quality.disturbed ? std::fmax(ownScore, std::fmax(1.0, quality.disturbanceScore)) : ownScore;
-  referenceAge_ += dt > 0.0 ? dt : 1e-3;
-  disturbed_ = own && !learning;
-  return (disturbed_ || quality.disturbed) && elapsed >= 3.0;
-}
-
-double CompassFilter::headingCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro,
-                                        double& applied) {
+// Pulls the heading towards the field's; returns the weight the field had
+// (0..1) and the heading turn applied (rad, about up) in applied.
+double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro,
+                                      double& applied) {
   applied = 0.0;
-  const double strength = norm(field);
-  if (!(strength > 0.0) || !finite(field)) return 0.0;
-  const bool disturbed = fieldDisturbed(field, quality, dt, withGyro);
-  const Vec3 w = rotate(qMeas_, field);
-  const double horizontal = std::hypot(w.x, w.y);
-  if (horizontal < 0.05 * strength) return 0.0;
+  const double strength = norm(field);  // finite and positive: checked by update()
+  const Vec3 w = rotate(att_.readings, field);
+  const double horizontal = std::sqrt(w.x * w.x + w.y * w.y);
   const double psi = wrapPi(std::atan2(w.x, w.y) - settings_.declinationDeg * kDeg);
+  const double dip = std::asin(clampTo(-w.z / strength, -1.0, 1.0));
+  const double biasSigma = std::sqrt(heading_.biasVar());
+  // A bias not yet learnt about the horizontal axes tilts the attitude by
+  // about its size times the tilt pull's time constant: the dip is that
+  // much less certain.
+  const double tiltSigma = std::sqrt(bias_.horizontalVar()) * settings_.tilt.tau;
+  const double elapsed = tLast_ - tStart_;
+  const bool disturbed = field_.check(strength, dip, quality.disturbed, quality.newCalibration, dt, withGyro, psi,
+                                      norm(lastRate_), biasSigma, withGyro ? tiltSigma : 0.0) &&
+                         elapsed >= 3.0;
+  disturbed_ = disturbed;
+  if (horizontal < 0.05 * strength) return 0.0;
   if (!headingKnown_) {
-    q_ = normalised(aboutUp(psi) * q_);
-    qMeas_ = normalised(aboutUp(psi) * qMeas_);
+    att_.turnAboutUp(psi);
+    applied = psi;
     headingKnown_ = true;
+    heading_.start(dt);
     return 1.0;
   }
-  const double elapsed = tLast_ - tStart_;
-  const bool warm = elapsed >= settings_.warmUp;
   // A field that disagrees with its references counts less, the more so
   // the more it disagrees.
-  const double s2 = score_ * score_;
-  double weight = elapsed < 3.0 ? 1.0 : 1.0 / (1.0 + s2 * s2);
-  // A fresh disturbance is not followed at all; one that lasts only as
-  // the references come round to it. (Following a lasting disturbance
-  // slowly was tried: along the recordings' disturbed paths the field's
-  // mean direction is no better a north than the gyroscope's.)
-  if (disturbed && disturbedTime_ < settings_.fieldRelearnTime / 3.0) weight = 0.0;
-  double tau;
+  const double s2 = field_.score() * field_.score();
+  const double weight = elapsed < 3.0 ? 1.0 : 1.0 / (1.0 + s2 * s2);
   if (withGyro) {
-    tau = warm ? settings_.headingTau : std::fmin(settings_.headingTau, 0.2 + elapsed);
-    // After a long gap in the field (disturbance), come back a little faster.
-    if (sinceField_ > 5.0) tau = std::fmin(tau, 2.0);
-    if (quality.newCalibration) fastHeadingUntil_ = tLast_ + 2.0;
-    if (tLast_ < fastHeadingUntil_) tau = std::fmin(tau, 0.3);
-  } else {
-    const double m = psi / (settings_.trackHeadingAngleDeg * kDeg);
-    tau = settings_.trackHeadingTau / (1.0 + m * m);
-    if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
-    // Without a gyroscope only the field tells a turn: a disturbed field is
-    // still followed (the flag and the heading accuracy say it is suspect).
-    if (disturbed) weight = std::fmax(weight, settings_.trackDisturbedWeight);
+    // A fresh disturbance is not followed at all; one that lasts only as
+    // far as its score, the gate and the references allow.
+    const bool follow = !disturbed || field_.disturbedTime() >= settings_.disturbedHold;
+    // A tilt error moves the field's heading by up to the tilt error times
+    // the tangent of the dip. One from a bias not yet learnt lasts as long as
+    // the bias loop takes to settle (its slow root, biasTiltTau^2 / tilt.tau,
+    // about 11 s): the field's heading is that much less informative.
+    const double dipSlope = std::fabs(w.z) / std::fmax(horizontal, 0.1 * strength);
+    const double tiltHeading = tiltSigma * dipSlope;
+    const double tiltNoise =
+        tiltHeading * tiltHeading * settings_.biasTiltTau * settings_.biasTiltTau / settings_.tilt.tau;
+    const double slowness2 = dot(lastRate_, lastRate_) / (settings_.slowRate * settings_.slowRate);
+    const HeadingEstimate::Correction c =
+        heading_.correct(psi, dt, follow, !disturbed, weight, tiltNoise, 1.0 / (1.0 + slowness2));
+    if (!c.followed) return 0.0;
+    applied = c.heading;
+    Vec3 turn{0.0, 0.0, c.heading};
+    // A followed field also knows its dip: the tilt about the east-west
+    // axis of the field is pulled towards the dip of the references.
+    if (settings_.fieldTiltTau > 0.0 && field_.learnt() && field_.score() < 0.5 && elapsed >= settings_.warmUp &&
+        horizontal > 0.1 * strength) {
+      const double dipError = dip - field_.dipReference();  // positive: the field looks too steep
+      // Turning about the horizontal axis (north x up) raises the field.
+      const Vec3 axis{w.y / horizontal, -w.x / horizontal, 0.0};
+      turn = turn + (dt / (dt + settings_.fieldTiltTau) * dipError) * axis;
+    }
+    att_.turn(turn);
+    biasStep_.z += c.bias;
+    const double kInn = dt / (dt + 3.0);
+    innovationSq_ += kInn * (psi * psi - innovationSq_);
+    return 1.0;
   }
-  if (weight > 0.5) {
+  const double m = psi / (settings_.trackHeadingAngleDeg * kDeg);
+  double tau = settings_.trackHeadingTau / (1.0 + m * m);
+  if (elapsed < settings_.warmUp) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
+  // Without a gyroscope only the field tells a turn: a disturbed field is
+  // still followed (the flag and the heading accuracy say it is suspect).
+  const double trackWeight = disturbed ? std::fmax(weight, settings_.trackDisturbedWeight) : weight;
+  if (trackWeight > 0.5) {
     const double kInn = dt / (dt + 3.0);
     innovationSq_ += kInn * (psi * psi - innovationSq_);
   }
-  const double k = weight * dt / (dt + tau);
-  applied = k * psi;
-  q_ = normalised(aboutUp(applied) * q_);
-  qMeas_ = normalised(aboutUp(applied) * qMeas_);
-  // A trusted field also knows its dip: the tilt about the east-west axis
-  // of the field is pulled towards the dip of the references.
-  if (withGyro && settings_.fieldTiltTau > 0.0 && referenceAge_ > 5.0 && score_ < 0.5 && warm) {
-    const Vec3 m = rotate(qMeas_, (1.0 / strength) * field);
-    const double h = std::hypot(m.x, m.y);
-    if (h > 0.1) {
-      const double dipNow = std::atan2(-m.z, h);
-      const double dipError = dipNow - dipRef_;  // positive: the field looks too steep
-      // Turning about the horizontal axis (north x up) raises the field.
-      const Vec3 axis{m.y / h, -m.x / h, 0.0};
-      const double kTilt = dt / (dt + settings_.fieldTiltTau);
-      q_ = normalised(fromRotationVector((kTilt * dipError) * axis) * q_);
-      qMeas_ = normalised(fromRotationVector((kTilt * dipError) * axis) * qMeas_);
-    }
+  applied = trackWeight * dt / (dt + tau) * psi;
+  att_.turnAboutUp(applied);
+  if (trackWeight > 0.2) {
+    const double k = dt / (dt + 1.0);
+    driftVar_ *= (1.0 - k) * (1.0 - k);
   }
-  return weight;
+  return trackWeight;
+}
+
+// The tilt pulls that remain on average are the gyroscope's bias about the
+// horizontal axes. Only slow motion teaches it (fast turns add the
+// gyroscope's scale and alignment errors, which are no bias); it is learnt
+// quickly while little is known of it, more slowly as it firms up.
+void CompassFilter::learnBiasFromTilt(const TiltCorrection::Pull& pull, double dt) {
+  if (!(pull.weight > 0.0) || !(dt > 0.0) || tLast_ - tStart_ < settings_.warmUp) return;
+  const double slowness2 = dot(lastRate_, lastRate_) / (settings_.slowRate * settings_.slowRate);
+  const double slowOnly = 1.0 / (1.0 + slowness2);
+  biasLearnt_ += slowOnly * dt;
+  const double firm = std::fmin(1.0, biasLearnt_ / settings_.biasSettleTime);
+  const double tau = settings_.biasTiltTauStart + (settings_.biasTiltTau - settings_.biasTiltTauStart) * firm;
+  const double k = pull.weight * dt / (dt + settings_.tilt.tau);
+  const Vec3 rate = (slowOnly / (k * tau * tau)) * pull.applied;
+  // What is known of the bias about the horizontal axes firms up as it is
+  // learnt, from the start's uncertainty down to what the pulls resolve.
+  const double start = bias_.settings().startSigma * (1.0 - firm);
+  const double var = std::fmin(bias_.horizontalVar(), start * start + settings_.biasTiltSigma * settings_.biasTiltSigma);
+  biasStep_ = biasStep_ - dt * rate;
+  biasHorizontalVar_ = var;
 }
 
 void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const FieldQuality& quality,
                            const Vec3* gyro) {
   if (!std::isfinite(t)) return;
   const bool accOk = finite(acc) && norm(acc) > 0.2;
-  const Vec3* usableField = (field != nullptr && finite(*field) && norm(*field) > 1e-6) ? field : nullptr;
+  const Vec3* usableField = (field != nullptr && finite(*field) && dot(*field, *field) > 1e-12) ? field : nullptr;
   const Vec3* usableGyro = (gyro != nullptr && finite(*gyro)) ? gyro : nullptr;
   if (!started_) {
     if (!accOk) return;
@@ -327,86 +272,37 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
   if (!(dt > 0.0)) dt = 0.0;    // repeated or backwards time: no prediction
   if (dt > 0.5) dt = 0.5;       // a gap: predict no further than this
   if (t > tLast_) tLast_ = t;
-  const bool withGyro = usableGyro != nullptr;
 
+  // The rest test runs on every reading, so that a gyroscope judged
+  // unusable can prove itself usable again.
+  if (usableGyro != nullptr && accOk && bias_.observe(*usableGyro, acc, usableField, dt)) heading_.pinBias(bias_.horizontalVar());
+  const bool withGyro = usableGyro != nullptr && bias_.usable();
   if (withGyro) {
-    const Vec3 w = *usableGyro - bias_;
-    // Each reading is the mean rate over its interval: at low rates and
-    // fast turns about a changing axis the coning term of two successive
-    // intervals keeps the integration right.
-    Vec3 turn = dt * w;
-    if (settings_.coning > 0.0 && dt > 0.0 && prevDt_ > 0.0)
-      turn = turn + (settings_.coning / 12.0 * dt * prevDt_) * cross(prevGyro_, w);
-    prevGyro_ = w;
-    prevDt_ = dt;
-    q_ = normalised(q_ * fromRotationVector(turn));
-    // The readings are means over the interval: they belong to its middle.
-    qMeas_ = normalised(q_ * fromRotationVector((-settings_.readingDelay) * turn));
-    if (accOk) restBias(*usableGyro, acc, dt);
-    lastRate_ = *usableGyro - bias_;
-    driftVar_ += dt * settings_.headingDriftRate * settings_.headingDriftRate +
-                 std::pow(settings_.headingScaleError * norm(w) * dt, 2.0);
+    propagate(*usableGyro, dt);
   } else {
-    q_ = normalised(fromRotationVector((settings_.trackPredict * dt) * rateWorld_) * q_);
-    qMeas_ = q_;
-    driftVar_ += dt * 4.0 * settings_.headingDriftRate * settings_.headingDriftRate +
-                 std::pow(0.05 * norm(rateWorld_) * dt, 2.0);
+    track(dt);
   }
-
-  Vec3 tiltApplied;
-  double tiltWeight = 0.0;
-  if (accOk) tiltWeight = tiltCorrection(acc, dt, withGyro, tiltApplied);
+  TiltCorrection::Pull pull;
+  if (accOk) pull = tilt_.correct(att_, acc, dt, tLast_ - tStart_, withGyro);
   double headingApplied = 0.0;
-  double headingWeight = 0.0;
-  if (usableField != nullptr && accOk) {
-    headingWeight = headingCorrection(*usableField, quality, dt, withGyro, headingApplied);
-  }
-  if (headingWeight > 0.2) {
-    // The field pulls the heading: the drift shrinks as a filter would.
-    const double k = dt / (dt + (withGyro ? settings_.headingTau : 1.0));
-    driftVar_ *= (1.0 - k) * (1.0 - k);
-    sinceField_ = 0.0;
-  } else {
-    sinceField_ += dt;
-  }
-
-  if (withGyro && dt > 0.0 && tLast_ - tStart_ >= settings_.warmUp) {
-    // The pulls that remain on average are the gyroscope's bias. Only slow
-    // motion teaches it (fast turns add the gyroscope's scale and alignment
-    // errors, which are no bias), and it is learnt quickly at first, then
-    // ever more slowly as the estimate firms up.
-    const double slowness = norm(lastRate_) / 0.5;
-    const double slowOnly = 1.0 / (1.0 + slowness * slowness);
-    const double firm = std::fmin(1.0, biasLearnt_ / settings_.biasSettleTime);
-    Vec3 pull;
-    if (tiltWeight > 0.0) {
-      const double tau = settings_.biasTiltTauStart + (settings_.biasTiltTau - settings_.biasTiltTauStart) * firm;
-      const double k = tiltWeight * dt / (dt + settings_.tiltTau);
-      pull = (1.0 / (k * tau * tau)) * tiltApplied;
-    }
-    // Only a field clean for a while teaches the bias: a clean moment
-    // within a disturbed area is no north to learn from.
-    if (headingWeight > 0.9 && cleanTime_ > settings_.biasCleanTime) {
-      const double tau =
-          settings_.biasHeadingTauStart + (settings_.biasHeadingTau - settings_.biasHeadingTauStart) * firm;
-      const double k = dt / (dt + settings_.headingTau);
-      pull.z += headingApplied / (k * tau * tau);
-      biasLearnt_ += dt * slowOnly;
-    }
-    const Vec3 device = rotateBack(q_, slowOnly * pull);
-    bias_ = bias_ - dt * device;
-    const double maxBias = 0.2;
-    bias_ = {clampTo(bias_.x, -maxBias, maxBias), clampTo(bias_.y, -maxBias, maxBias),
-             clampTo(bias_.z, -maxBias, maxBias)};
+  biasStep_ = Vec3{};
+  if (usableField != nullptr && accOk) fieldCorrection(*usableField, quality, dt, withGyro, headingApplied);
+  const Vec3 headingBiasStep = biasStep_;
+  if (withGyro) {
+    // What the tilt pulls and the field taught the bias this sample, at once.
+    biasStep_ = Vec3{};
+    biasHorizontalVar_ = bias_.horizontalVar();
+    learnBiasFromTilt(pull, dt);
+    bias_.learn(rotateBack(att_.now, biasStep_ + headingBiasStep), biasHorizontalVar_);
   }
   if (!withGyro && dt > 0.0) {
     // The rate without a gyroscope: the attitude's own change, smoothed.
-    Vec3 change = tiltApplied;
+    Vec3 change = pull.applied;
     change.z += headingApplied;
     if (settings_.trackPredict > 0.0) change = change + (settings_.trackPredict * dt) * rateWorld_;
     const double k = dt / (dt + 0.1);
     rateWorld_ = rateWorld_ + k * ((1.0 / dt) * change - rateWorld_);
-    lastRate_ = rotateBack(q_, rateWorld_);
+    lastRate_ = rotateBack(att_.now, rateWorld_);
   }
   finish(t, acc, quality, withGyro);
 }
@@ -414,19 +310,19 @@ void CompassFilter::update(double t, const Vec3& acc, const Vec3* field, const F
 void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro) {
   CompassOutput& o = out_;
   o.t = t;
-  o.attitude = q_;
-  anglesOf(q_, o.azimuthDeg, o.pitchDeg, o.rollDeg);
-  o.gravity = rotateBack(q_, kUp);
+  o.attitude = att_.now;
+  anglesOf(att_.now, o.azimuthDeg, o.pitchDeg, o.rollDeg);
+  o.gravity = rotateBack(att_.now, Vec3{0.0, 0.0, 1.0});
   o.linearAcc = finite(acc) ? acc - o.gravity : Vec3{};
   o.rate = lastRate_;
-  o.gyroBias = bias_;
+  o.gyroBias = bias_.value();
   uint32_t flags = 0;
   if (quality.calibrationAccuracy < 3) flags |= kFlagCalibrating;
-  if (disturbed_ || quality.disturbed) flags |= kFlagMagneticDisturbance;
-  if (accelerating_) flags |= kFlagAccelerating;
+  if (field_.disturbed() || quality.disturbed) flags |= kFlagMagneticDisturbance;
+  if (tilt_.accelerating()) flags |= kFlagAccelerating;
   if (!headingKnown_) flags |= kFlagNoHeading;
   if (withGyro) flags |= kFlagGyroscope;
-  if (withGyro && stillTime_ >= settings_.restTime) flags |= kFlagResting;
+  if (withGyro && bias_.resting()) flags |= kFlagResting;
   o.flags = flags;
 
   if (!headingKnown_) {
@@ -436,16 +332,15 @@ void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& qualit
     const double floor = settings_.headingNoiseFloorDeg * kDeg;
     double var = cal * cal + floor * floor;
     if (withGyro) {
-      var += driftVar_ + settings_.innovationWeight * innovationSq_;
+      var += heading_.headingVar() + settings_.innovationWeight * innovationSq_;
     } else {
       // Without a gyroscope: the lag behind turns, the field's disagreement,
-      // and next to nothing known while the field is disturbed.
-      // (The lag grows with the rate, less than in proportion past a
-      // radian a second.)
+      // and next to nothing known while the field is disturbed. (The lag
+      // grows in proportion to the rate.)
       const double r = norm(rateWorld_);
-      const double lag = settings_.trackLagTime * r / std::sqrt(1.0 + r * r);
-      const double held = (disturbed_ || quality.disturbed) ? settings_.trackDisturbedErrorDeg * kDeg : 0.0;
-      var += settings_.trackInnovationWeight * innovationSq_ + lag * lag + held * held;
+      const double lag = settings_.trackLagTime * r;
+      const double held = (field_.disturbed() || quality.disturbed) ? settings_.trackDisturbedErrorDeg * kDeg : 0.0;
+      var += driftVar_ + settings_.trackInnovationWeight * innovationSq_ + lag * lag + held * held;
     }
     o.headingAccuracyDeg = std::fmin(180.0, std::sqrt(var) / kDeg);
   }

@@ -3,23 +3,22 @@
 // device has one, the gyroscope. Any rate from about 10 to 400 Hz, irregular
 // intervals; every tuning value is in seconds, none counts calls.
 //
-// With a gyroscope the attitude is integrated from the rate. Tilt: the
-// accelerometer is averaged in the earth frame (the linear accelerations of
-// a device that goes nowhere average out, gravity stays; each sample's pull
-// on the mean is limited, so shocks move it little) and the attitude is
-// pulled towards that mean. Heading: pulled towards the field's horizontal
-// direction, and a trusted field's dip steadies the tilt as well. The
-// gyroscope bias is learnt from the pulls that remain on average (quickly at
-// first, then more slowly; only from slow motion and a field clean for a
-// while) and, faster, while the device rests. The accelerometer and field
-// readings are taken to belong to the middle of their interval, as the
-// means that anti-aliased sensors report.
+// With a gyroscope the attitude is integrated from the rate; each concern
+// has its own part: the tilt from the accelerometer's earth-frame mean
+// (tilt_correction), the heading and the bias about the vertical as a small
+// Kalman filter corrected by the field (heading_estimate), whether the field
+// is clean (field_check: strength, dip, and a heading that turns only as the
+// gyroscope says), and the bias with its uncertainty (gyro_bias: at rest,
+// from the tilt pulls in motion, and whether the gyroscope is usable at
+// all). The accelerometer and field readings are taken to belong to the
+// middle of their interval, as the means that anti-aliased sensors report.
 //
-// Magnetic disturbance: the host's flag, or the filter's own check of the
-// field's strength and dip against running references. A fresh disturbance
-// is not followed at all (the gyroscope carries the heading), the heading
-// re-converges smoothly when it ends, and references follow a change that
-// lasts.
+// Magnetic disturbance: the host's flag or the field check. A disturbed
+// field is not followed (the gyroscope carries the heading and the heading's
+// accuracy grows with the time carried and the bias's uncertainty); a clean
+// one is followed again once it has been clean for a while; one that is
+// clean by every test but keeps disagreeing steadily is taken as the new
+// reference.
 //
 // Without a gyroscope gravity's and the field's attitude are followed with
 // smoothing that shortens as their disagreement with the estimate grows past
@@ -32,55 +31,47 @@
 #include <cstdint>
 
 #include "quelta/compass/compass_math.h"
+#include "quelta/compass/field_check.h"
+#include "quelta/compass/gyro_bias.h"
+#include "quelta/compass/heading_estimate.h"
+#include "quelta/compass/tilt_correction.h"
 
 namespace quelta::compass {
 
-// One set of settings serves every device and rate (tuned on the recordings
-// of the accuracy tool).
+// One set of settings serves every device, motion and rate; every value is
+// a physical quantity with its unit, none counts calls.
 struct FilterSettings {
+  TiltSettings tilt;
+  HeadingSettings heading;
+  GyroBiasSettings bias;
+  FieldCheckSettings field;
   // With a gyroscope.
-  double tiltTau = 1.5;              // s, pull towards the accelerometer's mean
-  double accMeanTau = 1.5;           // s, mean of the accelerometer in the earth frame
-  double accStepLimit = 1.5;         // g, largest pull of one sample on that mean
-  double accNormTolerance = 3.0;     // g, a sample's weight halves at this deviation from 1 g
-  double accRejectAngleDeg = 30.0;   // tilt disagreement that is skipped ...
-  double accRejectMaxTime = 3.0;     // s ... for at most this long (then sustained: accepted)
-  double accFlagAngleDeg = 10.0;     // tilt disagreement flagged as accelerating
-  double headingTau = 6.0;           // s, pull towards magnetic north
-  double fieldTiltTau = 3.0;         // s, tilt pull from a trusted field's dip (0: off)
-  double biasTiltTau = 8.0;          // s, bias learning from the tilt pull, when settled
-  double biasHeadingTau = 20.0;      // s, bias learning from the heading pull, when settled
-  double biasTiltTauStart = 4.0;     // s, the same at first
-  double biasHeadingTauStart = 4.0;  // s
-  double biasSettleTime = 120.0;     // s of learning from a clean field until settled
-  double biasCleanTime = 5.0;        // s a field must stay clean before it teaches the bias
-  double restTime = 1.0;             // s of stillness before the rest bias estimate runs
-  double restBiasTau = 1.0;          // s, rest bias estimate
-  double warmUp = 2.0;               // s of short time constants after the start
-  double coning = 1.0;               // share of the two-interval coning term in the integration
-  double readingDelay = 0.5;         // accelerometer and field lag the gyroscope, fraction of the interval
+  double disturbedHold = 5.0;       // s a disturbed field is not followed at all (then only as far as its score,
+                                    // the heading's gate and the references allow)
+  double fieldTiltTau = 3.0;        // s, tilt pull from a followed field's dip (0: off)
+  double biasTiltTau = 4.0;         // s, bias learning from the tilt pulls once the bias is known ...
+  double biasTiltTauStart = 2.0;    // s ... and while nothing is known of it (the loop with the tilt pull's
+                                    // 1.5 s then settles within about 3 s, slightly underdamped)
+  double biasSettleTime = 30.0;     // s of slow motion until the bias about the horizontal axes is known
+  double biasTiltSigma = 0.005;     // rad/s, what learning from the tilt pulls pins the bias to
+  double slowRate = 0.5;            // rad/s: turns this fast teach the bias half as much (scale errors are no bias)
+  double coning = 1.0;              // share of the two-interval coning term in the integration
+  double readingDelay = 0.5;        // accelerometer and field lag the gyroscope, fraction of the interval
   // Without a gyroscope.
-  double trackTiltTau = 0.2;            // s, smoothing of gravity's tilt when it agrees ...
-  double trackTiltAngleDeg = 12.0;      // ... shortened past this disagreement
   double trackHeadingTau = 0.15;        // s, smoothing of the field's heading ...
   double trackHeadingAngleDeg = 4.0;    // ... shortened past this disagreement
   double trackPredict = 0.5;            // share of the derived rate used to predict
-  double trackDipToleranceScale = 2.5;  // the dip check's tolerance, relative to the gyroscope's
-  double trackDisturbedWeight = 1.0;    // weight of a disturbed field: the only sign of a turn (holding
-                                        // it back measured worse on every disturbed recording)
-  // Magnetic disturbance (own check).
-  double fieldStrengthTolerance = 0.12;  // relative
-  double fieldDipToleranceDeg = 4.0;
-  double fieldReferenceTau = 20.0;       // s, reference learning when undisturbed
-  double fieldRelearnTime = 30.0;        // s disturbed before the references follow anyway
+  double trackDisturbedWeight = 1.0;    // weight of a disturbed field: the only sign of a turn
+  double trackDriftRate = 0.008;        // rad/sqrt(s), growth of the heading's error while the field is not used
   // Heading accuracy estimate.
-  double headingNoiseFloorDeg = 1.0;
-  double headingDriftRate = 0.004;       // rad/sqrt(s), growth while the field is not used
-  double headingScaleError = 0.01;       // fraction of each rotation
-  double innovationWeight = 0.15;        // of the heading innovation's running RMS
+  double headingNoiseFloorDeg = 1.0;     // degrees always reported on top
+  double innovationWeight = 0.05;        // share of the heading disagreement's running mean square
   double trackInnovationWeight = 0.5;    // the same without a gyroscope
-  double trackLagTime = 0.35;             // s: without a gyroscope, grows with the turn rate
-  double trackDisturbedErrorDeg = 30.0;  // without a gyroscope, while the field is disturbed
+  double trackLagTime = 0.45;            // s: without a gyroscope, the lag behind a turn (its error grows
+                                         // with the rate, without bound: a fast tumble is not followed)
+  double trackDisturbedErrorDeg = 40.0;  // degrees without a gyroscope while the field is disturbed
+                                         // (indoor disturbances turn the field by tens of degrees)
+  double warmUp = 2.0;                   // s of short time constants after the start
   // True north: declination added to magnetic north, degrees east.
   double declinationDeg = 0.0;
 };
@@ -133,50 +124,44 @@ class CompassFilter {
 
   const CompassOutput& output() const { return out_; }
 
+  // The gyroscope bias the filter subtracts (rad/s, device frame), its
+  // 1-sigma uncertainty per axis (rad/s; large before anything is learnt),
+  // and whether the gyroscope is used at all (false: judged unusable, the
+  // attitude is tracked as without one).
+  Vec3 gyroBias() const { return bias_.value(); }
+  double gyroBiasSigma() const { return std::sqrt(std::fmax(bias_.horizontalVar(), heading_.biasVar())); }
+  bool gyroUsable() const { return bias_.usable(); }
+
  private:
   void initialise(double t, const Vec3& acc, const Vec3* field);
-  void restBias(const Vec3& gyro, const Vec3& acc, double dt);
-  double tiltCorrection(const Vec3& acc, double dt, bool withGyro, Vec3& applied);
-  double headingCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro,
-                           double& applied);
-  bool fieldDisturbed(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro);
+  void propagate(const Vec3& gyro, double dt);
+  void track(double dt);
+  double fieldCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro, double& applied);
+  void learnBiasFromTilt(const TiltCorrection::Pull& pull, double dt);
   void finish(double t, const Vec3& acc, const FieldQuality& quality, bool withGyro);
 
   FilterSettings settings_;
+  TiltCorrection tilt_;
+  HeadingEstimate heading_;
+  GyroBias bias_;
+  FieldCheck field_;
   bool started_ = false;
   bool seenFirst_ = false;
   double tFirst_ = 0.0;
   bool headingKnown_ = false;
   double tStart_ = 0.0;
   double tLast_ = 0.0;
-  Quat q_;
-  Quat qMeas_;
-  Vec3 prevGyro_;        // previous bias-corrected gyroscope reading
-  double prevDt_ = 0.0;           // the attitude the accelerometer and field readings belong to
-  Vec3 bias_;
-  Vec3 accWorld_;        // mean specific force in the earth frame, g
-  Vec3 rateWorld_;       // tracker's rate without a gyroscope, east-north-up frame
-  Vec3 lastRate_;        // device frame
-  // Rest detection.
-  Vec3 gyroLp_, accLp_;
-  double stillTime_ = 0.0;
-  // Acceleration gating.
-  double rejectTime_ = 0.0;
-  bool accelerating_ = false;
-  // Field references and disturbance.
-  double strengthRef_ = 0.0;
-  double dipRef_ = 0.0;
-  double referenceAge_ = 0.0;   // s of learning so far
-  double fastHeadingUntil_ = -1e300;  // a new calibration: heading re-converges quickly
-  double disturbedTime_ = 0.0;
-  double score_ = 0.0;
-  double cleanTime_ = 0.0;      // s since the field was last suspect
-  double biasLearnt_ = 0.0;     // s of bias learning from a clean field
-  bool disturbed_ = false;
-  // Heading accuracy.
-  double driftVar_ = 0.0;       // rad^2
-  double innovationSq_ = 0.0;   // running mean of heading innovation^2, rad^2
-  double sinceField_ = 0.0;     // s since the field last corrected the heading
+  AttitudePair att_;
+  Vec3 prevGyro_;          // previous bias-corrected gyroscope reading, rad/s
+  double prevDt_ = 0.0;    // s
+  Vec3 rateWorld_;         // rad/s, the tracker's rate without a gyroscope, east-north-up
+  Vec3 lastRate_;          // rad/s, device frame
+  bool disturbed_ = false; // the field was judged disturbed
+  double driftVar_ = 0.0;     // rad^2, heading error grown without a gyroscope
+  double innovationSq_ = 0.0; // rad^2, running mean square of the heading disagreement
+  double biasLearnt_ = 0.0;   // s of learning the bias from the tilt pulls
+  Vec3 biasStep_;             // rad/s, earth frame: what this sample teaches the bias
+  double biasHorizontalVar_ = 0.0;  // (rad/s)^2, the horizontal variance after it
   CompassOutput out_;
 };
 

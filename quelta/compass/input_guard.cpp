@@ -4,8 +4,6 @@ namespace quelta::compass {
 
 namespace {
 
-bool finite(const Vec3& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
-
 double largestAxis(const Vec3& v) { return std::fmax(std::fabs(v.x), std::fmax(std::fabs(v.y), std::fabs(v.z))); }
 
 }  // namespace

@@ -33,6 +33,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "quelta/magnetic/rotation_evidence.h"
 #include "quelta/math/qmath.h"
 
 namespace quelta::magnetic {
@@ -118,11 +119,14 @@ class Calibrator {
   const ExpectedField& expectedField() const { return expected_; }
 
   // One sample: t in seconds (any origin, may be irregular), the raw field in
-  // gauss, the accelerometer (any unit, up at rest) or nullptr.
-  SampleOutput update(double t, const double mag[3], const double acc[3]);
+  // gauss, the accelerometer (any unit, up at rest) or nullptr, and the
+  // gyroscope (rad/s, its bias already removed) or nullptr.
+  SampleOutput update(double t, const double mag[3], const double acc[3], const double gyro[3] = nullptr);
 
   const Calibration& calibration() const { return cal_; }
   const Quality& quality() const { return quality_; }
+  // What the gyroscope has said about the offset so far.
+  const RotationEvidence& rotationEvidence() const { return rotation_; }
   // Applies the current calibration to a raw sample.
   Vec3d apply(Vec3d raw) const { return cal_.softIron * (raw - cal_.offset); }
 
@@ -153,6 +157,18 @@ class Calibrator {
   void removeNearestLinks(int index);
   void refreshNearest(int index);
   void refit();
+  // Whether a fit explains the evidence clearly better than the calibration
+  // in use (never worse than none: the raw field until then).
+  bool clearlyBetter(const FitResult& r) const;
+  // A turn since the last offered block: a field change without one is the
+  // environment, not calibration evidence.
+  bool turnedSinceOffer(Vec3d up) const;
+  // The heading error (degrees) that an offset uncertainty of sigma gauss
+  // leaves across the horizontal field of the last block.
+  double headingErrorOf(double sigma) const;
+  // The heading error of the calibration in use, from the fit's and the
+  // rotation's evidence, for the last block.
+  double currentHeadingError() const;
   bool fit(const Slot* slots, int n, const Calibration& start, bool allowEllipsoid,
            bool holdShape, double priorStrength, double priorStrengthSigma,
            double priorVertical, double priorVerticalSigma, FitResult& out) const;
@@ -160,6 +176,7 @@ class Calibrator {
   int inliers(const Calibration& c, const Slot* s, int n) const;
   int recentBlocks(Slot* out, double since) const;
   bool checkChange(Vec3d m, Vec3d up);  // false: keep the block out of the store
+  bool rotationKnowsChange() const;
   void updateQuality(const FitResult* r);
   // Forgets the stored samples, the restored prior and the contradiction,
   // then offers the recent blocks (newest first, as recentBlocks gives them)
@@ -170,6 +187,22 @@ class Calibrator {
 
   ExpectedField expected_;
   Calibration cal_;
+  // The gyroscope's evidence about the offset, and the turn since the last
+  // block offered to the store (rad; with a gyroscope) or the up then.
+  RotationEvidence rotation_;
+  // The rotations since the stored model was last contradicted: a new hard
+  // iron must explain them.
+  RotationEvidence sinceChange_;
+  bool haveGyro_ = false;
+  double turnSinceOffer_ = 0.0;
+  Vec3d upAtOffer_;
+  // The last block: its raw field and up, for the heading error.
+  Vec3d lastBlockM_, lastBlockUp_;
+  // The calibration a fit replaced: brought back if the rotation evidence
+  // says it was better.
+  Calibration replaced_;
+  bool haveReplaced_ = false;
+  bool restored_ = false;  // the calibration in use is a restored one, not yet refitted
   Quality quality_;
   // The restored calibration's offset uncertainty (gauss) acts as a prior
   // until the data replace it; 0 when none.
@@ -208,6 +241,7 @@ class Calibrator {
   Slot slots_[kSlots];
   int count_ = 0;
   double lastFit_ = -1e9;
+  double fitInterval_ = 0.75;  // s between fits while not settled
   int newSinceFit_ = 0;
 
   // The last seconds of blocks, for telling a new hard iron from a
@@ -236,7 +270,8 @@ class Calibrator {
   double refDipFor_[2] = {0.0, 0.0};
   bool flag_ = false;
   bool calChanged_ = false;
-  double headingErrorRaw_ = 180.0;
+  double headingErrorRaw_ = 180.0;  // from the last adopted fit's covariance
+  double lastBlockAccDev_ = 0.0;    // the last block's mean accelerometer deviation, share of g
 };
 
 }  // namespace quelta::magnetic

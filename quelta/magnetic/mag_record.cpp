@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::size_t kCrcAt = kRecordSize - 4;
 constexpr int kDoubles = 14;
+constexpr double kSessionDriftGauss = 0.05;  // how far a device's own field may move between sessions
 
 uint32_t crc32(const uint8_t* p, std::size_t n) {
   uint32_t c = 0xFFFFFFFFu;
@@ -85,6 +86,19 @@ bool physical(const Calibration& c) {
 
 }  // namespace
 
+const char* recordStatusText(RecordStatus s) {
+  switch (s) {
+    case RecordStatus::Ok: return "ok";
+    case RecordStatus::Truncated: return "record truncated";
+    case RecordStatus::BadMagic: return "not a calibration record";
+    case RecordStatus::OtherVersion: return "record from another version";
+    case RecordStatus::BadChecksum: return "record corrupted (checksum)";
+    case RecordStatus::BadValues: return "record values out of range";
+    case RecordStatus::NoCalibration: return "no calibration to save";
+  }
+  return "unknown";
+}
+
 RecordStatus Calibrator::save(uint8_t (&rec)[kRecordSize]) const {
   std::memset(rec, 0, kRecordSize);
   if (cal_.model == Model::None) return RecordStatus::NoCalibration;
@@ -139,12 +153,14 @@ RecordStatus Calibrator::restore(const uint8_t* rec, std::size_t size) {
 
   reset();
   cal_ = c;
+  restored_ = true;
   headingErrorRaw_ = v[12];
   quality_.residualGauss = v[11];
   quality_.coverage = v[13];
   // The restored offset holds the fit until the data outweigh it.
   priorOffset_ = c.offset;
-  priorOffsetSigma_ = std::max(0.005, std::tan(std::min(v[12], 30.0) / 57.29577951308232) * 0.5 * c.strength);
+  // No tighter than a device's own field may move between sessions.
+  priorOffsetSigma_ = std::max(kSessionDriftGauss, std::tan(std::min(v[12], 30.0) / 57.29577951308232) * 0.5 * c.strength);
   updateQuality(nullptr);
   if (quality_.accuracy > accuracy) quality_.accuracy = accuracy;
   calChanged_ = true;

@@ -210,15 +210,19 @@ TEST(CompassFilter, GyroscopeCarriesTheHeadingThroughADisturbance) {
 TEST(CompassFilter, AccelerationShocksAndSustainedAcceleration) {
   CompassFilter filter;
   Motion run;
-  // Taps of 3 g for 40 ms every second (the very first sample one of them),
-  // then 0.3 g sideways for 5 s.
+  // Taps every second (the very first sample one of them): 3 g for 40 ms
+  // and the rebound (a tapped device stays where it is), then 0.3 g
+  // sideways for 5 s.
   run.linearAt = [](double t) {
-    if (t < 20.0) return std::fmod(t, 1.0) < 0.04 ? Vec3{3.0, 0.0, 0.0} : Vec3{};
+    if (t < 20.0) {
+      const double phase = std::fmod(t, 1.0);
+      return phase < 0.04 ? Vec3{3.0, 0.0, 0.0} : (phase < 0.08 ? Vec3{-3.0, 0.0, 0.0} : Vec3{});
+    }
     return t < 25.0 ? Vec3{0.0, 0.3, 0.0} : Vec3{};
   };
   double worstTaps = 0.0, worstSustained = 0.0, after = 0.0;
   bool accelerating = false;
-  run.go(filter, fromAngles(0, 10, 0), 40.0, [&](double t, const Quat& truth) {
+  const Quat q = run.go(filter, fromAngles(0, 10, 0), 40.0, [&](double t, const Quat& truth) {
     const double e = tiltErrorDeg(truth, filter.output().attitude);
     if (t > 1.0 && t < 20.0) worstTaps = std::fmax(worstTaps, e);
     if (t > 20.0 && t < 25.0) worstSustained = std::fmax(worstSustained, e);
@@ -231,7 +235,10 @@ TEST(CompassFilter, AccelerationShocksAndSustainedAcceleration) {
   // 0.3 g tilts a plain accelerometer by 16.7 degrees; the filter follows
   // slowly and recovers.
   EXPECT_LT(worstSustained, 16.0);
-  EXPECT_LT(after, 0.5);
+  // Part of the sustained pull was taken for a bias; it unwinds within the
+  // bias loop's ten seconds or so instead of sustaining the wrong tilt.
+  EXPECT_LT(after, 1.0);
+  EXPECT_LT(tiltErrorDeg(q, filter.output().attitude), 0.6);
   EXPECT_TRUE(accelerating);
 }
 

@@ -14,8 +14,11 @@ Fails (exit 1, every problem listed) when a document
   - names a test that `ctest -N` does not list: GoogleTest names
     (Suite.Name, or .Name right after a Suite.Name on the same line) and
     ctest names in backquotes (golden.trace_matches_committed_trace);
-  - shows a C snippet (```c block of README.md) whose lines do not appear,
-    in order, in examples/compass_host.c, the program that compiles it.
+  - shows a host snippet whose lines do not appear, in order, in the example
+    program that compiles it: the first ```c block of README.md is part of
+    examples/compass_minimal.c, that of docs/algo.md of examples/compass_host.c;
+  - links (Markdown [text](path)) to a file of the repository that is not
+    there.
 """
 import argparse
 import glob
@@ -123,16 +126,25 @@ def check_tests(path, lines, tests, problems):
                 problems.append(f'{path}:{number}: test {token} is not known to ctest -N')
 
 
-def check_snippet(source, problems):
-    readme = os.path.join(source, 'README.md')
-    example = os.path.join(source, 'examples', 'compass_host.c')
-    with open(readme, encoding='utf-8') as f:
+# Each document's first C block is a host snippet, part of this example;
+# later blocks show fragments of the headers.
+SNIPPETS = {'README.md': 'examples/compass_minimal.c', 'docs/algo.md': 'examples/compass_host.c'}
+LINK = re.compile(r'\[[^\]]*\]\(([^)\s]+)\)')
+
+
+def check_snippet(source, document, example, problems):
+    path = os.path.join(source, document)
+    if not os.path.exists(path):
+        problems.append(f'{document}: missing (it holds the snippet of {example})')
+        return
+    with open(path, encoding='utf-8') as f:
         text = f.read()
-    with open(example, encoding='utf-8') as f:
+    with open(os.path.join(source, example), encoding='utf-8') as f:
         program = [line.strip() for line in f]
-    # The first C block is the host snippet of "Using the library"; the
-    # layer's sections show fragments of their own headers.
-    for block in re.findall(r'^```c\n(.*?)^```', text, re.M | re.S)[:1]:
+    blocks = re.findall(r'^```c\n(.*?)^```', text, re.M | re.S)
+    if not blocks:
+        problems.append(f'{document}: no C snippet (```c block) of {example}')
+    for block in blocks[:1]:
         position = 0
         for line in block.splitlines():
             wanted = line.strip()
@@ -141,9 +153,19 @@ def check_snippet(source, problems):
             try:
                 position = program.index(wanted, position) + 1
             except ValueError:
-                problems.append(f'README.md: C snippet line not in examples/compass_host.c '
-                                f'(in this order): {wanted}')
+                problems.append(f'{document}: C snippet line not in {example} (in this order): {wanted}')
                 break
+
+
+def check_links(path, shown, lines, problems):
+    """Relative links lead to files that exist (anchors and web links aside)."""
+    for number, line in enumerate(lines, 1):
+        for target in LINK.findall(line):
+            if re.match(r'[a-z]+:', target) or target.startswith('#'):
+                continue
+            file = target.split('#', 1)[0]
+            if not os.path.exists(os.path.join(os.path.dirname(path), file)):
+                problems.append(f'{shown}:{number}: link to {target}, which does not exist')
 
 
 def main():
@@ -175,8 +197,10 @@ def main():
         shown = os.path.relpath(path, args.source)
         check_options(shown, lines, programs, problems)
         check_tests(shown, lines, tests, problems)
+        check_links(path, shown, lines, problems)
     if args.docs is None:
-        check_snippet(args.source, problems)
+        for document, example in SNIPPETS.items():
+            check_snippet(args.source, document, example, problems)
 
     for problem in problems:
         print(problem)

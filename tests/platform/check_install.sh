@@ -38,9 +38,14 @@ so=$(find "$prefix" -name QueltaAlgo.so)
 libdir=$(dirname "$so")
 for f in "$prefix/include/QueltaAlgo.h" "$libdir/pkgconfig/QueltaAlgo.pc" "$libdir/pkgconfig/quelta.pc" \
          "$libdir/cmake/QueltaAlgo/QueltaAlgoConfig.cmake" \
-         "$libdir/cmake/QueltaAlgo/QueltaAlgoQueltaTargets.cmake"; do
+         "$libdir/cmake/QueltaAlgo/QueltaAlgoQueltaTargets.cmake" \
+         "$prefix/share/doc/QueltaAlgo/LICENSE" "$prefix/share/doc/QueltaAlgo/NOTICE"; do
   [ -f "$f" ] || { cat "$work/install.log"; fail "missing from the install: $f"; }
 done
+# The licence, in every place a packager or a build reads it.
+grep -q "^License: Apache-2.0$" "$libdir/pkgconfig/quelta.pc" || fail "quelta.pc names no licence"
+grep -q 'QueltaAlgo_LICENSE "Apache-2.0"' "$libdir/cmake/QueltaAlgo/QueltaAlgoConfig.cmake" ||
+  fail "the CMake package names no licence"
 for h in "$source"/include/quelta/*.h; do
   [ -f "$prefix/include/quelta/$(basename "$h")" ] || fail "header not installed: include/quelta/$(basename "$h")"
 done

@@ -121,7 +121,7 @@ TEST(CalibrationFile, StoredCalibrationOutsideTheRadiusBandIsDropped) {
 TEST(Options, CommandLineOverridesAndUsageErrors) {
   Options options;
   std::string problem;
-  ASSERT_TRUE(parseOptions({"rec.csv", "--out", "o.csv", "--acc-unit", "m/s2", "--mag-unit", "uT", "--axis",
+  ASSERT_TRUE(parseOptions({"rec.csv", "--engine=algo", "--out", "o.csv", "--acc-unit", "m/s2", "--mag-unit", "uT", "--axis",
                             "1,0,0,0,-1,0,0,0,-1", "--windows", "7,3", "--log-mode", "-1"},
                            options, problem))
       << problem;
@@ -144,7 +144,7 @@ TEST(Options, CommandLineOverridesAndUsageErrors) {
 TEST(Options, EqualsFormStandardInputVersionAndEndOfOptions) {
   Options options;
   std::string problem;
-  ASSERT_TRUE(parseOptions({"--out=o.csv", "--report=r=1.html", "--log", "l.txt", "--log-mode=-1", "--calibration=c",
+  ASSERT_TRUE(parseOptions({"--engine", "algo", "--out=o.csv", "--report=r=1.html", "--log", "l.txt", "--log-mode=-1", "--calibration=c",
                             "--acc-unit=m/s2", "--mag-unit=uT", "--axis=0,1,0,-1,0,0,0,0,1", "--pool=1,2,3,4,5,6,7,8",
                             "--thresholds=0.1,0.2,0.3", "--windows=5,4", "-"},
                            options, problem))
@@ -170,7 +170,7 @@ TEST(Options, EqualsFormStandardInputVersionAndEndOfOptions) {
       {{"--colour=red"}, "unknown option --colour"},
       {{"-x"}, "unknown option -x"},
       {{"--acc-unit=furlong"}, "bad value 'furlong' for --acc-unit"},
-      {{"--log-mode=99999999999999999999"}, "bad value '99999999999999999999' for --log-mode"},
+      {{"--engine=algo", "--log-mode=99999999999999999999"}, "bad value '99999999999999999999' for --log-mode"},
       {{"-", "rec.csv"}, "more than one recording given: '-' and 'rec.csv'"}};
   for (const auto& [args, message] : errors) {
     EXPECT_FALSE(parseOptions(args, options, problem)) << args[0];

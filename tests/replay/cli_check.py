@@ -37,6 +37,12 @@
   cli_check.py stored REPLAY WORKDIR
       a stored calibration with an impossible radius is reported, not used,
       and replaced by the run's fit.
+  cli_check.py android REPLAY WORKDIR RECORDING
+      the recording as an Android logger writes it (nanosecond times, m/s2,
+      microtesla, its own column names, the field on every other row only):
+      without the unit options each one is warned about by name; with them
+      (and --columns) both engines give the original's summary, and with the
+      gaps the summary says how each engine took the rows without a field.
   cli_check.py version REPLAY HEADER
       --version prints the version macro of HEADER.
   cli_check.py compass REPLAY WORKDIR RECORDING
@@ -44,7 +50,7 @@
       calibration against the simulator's truth, the heading against the
       reference, the report; --location/--date turn the azimuth by the
       declination; --gyro and the rate it is judged against; --engine algo
-      is the default, byte for byte; bad values are usage errors.
+      is the fixed pipelines and the compass the default, byte for byte; bad values are usage errors.
 """
 import gzip
 import shutil
@@ -104,7 +110,7 @@ def check_report(path, with_reference=True):
     for plot in expected:
         if plot not in svgs:
             fail("report lacks plot %s (has %s)" % (plot, sorted(svgs)))
-        drawn = [p.get("d", "") for p in svgs[plot].iter(SVG + "path") if p.get("class") in ("line", "points")]
+        drawn = [p.get("d", "") for p in svgs[plot].iter(SVG + "path") if p.get("class") in ("line", "points", "band")]
         if not any(len(d) > 100 for d in drawn):
             fail("plot %s draws no data" % plot)
     for plot in ["plot-field-xy", "plot-field-xz", "plot-field-yz"]:
@@ -291,6 +297,85 @@ def si_version(text):
     return "\n".join(out) + "\n"
 
 
+ANDROID_NAMES = {"t": "timestamp_ns", "ax": "acc_x", "ay": "acc_y", "az": "acc_z", "mx": "mag_x", "my": "mag_y",
+                 "mz": "mag_z", "gx": "gyro_x", "gy": "gyro_y", "gz": "gyro_z"}
+
+
+def android_version(text, renamed, field_every):
+    """The recording as an Android logger writes it: whole nanoseconds (exact:
+    the decimal point moves), m/s2, microtesla; with renamed, its own column
+    names; the field only on every field_every-th row, empty cells between."""
+    from decimal import Decimal
+    out = []
+    header = None
+    for line in text.splitlines():
+        if line.startswith("#") or not line.strip():
+            continue
+        fields = line.split(",")
+        if header is None:
+            header = fields
+            out.append(",".join(ANDROID_NAMES.get(f, f) if renamed else f for f in fields))
+            continue
+        row = len(out) - 1
+        for k, name in enumerate(header):
+            if name == "t":
+                fields[k] = str((Decimal(fields[k]) * 10 ** 9).to_integral_exact())
+            elif name in ("ax", "ay", "az"):
+                fields[k] = repr(float(fields[k]) * 9.80665)
+            elif name in ("mx", "my", "mz"):
+                fields[k] = str(Decimal(fields[k]) * 100) if row % field_every == 0 else ""
+        out.append(",".join(fields))
+    return "\n".join(out) + "\n"
+
+
+def check_android(program, workdir, recording):
+    os.makedirs(workdir, exist_ok=True)
+    original = open(recording, encoding="utf-8").read()
+    for name, renamed, every in (("units.csv", False, 1), ("android.csv", True, 1), ("gaps.csv", True, 2)):
+        with open(os.path.join(workdir, name), "w") as handle:
+            handle.write(android_version(original, renamed, every))
+    units = ["--time-unit", "ns", "--acc-unit", "m/s2", "--mag-unit", "uT"]
+    columns = "--columns=" + ",".join("%s=%s" % pair for pair in ANDROID_NAMES.items())
+
+    # Fed as they come: each unit is warned about, naming its option.
+    status, summary, errors = replay(program, ["units.csv"], workdir)
+    if status != 0:
+        fail("units.csv exited with %d: %s" % (status, errors))
+    for option in ("--time-unit ns", "--acc-unit m/s2", "--mag-unit uT"):
+        if option not in errors:
+            fail("no warning naming %s:\n%s" % (option, errors))
+    # Other column names are refused until --columns names them.
+    status, summary, errors = replay(program, ["android.csv"] + units, workdir)
+    if status != 1 or "missing required column 't'" not in errors:
+        fail("android.csv without --columns: status %d, %r" % (status, errors))
+
+    for engine in ("algo", "compass"):
+        status, want, errors = replay(program, [recording, "--engine", engine], workdir)
+        if status != 0:
+            fail("%s exited with %d: %s" % (recording, status, errors))
+        for name, extra in (("units.csv", []), ("android.csv", [columns])):
+            status, summary, errors = replay(program, [name, "--engine", engine] + units + extra, workdir)
+            if status != 0 or errors:
+                fail("%s %s: status %d, %r" % (name, engine, status, errors))
+            if summary_without_name(summary) != summary_without_name(want):
+                fail("%s --engine %s gives another summary:\n%s\nwant:\n%s" % (name, engine, summary, want))
+
+        # Half the rows without a field: both engines still calibrate and
+        # say how they took those rows.
+        status, summary, errors = replay(program, ["gaps.csv", "--engine", engine] + units + [columns], workdir)
+        if status != 0 or errors:
+            fail("gaps.csv %s: status %d, %r" % (engine, status, errors))
+        taken = "given to the compass as no reading" if engine == "compass" else "previous row's field"
+        gaps = summary_value(summary, "field readings")
+        if not gaps.startswith("none on 1500 of 3000 rows") or taken not in gaps:
+            fail("gaps.csv %s: field readings line %r" % (engine, gaps))
+        if summary_value(summary, "accuracy reached").split("(final ")[1] != "3)":
+            fail("gaps.csv %s did not calibrate:\n%s" % (engine, summary))
+        heading = summary_figure(summary, "azimuth", r"median ([0-9.]+) deg")
+        if heading > 3.0:
+            fail("gaps.csv %s: median azimuth error %.2f deg\n%s" % (engine, heading, summary))
+
+
 def check_recordings(program, workdir, directory):
     names = sorted(n for n in os.listdir(directory) if n.endswith(".csv.gz")) if os.path.isdir(directory) else []
     if not names:
@@ -343,7 +428,7 @@ def check_stored(program, workdir):
     calibration = os.path.join(workdir, "wrong.cal")
     with open(calibration, "w") as handle:
         handle.write("offset 0.12 -0.25 0.08\nradius 50\n")
-    status, summary, errors = replay(program, ["--calibration=" + calibration], workdir)
+    status, summary, errors = replay(program, ["--engine=algo", "--calibration=" + calibration], workdir)
     if status != 0:
         fail("replay exited with %d: %s" % (status, errors))
     if not re.search(r"warning: stored radius 50 gauss is outside the band the library accepts \(0\.2 to 0\.8 "
@@ -446,7 +531,8 @@ def check_outputs(program, workdir, recording):
             fail("--out %s: only %d lines on standard output" % (name, rows))
     if not stat.S_ISCHR(os.stat("/dev/null").st_mode):
         fail("/dev/null is not a device")
-    status, out, errors = replay(program, [recording, "--report", "/dev/null", "--log", "/dev/null"], workdir)
+    status, out, errors = replay(program, [recording, "--engine=algo", "--report", "/dev/null", "--log", "/dev/null"],
+                                 workdir)
     if status == 0:
         fail("two outputs on /dev/null were accepted")
     status, out, errors = replay(program, [recording, "--report", "/dev/null"], workdir)
@@ -486,9 +572,9 @@ def check_outputs(program, workdir, recording):
     refused(program, [recording, "--out", "kept.csv", "--report", "kept.csv"], workdir,
             r"--report kept.csv: the same file as --out kept.csv", [w("kept.csv")])
     os.symlink("kept.csv", w("alias.csv"))
-    refused(program, [recording, "--out", "kept.csv", "--log", "alias.csv"], workdir,
+    refused(program, [recording, "--engine=algo", "--out", "kept.csv", "--log", "alias.csv"], workdir,
             r"--log alias.csv: the same file as --out kept.csv", [w("kept.csv")])
-    refused(program, [recording, "--out", "new.csv", "--log", "./new.csv"], workdir,
+    refused(program, [recording, "--engine=algo", "--out", "new.csv", "--log", "./new.csv"], workdir,
             r"--log ./new.csv: the same file as --out new.csv")
     refused(program, [recording, "--out", "-", "--report", "/dev/stdout"], workdir,
             r"--report /dev/stdout: the same file as --out -")
@@ -526,7 +612,7 @@ def check_interrupted(program, workdir, recording):
         with open(w("out.csv"), "w") as f:
             f.write("old\n")
         process = subprocess.Popen(emulator + [program, "long.csv", "--out", "out.csv", "--report", "report.html",
-                                               "--log", "lib.log"], cwd=workdir,
+                                               "--engine=algo", "--log", "lib.log"], cwd=workdir,
                                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         deadline = time.time() + 120
         while len(temporaries(workdir)) < 2 and process.poll() is None and time.time() < deadline:
@@ -547,7 +633,7 @@ def check_interrupted(program, workdir, recording):
     # A closed pipe: the table goes to a reader that stops after one line,
     # while the log is being written to its temporary.
     process = subprocess.Popen(emulator + [program, "long.csv", "--out", "-", "--report", "report.html",
-                                           "--log", "lib.log"], cwd=workdir,
+                                           "--engine=algo", "--log", "lib.log"], cwd=workdir,
                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
     process.stdout.readline()
     while not temporaries(workdir) and process.poll() is None:
@@ -745,7 +831,7 @@ def check_compass(program, workdir, recording):
     magnetic_alignment = summary_figure(summary, "azimuth", r"heading alignment (-?[0-9.]+) deg")
     global PLOTS
     plots = PLOTS
-    PLOTS = plots + ["plot-disturbance", "plot-heading-accuracy", "plot-calibration-quality", "plot-coverage",
+    PLOTS = plots + ["plot-disturbance", "plot-heading-accuracy", "plot-compass-state", "plot-calibration-quality", "plot-coverage",
                      "plot-soft-iron"]
     try:
         check_report(report)
@@ -807,17 +893,21 @@ def check_compass(program, workdir, recording):
     if status != 1 or "--gyro: the recording has no gyroscope columns" not in errors:
         fail("--gyro without gx gy gz: status %d, %r" % (status, errors))
 
-    # The default engine is the fixed pipelines, unchanged.
+    # The default engine is the compass; --engine algo gives the fixed pipelines.
     outputs = []
-    for args in ([], ["--engine", "algo"], ["--engine=algo"]):
+    for args in ([], ["--engine", "compass"], ["--engine=compass"]):
         status, summary, errors = replay(program, [recording, "--out", out] + args, workdir)
         if status != 0:
             fail("%s: exit status %d: %s" % (args, status, errors))
         outputs.append((summary, open(out).read()))
     if outputs[1] != outputs[0] or outputs[2] != outputs[0]:
-        fail("--engine algo differs from the default")
-    if not outputs[0][1].startswith("t,accuracy,pool,new_calibration,saturation,") or re.search(r"^engine ", outputs[0][0], re.M):
-        fail("the default run is not the fixed pipelines' one")
+        fail("--engine compass differs from the default")
+    if outputs[0][1].split("\n", 1)[0].split(",") != COMPASS_COLUMNS or not re.search(r"^engine ", outputs[0][0], re.M):
+        fail("the default run is not the compass's")
+    status, summary, errors = replay(program, [recording, "--out", out, "--engine=algo"], workdir)
+    if status != 0 or not open(out).read().startswith("t,accuracy,pool,new_calibration,saturation,") or \
+            re.search(r"^engine ", summary, re.M):
+        fail("--engine algo is not the fixed pipelines' run: %d %s" % (status, errors))
 
     # Bad values and options of the other engine: usage errors, nothing written.
     os.remove(out)
@@ -835,8 +925,10 @@ def check_compass(program, workdir, recording):
                           (["--engine=compass", "--location", "48.1,11.6", "--date", "1850-06-01"],
                            "bad value '1850-06-01' for --date"),
                           (["--engine=compass", "--location", "48.1,11.6"], "--location and --date go together"),
-                          (["--location", "48.1,11.6", "--date", "2026-01-01"], "--location needs --engine compass"),
-                          (["--gyro"], "--gyro needs --engine compass"),
+                          (["--engine=algo", "--location", "48.1,11.6", "--date", "2026-01-01"],
+                           "--location needs --engine compass"),
+                          (["--engine=algo", "--gyro"], "--gyro needs --engine compass"),
+                          (["--log", "lib.log"], "--log sets up the fixed pipelines"),
                           (["--engine=compass", "--windows", "9,8"], "--windows sets up the fixed pipelines")):
         status, summary, errors = replay(program, [recording, "--out", out] + args, workdir)
         if status != 2 or not re.search(pattern, errors) or summary or os.path.exists(out):
@@ -868,6 +960,8 @@ def main(args):
         check_stored(args[1], args[2])
     elif len(args) == 4 and args[0] == "compass":
         check_compass(*args[1:])
+    elif len(args) == 4 and args[0] == "android":
+        check_android(*args[1:])
     elif len(args) == 3 and args[0] == "version":
         check_version(args[1], args[2])
     else:

@@ -161,8 +161,12 @@ TEST(ReferenceComparator, HeadingAtAnyTiltAndTiltAgreeWithTheirDefinitions) {
   EXPECT_NEAR(result.heading->alignmentDeg, 12.0, 3.1);
   double worstHeading = 0.0;
   for (size_t i = 0; i < headings.size(); ++i) {
-    const double wanted = wrapDeg(headingErrorDeg(references[i], estimates[i]) - result.heading->alignmentDeg);
+    // Reported minus reference, as the azimuth's: positive when the estimate
+    // is clockwise of the truth (here by 3 sin c after the alignment).
+    const double wanted = wrapDeg(result.heading->alignmentDeg - headingErrorDeg(references[i], estimates[i]));
     worstHeading = std::max(worstHeading, std::fabs(wrapDeg(headings[i] - wanted)));
+    const double clockwise = 3.0 * std::sin(0.11 * static_cast<double>(i));
+    if (std::fabs(clockwise) > 2.0) EXPECT_GT(headings[i] * clockwise, 0.0) << i;
   }
   EXPECT_LT(worstHeading, 0.01);
   EXPECT_LT(worstTilt, 0.01);
@@ -170,6 +174,52 @@ TEST(ReferenceComparator, HeadingAtAnyTiltAndTiltAgreeWithTheirDefinitions) {
   EXPECT_LT(result.tilt->maxDeg, 3.5);
   EXPECT_LT(result.heading->maxDeg, 6.5);
   EXPECT_EQ(result.heading->count, 400u);
+}
+
+// Judged as the accuracy tool judges: every sample from the window's start
+// on, whatever the accuracy; the start-up before it is left out.
+TEST(ReferenceComparator, JudgesFromTheWindowWhateverTheAccuracy) {
+  ReferenceComparator comparator(false, true);
+  comparator.judgeFrom(1.0);
+  for (int i = 0; i < 300; ++i) {
+    RecordedSample sample;
+    sample.t = 5.0 + 0.01 * i;  // the window counts from the first sample
+    sample.attitude = {1, 0, 0, 0};
+    sample.hasAttitude = true;
+    ReplayRow row;
+    row.t = sample.t;
+    const bool early = i < 100;
+    row.accuracy = early ? 3 : 1;
+    // Off by 90 degrees of tilt at start-up, then by 2 degrees of heading on
+    // every other sample.
+    const Quat q = early ? Quat{std::sqrt(0.5), std::sqrt(0.5), 0, 0}
+                         : headingRotation(i % 2 == 0 ? 2.0 : 0.0);
+    row.rotVec = {static_cast<float>(q[1]), static_cast<float>(q[2]), static_cast<float>(q[3]),
+                  static_cast<float>(q[0])};
+    comparator.add(sample, row);
+  }
+  const ReferenceComparison result = comparator.finish();
+  ASSERT_TRUE(result.judgedFromS && result.calibratedOnly && result.heading && result.tilt);
+  EXPECT_EQ(result.heading->count, 200u);
+  EXPECT_NEAR(result.tilt->maxDeg, 0.0, 1e-3);
+  EXPECT_NEAR(result.heading->maxDeg, 2.0, 2e-3);
+  Summary summary;
+  summary.compass = CompassSummary{};
+  const std::string text = formatSummary(summary, result);
+  EXPECT_NE(text.find("over 200 samples from 1 s on at any tilt"), std::string::npos) << text;
+  // Nothing to report is said as such, not as zeros: no calibration, no
+  // fit, no disturbance, no heading, nothing compared.
+  for (const char* line : {"offset           none (no calibration yet)\n", "accepted fits    none\n",
+                           "soft iron        none (no calibration yet)\n", "disturbance      none flagged",
+                           "first heading    none", "heading accuracy none at accuracy 3 (never reached), final 0.0 deg"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line << "\n" << text;
+  }
+  ReferenceComparison nothing = result;
+  nothing.heading->count = nothing.rotationVector->count = 0;
+  const std::string empty = formatSummary(summary, nothing);
+  EXPECT_NE(empty.find("heading          none: no sample from 1 s on with a reference value\n"), std::string::npos)
+      << empty;
+  EXPECT_EQ(empty.find("over 0 "), std::string::npos) << empty;
 }
 
 TEST(Summary, CompassLinesAndTheRateItWasJudgedAgainst) {
@@ -235,7 +285,7 @@ TEST(Options, EngineLocationDateAndGyro) {
   ASSERT_TRUE(parseOptions({"--engine", "compass", "--location=90,-180", "--date", "2025-12-31"}, options, problem));
   EXPECT_DOUBLE_EQ(options.location->heightM, 0.0);  // height defaults to sea level
   ASSERT_TRUE(parseOptions({}, options, problem));
-  EXPECT_EQ(options.engine, Engine::Algo);
+  EXPECT_EQ(options.engine, Engine::Compass);  // the compass unless the fixed pipelines are asked for
   EXPECT_FALSE(options.location || options.gyro);
 
   Location location;
@@ -256,12 +306,13 @@ TEST(Options, EngineLocationDateAndGyro) {
       {{"--engine=compass", "--location=1,2", "--date=2026-02-30"}, "bad value '2026-02-30' for --date (YYYY-MM-DD)"},
       {{"--engine=compass", "--location=1,2"}, "--location and --date go together: the field model needs both"},
       {{"--engine=compass", "--date=2026-01-01"}, "--location and --date go together: the field model needs both"},
-      {{"--location=1,2", "--date=2026-01-01"}, "option --location needs --engine compass"},
+      {{"--engine=algo", "--location=1,2", "--date=2026-01-01"}, "option --location needs --engine compass"},
       {{"--engine=algo", "--gyro"}, "option --gyro needs --engine compass"},
       {{"--gyro=1"}, "option --gyro takes no value"},
-      {{"--engine=compass", "--calibration=c.cal"},
-       "option --calibration sets up the fixed pipelines (--engine algo), not the compass"},
-      {{"--log-mode=0", "--engine=compass"}, "option --log-mode sets up the fixed pipelines (--engine algo), not the compass"}};
+      {{"--engine=compass", "--log=run.log"},
+       "option --log sets up the fixed pipelines (--engine algo), not the compass"},
+      {{"--log-mode=0", "--engine=compass"}, "option --log-mode sets up the fixed pipelines (--engine algo), not the compass"},
+      {{"--log=lib.log"}, "option --log sets up the fixed pipelines (--engine algo), not the compass"}};
   for (const auto& [args, message] : errors) {
     EXPECT_FALSE(parseOptions(args, options, problem)) << args[0];
     EXPECT_EQ(problem, message);

@@ -130,6 +130,60 @@ TEST(Recording, AcceptsRealWorldHeadersAndMissingReferenceValues) {
             "reference is missing)");
 }
 
+// An Android logger's file: its own column names, nanosecond times, and the
+// field (a slower sensor) only on some rows.
+TEST(Recording, ReadsAnAndroidLoggersNamesTimesAndRowsWithoutAField) {
+  ColumnNames names;
+  std::string problem;
+  ASSERT_TRUE(parseColumnNames("t=timestamp_ns,ax=acc_x,ay=acc_y,az=acc_z,mx=mag_x,my=mag_y,mz=MAG_Z,gx=gyro_x,"
+                               "gy=gyro_y,gz=gyro_z",
+                               names, problem))
+      << problem;
+  const std::string text =
+      "timestamp_ns,acc_x,acc_y,acc_z,mag_x,mag_y,mag_z,gyro_x,gyro_y,gyro_z,t\n"
+      "3600000000000,0,0,9.80665,20,0,-40,0.1,0,0,99\n"
+      "3600020000000,0,0,9.80665,,,,,,,98\n"
+      "3600040000000,0,0,9.80665,nan,NaN,nan,0,0.2,0,97\n"
+      "3600060000000,0,0,9.80665,21,1,-41,0,0,0.3,96\n";
+  Units units;
+  units.acc = AccUnit::MetresPerSecond2;
+  units.mag = MagUnit::Microtesla;
+  units.time = TimeUnit::Nanoseconds;
+  Recording r;
+  InputError error;
+  ASSERT_TRUE(parseRecording(text, "log.csv", units, r, error, names)) << error.describe();
+  ASSERT_EQ(r.samples.size(), 4u);
+  // Whole nanoseconds divide exactly: 3600.02 s is the double 3600.02 reads as;
+  // the file's own "t" column is ignored once t is named elsewhere.
+  EXPECT_EQ(r.samples[1].t, 3600.02);
+  EXPECT_EQ(r.samples[0].acc[2], 9.80665 * (1.0 / 9.80665));
+  EXPECT_EQ(r.samples[0].mag[0], 20.0 * 0.01);
+  EXPECT_TRUE(r.samples[0].hasMag && r.samples[3].hasMag);
+  EXPECT_FALSE(r.samples[1].hasMag || r.samples[2].hasMag);
+  EXPECT_EQ(r.samples[2].mag, (std::array<double, 3>{0, 0, 0}));
+  EXPECT_EQ(r.missingMag, 2u);
+  EXPECT_TRUE(r.hasGyro);
+  EXPECT_EQ(r.missingGyro, 1u);
+  EXPECT_EQ(r.samples[2].gyro[1], 0.2);
+
+  // A row with part of the field is broken, not a slower sensor.
+  Recording broken;
+  EXPECT_FALSE(parseRecording("t,ax,ay,az,mx,my,mz\n0,0,0,1,0.2,,0.3\n", "rec.csv", {}, broken, error));
+  EXPECT_EQ(error.describe(), "rec.csv:2:13: column 'my': no value");
+  // A named column that is not there is reported under both names.
+  EXPECT_FALSE(parseRecording("time,ax,ay,az,mx,my,mz\n0,0,0,1,0.2,0,0.3\n", "rec.csv", {}, broken, error,
+                              ColumnNames{{{"t", "timestamp_ns"}}}));
+  EXPECT_NE(error.describe().find("missing required column 'timestamp_ns' (named for t)"), std::string::npos)
+      << error.describe();
+  EXPECT_FALSE(parseRecording("t,ax,ay,az,mx,my,mz\n0,0,0,1,0.2,0,0.3\n", "rec.csv", {}, broken, error,
+                              ColumnNames{{{"gx", "gyro_x"}}}));
+  EXPECT_NE(error.describe().find("missing column 'gyro_x' (named for gx)"), std::string::npos) << error.describe();
+  // What --columns refuses.
+  for (const char* bad : {"", "t", "t=", "w=x", "t=a,t=b", "t=a,ax=A", "t=a,"}) {
+    EXPECT_FALSE(parseColumnNames(bad, names, problem)) << bad;
+  }
+}
+
 TEST(Recording, BadInputIsLocatedByLineAndColumn) {
   const std::string header = "t,ax,ay,az,mx,my,mz\n";
   EXPECT_EQ(errorOf("t,ax,ay,az,mx,mz\n0,0,0,1,0,0\n"),

@@ -111,5 +111,72 @@ TEST(Report, HoldsEveryPlotAndTheEscapedSummary) {
   EXPECT_EQ(m[1], m[2]);
 }
 
+// The compass's report: its accuracy and flags as bands (one stretch per
+// raised spell), the heading accuracy on its 0-30 degree scale with 180
+// ("unknown") drawn in the strip above it, never beyond the plot.
+TEST(Report, CompassStateAsBandsAndHeadingAccuracyOnItsScale) {
+  ReportBuilder builder("rec.csv", false, true);
+  builder.setCompass(false);
+  for (int i = 0; i < 200; ++i) {
+    RecordedSample sample;
+    sample.t = 0.1 * i;
+    sample.hasAttitude = true;
+    ReplayRow row;
+    row.t = sample.t;
+    row.rotVec = {0, 0, 0, 1};
+    const bool heading = i >= 50;
+    row.accuracy = heading ? 3 : 0;
+    row.compass.outputAccuracy = heading ? (i >= 120 && i < 140 ? 2 : 3) : 0;
+    row.compass.flags = (heading ? 0u : 0x8u) | (i >= 120 && i < 140 ? 0x2u : 0u);
+    row.compass.headingAccuracy = heading ? 4.0f : 180.0f;
+    builder.add(sample, row);
+  }
+  for (int i = 0; i < 200; ++i) {
+    SampleErrors errors;  // a reference azimuth from the start
+    errors.t = 0.1 * i;
+    errors.referenceAngles = {10.0, 0.0, 0.0};
+    builder.addErrors(errors);
+  }
+  const std::string html = builder.render("summary\n");
+  auto svgOf = [&html](const std::string& id) {
+    const size_t at = html.find("id=\"" + id + "\"");
+    EXPECT_NE(at, std::string::npos) << id;
+    return at == std::string::npos ? std::string() : html.substr(at, html.find("</svg>", at) - at);
+  };
+  // Bands in drawing order: accuracy 0..3, then the six flags.
+  const std::string state = svgOf("plot-compass-state");
+  std::vector<std::string> bands;
+  const std::regex band("class=\"band\" d=\"([^\"]*)\"");
+  for (std::sregex_iterator it(state.begin(), state.end(), band), end; it != end; ++it) {
+    bands.push_back((*it)[1]);
+  }
+  ASSERT_EQ(bands.size(), 10u);
+  auto stretches = [](const std::string& d) { return std::count(d.begin(), d.end(), 'Z'); };
+  const std::vector<long> want = {1, 0, 1, 2, /* calibrating */ 0, /* disturbed */ 1, 0, /* no heading */ 1, 0, 0};
+  for (size_t k = 0; k < bands.size(); ++k) EXPECT_EQ(stretches(bands[k]), want[k]) << k << ": " << bands[k];
+  for (const char* row : {">calibrating<", ">disturbed<", ">no heading<", ">resting<"}) {
+    EXPECT_NE(state.find(row), std::string::npos) << row;
+  }
+  // Every point of the heading accuracy lines lies within the plot (y from
+  // its top edge at 34 px down), 180 included.
+  const std::string heading = svgOf("plot-heading-accuracy");
+  std::smatch line;
+  ASSERT_TRUE(std::regex_search(heading, line, std::regex("class=\"line\" d=\"([^\"]*)\"")));
+  const std::string d = line[1];
+  double top = 1e9;
+  const std::regex point("[ML][0-9.]+ ([0-9.]+)");
+  for (std::sregex_iterator it(d.begin(), d.end(), point), end; it != end; ++it) {
+    top = std::min(top, std::stod((*it)[1]));
+  }
+  EXPECT_GE(top, 34.0) << d;
+  EXPECT_LT(top, 60.0) << d;  // the unknown estimate is drawn in the strip at the top
+  // The azimuth starts with the first heading, a quarter of the way in
+  // (the plot spans 70 to 1180 px, the reference the whole time).
+  const std::string azimuth = svgOf("plot-azimuth");
+  std::smatch first;
+  ASSERT_TRUE(std::regex_search(azimuth, first, std::regex("class=\"line\" d=\"M([0-9.]+) ")));
+  EXPECT_NEAR(std::stod(first[1]), 70.0 + 1110.0 * 5.0 / 19.9, 2.0);
+}
+
 }  // namespace
 }  // namespace quelta::replay

@@ -78,15 +78,25 @@ TEST(UnitsCheck, SharedRecordingsPassAndTheirSiVersionsAreCaught) {
     }
     const std::vector<std::string> none = checkUnits(samples, {});
     EXPECT_TRUE(none.empty()) << recording.path << ": " << none.front();
+    // As an Android logger writes them: nanoseconds since boot, m/s2, uT.
     for (RecordedSample& s : samples) {
+      s.t = s.t * 1e9 + 3.6e12;
       for (int k = 0; k < 3; ++k) {
         s.acc[k] *= 9.80665;
         s.mag[k] *= 100.0;
       }
     }
     const std::vector<std::string> caught = checkUnits(samples, {});
-    EXPECT_TRUE(caught.size() == 2 && mentions(caught, "--acc-unit m/s2") && mentions(caught, "--mag-unit uT"))
+    EXPECT_TRUE(caught.size() == 3 && mentions(caught, "--acc-unit m/s2") && mentions(caught, "--mag-unit uT") &&
+                mentions(caught, "--time-unit ns"))
         << recording.path;
+    // Milliseconds are told apart from nanoseconds, and the right unit is quiet.
+    for (RecordedSample& s : samples) s.t /= 1e6;
+    const Units si{AccUnit::MetresPerSecond2, MagUnit::Microtesla};
+    const std::vector<std::string> inMs = checkUnits(samples, si);
+    EXPECT_TRUE(inMs.size() == 1 && mentions(inMs, "--time-unit ms")) << recording.path;
+    for (RecordedSample& s : samples) s.t /= 1e3;
+    EXPECT_TRUE(checkUnits(samples, si).empty()) << recording.path;
   }
 }
 

@@ -46,7 +46,7 @@ EngineRun runFixed(const replay::Recording& recording) {
   return run;
 }
 
-// Tuning experiments: QUELTA_COMPASS_TUNING="tiltTau=1.2,headingTau=5" sets
+// Tuning experiments: QUELTA_COMPASS_TUNING="tilt.tau=1.2,heading.gate=4" sets
 // FilterSettings fields by name for this run.
 compass::FilterSettings tunedSettings() {
   compass::FilterSettings s;
@@ -55,21 +55,29 @@ compass::FilterSettings tunedSettings() {
   struct Field {
     const char* name;
     double* value;
-  } fields[] = {{"tiltTau", &s.tiltTau}, {"accMeanTau", &s.accMeanTau}, {"headingTau", &s.headingTau},
-                {"biasTiltTau", &s.biasTiltTau}, {"biasHeadingTau", &s.biasHeadingTau},
-                {"accNormTolerance", &s.accNormTolerance}, {"accRejectAngleDeg", &s.accRejectAngleDeg},
-                {"accRejectMaxTime", &s.accRejectMaxTime}, {"fieldStrengthTolerance", &s.fieldStrengthTolerance},
-                {"fieldDipToleranceDeg", &s.fieldDipToleranceDeg}, {"fieldReferenceTau", &s.fieldReferenceTau},
-                {"fieldRelearnTime", &s.fieldRelearnTime}, {"trackTiltTau", &s.trackTiltTau},
-                {"trackTiltAngleDeg", &s.trackTiltAngleDeg}, {"trackHeadingTau", &s.trackHeadingTau},
-                {"trackHeadingAngleDeg", &s.trackHeadingAngleDeg}, {"trackPredict", &s.trackPredict},
-                {"headingNoiseFloorDeg", &s.headingNoiseFloorDeg}, {"headingDriftRate", &s.headingDriftRate},
-                {"innovationWeight", &s.innovationWeight}, {"restBiasTau", &s.restBiasTau}, {"fieldTiltTau", &s.fieldTiltTau},
-                {"biasTiltTauStart", &s.biasTiltTauStart}, {"biasHeadingTauStart", &s.biasHeadingTauStart},
-                {"biasSettleTime", &s.biasSettleTime},
-                {"biasCleanTime", &s.biasCleanTime}, {"trackDipToleranceScale", &s.trackDipToleranceScale}, {"accStepLimit", &s.accStepLimit}, {"readingDelay", &s.readingDelay}, {"coning", &s.coning}, {"trackDisturbedWeight", &s.trackDisturbedWeight},
-                {"trackInnovationWeight", &s.trackInnovationWeight}, {"trackLagTime", &s.trackLagTime},
-                {"trackDisturbedErrorDeg", &s.trackDisturbedErrorDeg}};
+  } fields[] = {
+      {"tilt.tau", &s.tilt.tau}, {"tilt.meanTau", &s.tilt.meanTau}, {"tilt.stepLimit", &s.tilt.stepLimit},
+      {"tilt.rejectAngleDeg", &s.tilt.rejectAngleDeg}, {"tilt.rejectMaxTime", &s.tilt.rejectMaxTime},
+      {"tilt.trackTau", &s.tilt.trackTau}, {"tilt.trackAngleDeg", &s.tilt.trackAngleDeg},
+      {"tilt.normToleranceG", &s.tilt.normToleranceG},
+      {"heading.gyroNoise", &s.heading.gyroNoise}, {"heading.scaleError", &s.heading.scaleError},
+      {"heading.fieldNoise", &s.heading.fieldNoise}, {"heading.innovationTau", &s.heading.innovationTau},
+      {"heading.gate", &s.heading.gate}, {"heading.gateFloorDeg", &s.heading.gateFloorDeg},
+      {"heading.acceptTime", &s.heading.acceptTime},
+      {"bias.startSigma", &s.bias.startSigma}, {"bias.walk", &s.bias.walk}, {"bias.restTau", &s.bias.restTau},
+      {"bias.restSigma", &s.bias.restSigma}, {"bias.maxBias", &s.bias.maxBias},
+      {"field.strengthTolerance", &s.field.strengthTolerance}, {"field.dipToleranceDeg", &s.field.dipToleranceDeg},
+      {"field.referenceTau", &s.field.referenceTau}, {"field.relearnTime", &s.field.relearnTime},
+      {"field.turnRateTolDeg", &s.field.turnRateTolDeg}, {"field.turnScaleError", &s.field.turnScaleError},
+      {"field.turnRateTau", &s.field.turnRateTau}, {"field.trackDipScale", &s.field.trackDipScale},
+      {"disturbedHold", &s.disturbedHold}, {"fieldTiltTau", &s.fieldTiltTau}, {"biasTiltTau", &s.biasTiltTau},
+      {"biasTiltTauStart", &s.biasTiltTauStart}, {"biasTiltSigma", &s.biasTiltSigma}, {"biasSettleTime", &s.biasSettleTime}, {"slowRate", &s.slowRate},
+      {"coning", &s.coning}, {"readingDelay", &s.readingDelay}, {"trackHeadingTau", &s.trackHeadingTau},
+      {"trackHeadingAngleDeg", &s.trackHeadingAngleDeg}, {"trackPredict", &s.trackPredict},
+      {"trackDisturbedWeight", &s.trackDisturbedWeight}, {"trackDriftRate", &s.trackDriftRate},
+      {"headingNoiseFloorDeg", &s.headingNoiseFloorDeg}, {"innovationWeight", &s.innovationWeight},
+      {"trackInnovationWeight", &s.trackInnovationWeight}, {"trackLagTime", &s.trackLagTime},
+      {"trackDisturbedErrorDeg", &s.trackDisturbedErrorDeg}, {"warmUp", &s.warmUp}};
   std::string text = env;
   size_t start = 0;
   while (start < text.size()) {
@@ -96,28 +104,28 @@ void keep(EngineRun& run, size_t i, const compass::CompassOutput& o) {
   run.flags[i] = o.flags;
 }
 
-EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recording, bool gyro, double bias) {
+EngineRun runCompass(const TruthRecording& truth, const replay::Recording& recording, bool gyro, const std::array<double, 3>& bias) {
   EngineRun run = sized(recording.samples.size());
   compass::CompassFilter filter(tunedSettings());
   const compass::FieldQuality quality;  // an ideal calibration, no outside disturbance flag
   for (size_t i = 0; i < recording.samples.size(); ++i) {
     const replay::RecordedSample& s = recording.samples[i];
     const compass::Vec3 field = calibrated(truth, s);
-    const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
+    const compass::Vec3 rate{s.gyro[0] + bias[0], s.gyro[1] + bias[1], s.gyro[2] + bias[2]};
     filter.update(s.t, vec(s.acc), &field, quality, gyro ? &rate : nullptr);
     keep(run, i, filter.output());
   }
   return run;
 }
 
-EngineRun runOwnCalibration(const replay::Recording& recording, bool gyro, double bias) {
+EngineRun runOwnCalibration(const replay::Recording& recording, bool gyro, const std::array<double, 3>& bias) {
   EngineRun run = sized(recording.samples.size());
   static compass::Compass whole;  // large: kept off the stack
   whole = compass::Compass(tunedSettings());
   for (size_t i = 0; i < recording.samples.size(); ++i) {
     const replay::RecordedSample& s = recording.samples[i];
     const compass::Vec3 raw = vec(s.mag);
-    const compass::Vec3 rate{s.gyro[0] + bias, s.gyro[1] + bias, s.gyro[2] + bias};
+    const compass::Vec3 rate{s.gyro[0] + bias[0], s.gyro[1] + bias[1], s.gyro[2] + bias[2]};
     whole.update(s.t, vec(s.acc), &raw, gyro ? &rate : nullptr);
     keep(run, i, whole.output());
   }
@@ -165,15 +173,16 @@ const char* engineName(Engine engine) {
 }
 
 EngineRun runEngine(Engine engine, const TruthRecording& truth, const replay::Recording& recording,
-                    double gyroBias) {
+                    const std::array<double, 3>& gyroBias) {
+  const std::array<double, 3> none{};
   switch (engine) {
     case Engine::Fixed: return runFixed(recording);
     case Engine::CompassGyro: return runCompass(truth, recording, true, gyroBias);
-    case Engine::CompassNoGyro: return runCompass(truth, recording, false, 0.0);
+    case Engine::CompassNoGyro: return runCompass(truth, recording, false, none);
     case Engine::Triad: return runTriad(truth, recording, 0.0);
     case Engine::TriadMean: return runTriad(truth, recording, 0.5);
     case Engine::OwnCalGyro: return runOwnCalibration(recording, true, gyroBias);
-    case Engine::OwnCalNoGyro: return runOwnCalibration(recording, false, 0.0);
+    case Engine::OwnCalNoGyro: return runOwnCalibration(recording, false, none);
   }
   return {};
 }

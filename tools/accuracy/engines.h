@@ -3,6 +3,7 @@
 // gyroscope, and TRIAD on single samples and on 0.5 s means.
 #pragma once
 
+#include <array>
 #include <string>
 #include <vector>
 
@@ -24,10 +25,11 @@ struct EngineRun {
 
 // OwnCal*: the whole compass on the raw field, calibrated by the magnetic
 // layer inside (no help from the truth).
-// gyroBias is added to every gyroscope reading the compass filter gets.
+// gyroBias (rad/s, device frame) is added to every gyroscope reading the
+// compass filter gets.
 // The TRIAD and compass engines are given the reference offset (an ideal
 // calibration); the fixed pipelines calibrate the raw field themselves.
 EngineRun runEngine(Engine engine, const TruthRecording& truth, const replay::Recording& recording,
-                    double gyroBias);
+                    const std::array<double, 3>& gyroBias);
 
 }  // namespace quelta::accuracy

@@ -130,6 +130,8 @@ bool readSidecar(const std::string& path, SidecarFacts& out, std::string& proble
   FlatJson json(sidecarString);
   if (!json.ok()) return problem = "cannot read the sidecar", false;
   out.disturbance = json.text("disturbance");
+  for (int k = 0; k < 3; ++k)
+    out.gyroBiasVsTruth[k] = json.number("gyro_bias_vs_truth_rad_s." + std::to_string(k), 0.0);
   const std::string base = "truth_aided_calibration.";
   if (!json.has(base + "world_field_gauss.0")) return true;
   out.hasTruth = true;
@@ -155,13 +157,16 @@ bool loadTruthRecording(const std::string& directory, const std::string& name, T
                         std::string& problem) {
   out = TruthRecording{};
   out.name = name;
-  out.phone = name.rfind("n5_", 0) == 0;
+  const bool iPhone = name.rfind("i4s_", 0) == 0 || name.rfind("i5_", 0) == 0;
+  out.phone = iPhone || name.rfind("n5_", 0) == 0;
+  out.kind = iPhone ? "iPhone" : (out.phone ? "phone" : "board");
   SidecarFacts sidecar;
   if (!readSidecar(directory + "/" + name + ".json", sidecar, problem)) return false;
   if (!sidecar.hasTruth) return problem = "no truth", false;
   out.disturbance = sidecar.disturbance;
   out.worldField = sidecar.worldField;
   out.phases = sidecar.phases;
+  out.gyroBiasVsTruth = sidecar.gyroBiasVsTruth;
   replay::InputError error;
   if (!replay::readRecording(directory + "/" + name + ".csv.gz", replay::Units{}, out.recording, error)) {
     problem = error.describe();

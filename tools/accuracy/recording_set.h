@@ -22,7 +22,9 @@ struct OffsetPhase {
 struct TruthRecording {
   std::string name;
   std::string disturbance;  // "none" when undisturbed
-  bool phone = false;       // phone (n5_*) or board (broad_*)
+  bool phone = false;       // a phone (n5_*, i4s_*, i5_*) or the board (broad_*)
+  std::string kind;         // "board", "phone" (Nexus 5) or "iPhone"
+  std::array<double, 3> gyroBiasVsTruth{};  // rad/s, the sidecar's measured bias of a raw gyroscope
   std::array<double, 3> worldField{};  // capture frame, gauss
   std::vector<OffsetPhase> phases;     // reference hard-iron offset by time
   replay::Recording recording;         // attitude NaN where the capture had none
@@ -40,6 +42,7 @@ struct SidecarFacts {
   std::array<double, 3> worldField{};  // capture frame, gauss
   std::vector<OffsetPhase> phases;     // one unbounded phase, or the recording's phases
   bool phased = false;                 // the sidecar lists phases (a magnet comes and goes)
+  std::array<double, 3> gyroBiasVsTruth{};  // rad/s, zero where the sidecar has none
 };
 
 // Reads NAME.json. False with a message when it cannot be read.

@@ -52,7 +52,7 @@ for rows in "$@"; do
   out=$scratch/out.csv
   report=$scratch/report.html
   rm -f "$out" "$report"
-  /usr/bin/time -f "%e %U %S %M" -o "$scratch/time.txt" "$replay" "$recording" --out "$out" --report "$report" \
+  /usr/bin/time -f "%e %U %S %M" -o "$scratch/time.txt" "$replay" "$recording" --engine algo --out "$out" --report "$report" \
     > "$scratch/summary.txt" 2> "$scratch/stderr.txt" || { cat "$scratch/stderr.txt" >&2; exit 1; }
   read -r seconds user system kilobytes < "$scratch/time.txt"
   printf "%10d  %8.2f  %8.2f  %10.1f  %10.1f  %10.0f  %.1f\n" "$rows" "$seconds" "$(awk -v u="$user" -v s="$system" 'BEGIN { print u + s }')" "$(awk -v k="$kilobytes" 'BEGIN { print k / 1024 }')" \

@@ -8,16 +8,18 @@
 #include <cmath>
 #include <cstdlib>
 #include <iterator>
+#include <utility>
 
 namespace quelta::replay {
 
 const char* usageText() {
   return "usage: quelta-replay [RECORDING] [options]\n"
          "Replays a sensor recording (CSV, or CSV compressed with gzip; - reads\n"
-         "standard input) through calibration, orientation, virtual gyroscope and\n"
-         "rotation vector and prints a summary. Without RECORDING the bundled\n"
-         "recording is replayed. Every option takes its value as a separate argument\n"
-         "or after '=' (--out out.csv, --out=out.csv).\n"
+         "standard input) through libquelta's compass (or, with --engine algo, the\n"
+         "fixed pipelines of QueltaAlgo.so) and prints a summary; errors against the\n"
+         "recording's reference columns are judged from 10 s after the start. Without\n"
+         "RECORDING the bundled recording is replayed. Every option takes its value as\n"
+         "a separate argument or after '=' (--out out.csv, --out=out.csv).\n"
          "\n"
          "  --out FILE.csv          one output row per sample\n"
          "  --report FILE.html      self-contained visual report\n"
@@ -28,15 +30,20 @@ const char* usageText() {
          "                          exists) and write the final accepted one back\n"
          "  --acc-unit g|m/s2       accelerometer unit of the recording (default g)\n"
          "  --mag-unit gauss|uT     magnetometer unit of the recording (default gauss)\n"
+         "  --time-unit s|ms|us|ns  unit of the recording's times (default s; Android's\n"
+         "                          SensorEvent.timestamp is in ns)\n"
+         "  --columns KEY=NAME,...  header names of the columns, by meaning, where they\n"
+         "                          differ: KEY is one of t ax ay az mx my mz gx gy gz\n"
+         "                          qw qx qy qz (for instance t=timestamp_ns,ax=acc_x)\n"
          "  --axis A,B,...,I        axis matrix, 9 values row-major\n"
          "  --pool MIN,MID,FULL,EARLY,LATE,LOW,HIGH,MAXDIST\n"
          "                          pool counts, spacings (gauss), ratio band\n"
          "  --thresholds MOVING,FROZEN,STILL\n"
          "                          variance thresholds\n"
          "  --windows MEDIAN,MEAN   azimuth smoothing window lengths\n"
-         "  --engine algo|compass   what replays the recording: the fixed pipelines of\n"
-         "                          QueltaAlgo.so (default) or libquelta's compass (hard-\n"
-         "                          and soft-iron calibration, disturbance, attitude filter)\n"
+         "  --engine compass|algo   what replays the recording: libquelta's compass\n"
+         "                          (default: hard- and soft-iron calibration, disturbance,\n"
+         "                          attitude filter) or the fixed pipelines of QueltaAlgo.so\n"
          "  --location LAT,LON[,HEIGHT_M]\n"
          "                          where the recording was made (degrees, height in metres\n"
          "                          above the ellipsoid, default 0); with --date the field\n"
@@ -49,14 +56,20 @@ const char* usageText() {
          "  --version               the version\n"
          "  --help                  this text\n"
          "\n"
-         "Recording columns (header names in any case, quoted or not): t (s), ax ay az,\n"
-         "mx my mz; optional gx gy gz (reference gyroscope, rad/s) and qw qx qy qz\n"
-         "(reference device-to-east-north-up attitude). Reference values may be empty\n"
-         "or nan where the reference has none; those samples are left out of the\n"
-         "comparisons. A warning before the replay says when the data contradict the\n"
-         "units (for instance a field in microtesla read as gauss).\n"
-         "--calibration, --log, --log-mode, --axis, --pool, --thresholds and --windows\n"
-         "set up the fixed pipelines; --location, --date and --gyro the compass.\n"
+         "Recording columns (header names in any case, quoted or not): t, ax ay az,\n"
+         "mx my mz; optional gx gy gz (gyroscope, rad/s) and qw qx qy qz (reference\n"
+         "device-to-east-north-up attitude). Rows of sensors at different rates may\n"
+         "leave the field or gyroscope cells empty (or nan): the compass gets no\n"
+         "reading of that sensor there, the fixed pipelines the previous field.\n"
+         "Reference values may be empty or nan where the reference has none; those\n"
+         "samples are left out of the comparisons. A warning before the replay says\n"
+         "when the data contradict the units (for instance a field in microtesla read\n"
+         "as gauss, or times in nanoseconds read as seconds).\n"
+         "--log, --log-mode, --axis, --pool, --thresholds and --windows set up the fixed\n"
+         "pipelines; --location, --date and --gyro the compass. --calibration is the\n"
+         "compass's saved calibration record (restored when the file exists, written\n"
+         "when the run ends with a better calibration), or with --engine algo the\n"
+         "fixed pipelines' calibration file.\n"
          "Exit status: 0 success, 1 bad input or output failure, 2 usage error.\n";
 }
 
@@ -91,7 +104,7 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
       continue;
     }
     static const char* const kValueOptions[] = {"--out",  "--report", "--log",        "--log-mode", "--calibration",
-                                                "--acc-unit", "--mag-unit", "--axis", "--pool", "--thresholds",
+                                                "--acc-unit", "--mag-unit", "--time-unit", "--columns", "--axis", "--pool", "--thresholds",
                                                 "--windows", "--engine", "--location", "--date"};
     if (std::find(std::begin(kValueOptions), std::end(kValueOptions), name) == std::end(kValueOptions)) {
       problem = "unknown option " + name;
@@ -132,6 +145,24 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
     } else if (name == "--mag-unit") {
       ok = value == "gauss" || value == "uT";
       out.units.mag = value == "gauss" ? MagUnit::Gauss : MagUnit::Microtesla;
+    } else if (name == "--time-unit") {
+      static const std::pair<const char*, TimeUnit> kTimeUnits[] = {
+          {"s", TimeUnit::Seconds}, {"ms", TimeUnit::Milliseconds}, {"us", TimeUnit::Microseconds},
+          {"ns", TimeUnit::Nanoseconds}};
+      ok = false;
+      for (const auto& [text, unit] : kTimeUnits) {
+        if (value == text) {
+          out.units.time = unit;
+          ok = true;
+        }
+      }
+    } else if (name == "--columns") {
+      std::string why;
+      ok = parseColumnNames(value, out.columns, why);
+      if (!ok) {
+        problem = "bad value '" + value + "' for --columns: " + why + " (KEY=NAME,...)";
+        return false;
+      }
     } else if (name == "--axis") {
       std::array<float, 9> v{};
       ok = parseList(value, v);
@@ -180,7 +211,7 @@ bool parseOptions(const std::vector<std::string>& args, Options& out, std::strin
       return false;
     }
   } else {
-    for (const char* option : {"--calibration", "--log", "--log-mode", "--axis", "--pool", "--thresholds", "--windows"}) {
+    for (const char* option : {"--log", "--log-mode", "--axis", "--pool", "--thresholds", "--windows"}) {
       if (named(option)) {
         problem = std::string("option ") + option + " sets up the fixed pipelines (--engine algo), not the compass";
         return false;

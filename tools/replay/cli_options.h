@@ -26,9 +26,10 @@ struct Options {
   std::string logFile;          // --log
   int logMode = 1;              // --log-mode, for all three pipelines
   std::string calibrationFile;  // --calibration
-  Units units;                  // --acc-unit, --mag-unit
+  Units units;                  // --acc-unit, --mag-unit, --time-unit
+  ColumnNames columns;          // --columns KEY=NAME,...
   SetupOverrides setup;         // --axis, --pool, --thresholds, --windows
-  Engine engine = Engine::Algo;  // --engine algo|compass
+  Engine engine = Engine::Compass;  // --engine compass|algo
   std::optional<Location> location;  // --location LAT,LON[,HEIGHT_M] (compass)
   std::string date;                  // --date YYYY-MM-DD (compass), empty when not given
   bool gyro = false;                 // --gyro: feed gx gy gz to the compass

@@ -13,6 +13,9 @@ const char* const kZ = "#1f77b4";
 const char* const kGrey = "#555555";
 const char* const kReference = "#ff7f0e";
 
+// The compass's no-heading flag (QUELTA_COMPASS_FLAG_NO_HEADING).
+constexpr uint32_t kNoHeadingFlag = 0x8u;
+
 std::shared_ptr<Envelope> envelope(double period = 0.0, double base = 0.0) {
   return std::make_shared<Envelope>(period, base);
 }
@@ -25,6 +28,13 @@ Series line(const std::string& label, const char* colour, const std::shared_ptr<
   s.style = style;
   s.envelope = e;
   return s;
+}
+
+// A heading error on the heading accuracy plot: as it is up to the scale,
+// beyond it in the middle of the strip above (NaN stays a gap).
+double onHeadingScale(double deg) {
+  const double scale = ReportBuilder::kHeadingScaleDeg;
+  return deg > scale ? scale * 1.05 : deg;
 }
 
 Chart timeChart(const std::string& id, const std::string& title, const std::string& yLabel, int height = 260) {
@@ -65,6 +75,9 @@ void ReportBuilder::setCompass(bool rateFromAttitude) {
   disturbed_ = envelope();
   headingAccuracy_ = envelope();
   calibrationHeadingError_ = envelope();
+  actualHeadingError_ = envelope();
+  for (auto& e : outputAccuracy_) e = envelope();
+  for (auto& e : flags_) e = envelope();
   headingError_ = envelope(360.0, -180.0);
   tiltError_ = envelope();
   coverage_ = envelope();
@@ -76,10 +89,13 @@ void ReportBuilder::setCompass(bool rateFromAttitude) {
 
 void ReportBuilder::add(const RecordedSample& sample, const ReplayRow& row) {
   const double t = row.t;
+  if (samples_ == 0) firstT_ = t;
   accuracy_->add(t, row.accuracy);
   for (int k = 0; k < 3; ++k) offset_[k]->add(t, row.offset[k]);
   radius_->add(t, row.radius);
-  azimuth_->add(t, row.orientation[0]);
+  // While the compass reports no heading its azimuth means nothing: a gap.
+  const bool noHeading = compass_ && (row.compass.flags & kNoHeadingFlag) != 0;
+  azimuth_->add(t, noHeading ? NAN : row.orientation[0]);
   pitch_->add(t, row.orientation[1]);
   roll_->add(t, row.orientation[2]);
   for (int k = 0; k < 3; ++k) {
@@ -89,8 +105,10 @@ void ReportBuilder::add(const RecordedSample& sample, const ReplayRow& row) {
   if (compass_) {
     disturbance_->add(t, row.compass.disturbance);
     disturbed_->add(t, row.compass.disturbed ? 1.0 : 0.0);
-    headingAccuracy_->add(t, row.compass.headingAccuracy);
-    calibrationHeadingError_->add(t, row.compass.calibrationHeadingError);
+    headingAccuracy_->add(t, onHeadingScale(row.compass.headingAccuracy));
+    calibrationHeadingError_->add(t, onHeadingScale(row.compass.calibrationHeadingError));
+    for (int level = 0; level < 4; ++level) outputAccuracy_[level]->add(t, row.compass.outputAccuracy == level);
+    for (int bit = 0; bit < 6; ++bit) flags_[bit]->add(t, (row.compass.flags >> bit) & 1u);
     coverage_->add(t, row.compass.coverage);
     fittedStrength_->add(t, row.compass.fittedStrength);
     expectedStrength_->add(t, row.compass.expectedStrength > 0.0f ? row.compass.expectedStrength : NAN);
@@ -124,6 +142,7 @@ void ReportBuilder::addErrors(const SampleErrors& e) {
   if (compass_) {
     headingError_->add(e.t, e.headingDeg);
     tiltError_->add(e.t, e.tiltDeg);
+    actualHeadingError_->add(e.t, onHeadingScale(std::fabs(e.headingAnyDeg)));
   }
 }
 
@@ -184,10 +203,44 @@ std::string ReportBuilder::render(const std::string& summaryText, const std::vec
     disturbance.series.push_back(line("disturbance score", kZ, disturbance_));
     disturbance.series.push_back(line("disturbed flag", kX, disturbed_, Series::Style::Step));
     disturbance.yMin = 0.0;
-    Chart heading = timeChart("plot-heading-accuracy", "Heading accuracy estimate", "degrees", 220);
-    heading.series.push_back(line("heading accuracy (output)", kZ, headingAccuracy_));
-    heading.series.push_back(line("heading error left by the calibration", kGrey, calibrationHeadingError_));
+    // The estimate against the truth, on the scale where it matters.
+    Chart heading = timeChart("plot-heading-accuracy",
+                              "Heading accuracy: estimate and actual error",
+                              "degrees", 260);
+    Series beyond = line("beyond 30 deg (180: unknown)", "#dddddd", nullptr, Series::Style::Band);
+    beyond.x = {firstT_, last_.t};
+    beyond.y = {1.0, 1.0};
+    beyond.bandLo = kHeadingScaleDeg;
+    beyond.bandHi = kHeadingScaleDeg * 1.1;
+    heading.series.push_back(beyond);
+    heading.series.push_back(line("estimate (output)", kZ, headingAccuracy_));
+    heading.series.push_back(line("left by the calibration", kGrey, calibrationHeadingError_));
+    if (hasAttitude_) {
+      heading.series.push_back(line("actual |error|", kX, actualHeadingError_));
+    }
     heading.yMin = 0.0;
+    heading.yMax = kHeadingScaleDeg * 1.1;
+    // The compass's own accuracy and flags, one row each.
+    Chart state = timeChart("plot-compass-state", "Compass accuracy and flags", "", 250);
+    const char* levelColours[4] = {"#d62728", "#ff7f0e", "#e8c31a", "#2ca02c"};
+    for (int level = 0; level < 4; ++level) {
+      Series band = line("accuracy " + std::to_string(level), levelColours[level], outputAccuracy_[level],
+                         Series::Style::Band);
+      band.bandLo = 0.1;
+      band.bandHi = 0.9;
+      state.series.push_back(band);
+    }
+    const char* flagNames[6] = {"calibrating", "disturbed", "accelerating", "no heading", "gyroscope", "resting"};
+    state.yTickLabels.push_back({0.5, "accuracy"});
+    for (int bit = 0; bit < 6; ++bit) {
+      Series band = line("", kGrey, flags_[bit], Series::Style::Band);
+      band.bandLo = bit + 1.1;
+      band.bandHi = bit + 1.9;
+      state.series.push_back(band);
+      state.yTickLabels.push_back({bit + 1.5, flagNames[bit]});
+    }
+    state.yMin = 0.0;
+    state.yMax = 7.0;
     Chart quality = timeChart("plot-calibration-quality", "Calibration quality", "gauss", 220);
     quality.series.push_back(line("fitted strength", kZ, fittedStrength_));
     quality.series.push_back(line("expected strength (field model)", kReference, expectedStrength_, Series::Style::Dashed));
@@ -201,9 +254,9 @@ std::string ReportBuilder::render(const std::string& summaryText, const std::vec
     const char* names[6] = {"xx", "yy", "zz", "xy", "xz", "yz"};
     const char* softColours[6] = {kX, kY, kZ, "#9467bd", "#8c564b", "#e377c2"};
     for (int k = 0; k < 6; ++k) soft.series.push_back(line(std::string("soft ") + names[k], softColours[k], softIron_[k]));
-    html += "<section id=\"compass\">\n<h2>Calibration quality, disturbance and heading accuracy</h2>\n" +
-            renderSvg(quality) + renderSvg(coverage) + renderSvg(soft) + renderSvg(disturbance) + renderSvg(heading) +
-            "</section>\n";
+    html += "<section id=\"compass\">\n<h2>Heading accuracy, state, calibration quality and disturbance</h2>\n" +
+            renderSvg(heading) + renderSvg(state) + renderSvg(quality) + renderSvg(coverage) + renderSvg(soft) +
+            renderSvg(disturbance) + "</section>\n";
   }
 
   // Field cloud and the final fit.
@@ -238,7 +291,7 @@ std::string ReportBuilder::render(const std::string& summaryText, const std::vec
   html += "</div>\n</section>\n";
 
   // Orientation.
-  Chart azimuth = timeChart("plot-azimuth", "Azimuth", "degrees");
+  Chart azimuth = timeChart("plot-azimuth", compass_ ? "Azimuth (none while the compass reports no heading)" : "Azimuth", "degrees");
   azimuth.yMin = 0.0;
   azimuth.yMax = 360.0;
   azimuth.series.push_back(line("azimuth", kZ, azimuth_));
@@ -270,7 +323,8 @@ std::string ReportBuilder::render(const std::string& summaryText, const std::vec
   html += "</section>\n";
 
   if (hasAttitude_) {
-    Chart chart = timeChart("plot-attitude-error", "Error against the reference attitude (after heading alignment)",
+    Chart chart = timeChart("plot-attitude-error",
+                            "Error: reported minus reference (clockwise +), after heading alignment",
                             "degrees");
     chart.series.push_back(line(compass_ ? "attitude" : "rotation vector", kZ, rotationVectorError_));
     chart.series.push_back(line("azimuth", kX, azimuthError_));

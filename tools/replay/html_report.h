@@ -37,6 +37,10 @@ class ReportBuilder {
   // Field samples kept for the cloud plots at most.
   static constexpr size_t kCloudPoints = 20000;
 
+  // The heading accuracy plot's scale, degrees: where an estimate is useful.
+  // Larger values (180: unknown) are drawn in a marked strip above it.
+  static constexpr double kHeadingScaleDeg = 30.0;
+
  private:
   using EnvelopePtr = std::shared_ptr<Envelope>;
   std::string name_;
@@ -45,14 +49,16 @@ class ReportBuilder {
   bool compass_ = false;
   bool rateFromAttitude_ = false;
   size_t samples_ = 0;
+  double firstT_ = 0.0;
   ReplayRow last_;
   EnvelopePtr accuracy_, offset_[3], radius_;
   EnvelopePtr azimuth_, pitch_, roll_;
   EnvelopePtr referenceAzimuth_, referencePitch_, referenceRoll_;
   EnvelopePtr vgyro_[3], referenceGyro_[3];
   EnvelopePtr rotationVectorError_, azimuthError_;
-  EnvelopePtr disturbance_, disturbed_, headingAccuracy_, calibrationHeadingError_;
+  EnvelopePtr disturbance_, disturbed_, headingAccuracy_, calibrationHeadingError_, actualHeadingError_;
   EnvelopePtr headingError_, tiltError_;
+  EnvelopePtr outputAccuracy_[4], flags_[6];  // raised (1) while at that level / while the flag is set
   EnvelopePtr coverage_, fittedStrength_, expectedStrength_, residual_, softIron_[6];
   // Every stride-th raw field sample; the stride doubles when full.
   std::vector<std::array<float, 3>> cloud_;

@@ -94,7 +94,7 @@ int run(const Options& options) {
   // Set-up: library defaults, then the calibration file, then the command line.
   AlgoSetup setup;
   SetupOverrides fromFile;
-  if (!options.calibrationFile.empty()) {
+  if (!options.calibrationFile.empty() && options.engine != Engine::Compass) {
     bool found = false;
     if (!readCalibrationFile(options.calibrationFile, fromFile, found, problem)) return fail(problem);
     fromFile.applyTo(setup);
@@ -109,9 +109,19 @@ int run(const Options& options) {
   // The recording streams; its first samples are read ahead for the
   // sample interval the library is initialised with and the units check.
   RecordingReader reader;
-  if (!reader.open(recordingPath, options.units)) return fail(reader.error().describe());
+  if (!reader.open(recordingPath, options.units, options.columns)) {
+    std::string message = reader.error().describe();
+    if (reader.error().message.rfind("missing required column", 0) == 0 && options.columns.rename.empty()) {
+      message += "\n(--columns names the columns a logger calls otherwise: --columns t=timestamp_ns,ax=acc_x,...)";
+    }
+    return fail(message);
+  }
   const std::vector<RecordedSample>& first = reader.peek(kUnitsCheckSamples);
   if (reader.failed()) return fail(reader.error().describe());
+  const auto firstField = std::find_if(first.begin(), first.end(), [](const RecordedSample& s) { return s.hasMag; });
+  if (firstField == first.end()) {
+    return fail("no field reading (mx my mz) in the first " + std::to_string(first.size()) + " rows");
+  }
   for (const std::string& warning : checkUnits(first, options.units)) {
     std::fprintf(stderr, "quelta-replay: warning: %s\n", warning.c_str());
   }
@@ -145,6 +155,11 @@ int run(const Options& options) {
     } else {
       compassSetup += "; no location (headings to magnetic north)";
     }
+    if (calibration) {
+      bool found = false;
+      if (!readCompassCalibration(options.calibrationFile, compassOptions.restore, found, problem)) return fail(problem);
+      compassSetup += found ? "; calibration restored from " + options.calibrationFile : "; no saved calibration";
+    }
   }
   const size_t total = 0;  // not known before the end
   const std::string name = reader.name();
@@ -155,6 +170,7 @@ int run(const Options& options) {
   DriverOptions driver;
   driver.setup = setup;
   driver.logMode = options.logMode;
+  driver.firstField = firstField->mag;
   if (log) {
     if (!log->open(problem)) return fail(problem);
     setLogStream(log->stream());
@@ -170,12 +186,14 @@ int run(const Options& options) {
   SummaryBuilder summaryBuilder(name, period);
   if (compass) summaryBuilder.setCompass(compassSetup);
   ReferenceComparator comparator(hasGyro, hasAttitude, rateFromAttitude);
+  comparator.judgeFrom(kJudgeFromS);
   std::unique_ptr<ReportBuilder> reportBuilder;
   if (report) {
     reportBuilder = std::make_unique<ReportBuilder>(name, hasGyro, hasAttitude);
     if (compass) reportBuilder->setCompass(rateFromAttitude);
   }
   std::optional<ReplayRow> lastFit;
+  CompassCalibrationOutcome compassCalibration;
   FILE* const csvStream = csv ? csv->stream() : nullptr;
   {
     // The library runs on this thread; everything made of its outputs on another.
@@ -190,7 +208,7 @@ int run(const Options& options) {
       consumers.add(sample, row);
     };
     if (compass) {
-      replayCompassStream(source, total, compassOptions, handOver);
+      replayCompassStream(source, total, compassOptions, handOver, &compassCalibration);
     } else {
       replayStream(source, period, total, driver, handOver);
       RegisterLogCallback(nullptr);
@@ -218,7 +236,9 @@ int run(const Options& options) {
 
   if (!storedProblem.empty()) summary += "stored calibration not used: " + storedProblem + "\n";
   std::string calibrationText;
-  if (calibration) {
+  if (calibration && compass) {
+    summary += compassCalibrationSummary(compassCalibration, options.calibrationFile, calibrationText);
+  } else if (calibration) {
     if (lastFit) {
       calibrationText = formatCalibrationFile(lastFit->offset, lastFit->radius, fromFile);
       summary += "calibration      written to " + options.calibrationFile + "\n";
@@ -235,7 +255,7 @@ int run(const Options& options) {
   }
   if (!calibrationText.empty()) {
     if (!calibration->open(problem)) return fail(problem);
-    std::fputs(calibrationText.c_str(), calibration->stream());
+    std::fwrite(calibrationText.data(), 1, calibrationText.size(), calibration->stream());
   }
   progress.clear();
   for (OutputFile* output : {log.get(), csv.get(), report.get()}) {

@@ -9,6 +9,7 @@
 #include <cfloat>
 #include <charconv>
 #include <climits>
+#include <iterator>
 #include <cmath>
 #include <cstring>
 #include <sstream>
@@ -264,6 +265,7 @@ struct RecordingReader::Parser {
   std::vector<char> used;
   double accScale = 1.0;
   double magScale = 1.0;
+  double timeDivisor = 1.0;
   double previousT = 0.0;
   int previousTimeLine = 0;
 
@@ -382,7 +384,7 @@ struct RecordingReader::Parser {
 RecordingReader::RecordingReader() = default;
 RecordingReader::~RecordingReader() = default;
 
-bool RecordingReader::open(const std::string& path, const Units& units) {
+bool RecordingReader::open(const std::string& path, const Units& units, const ColumnNames& columns) {
   name_ = path == "-" ? "standard input" : path;
   error_ = InputError{name_, 0, 0, ""};
   failed_ = false;
@@ -407,16 +409,17 @@ bool RecordingReader::open(const std::string& path, const Units& units) {
   }
   parser_ = std::make_unique<Parser>();
   parser_->stream = std::make_unique<TextStream>(std::move(source));
-  return start(units);
+  return start(units, columns);
 }
 
-bool RecordingReader::openBytes(std::string bytes, const std::string& name, const Units& units) {
+bool RecordingReader::openBytes(std::string bytes, const std::string& name, const Units& units,
+                                const ColumnNames& columns) {
   name_ = name;
   error_ = InputError{name_, 0, 0, ""};
   failed_ = false;
   parser_ = std::make_unique<Parser>();
   parser_->stream = std::make_unique<TextStream>(std::make_unique<MemorySource>(std::move(bytes)));
-  return start(units);
+  return start(units, columns);
 }
 
 bool RecordingReader::hasGyroColumns() const { return parser_ && parser_->layout.gyro[0] >= 0; }
@@ -430,13 +433,14 @@ bool RecordingReader::failAt(const std::string& message, int column) {
   return false;
 }
 
-bool RecordingReader::start(const Units& units) {
+bool RecordingReader::start(const Units& units, const ColumnNames& columns) {
   Parser& p = *parser_;
   ahead_.clear();
   aheadPos_ = 0;
-  samplesRead_ = missingGyro_ = missingAttitude_ = 0;
+  samplesRead_ = missingMag_ = missingGyro_ = missingAttitude_ = 0;
   p.accScale = units.acc == AccUnit::G ? 1.0 : 1.0 / kStandardGravity;
   p.magScale = units.mag == MagUnit::Gauss ? 1.0 : 1.0 / kMicroteslaPerGauss;
+  p.timeDivisor = timeDivisor(units.time);
 
   auto fail = [this](const std::string& message, int column) { return failAt(message, column); };
 
@@ -454,16 +458,23 @@ bool RecordingReader::start(const Units& units) {
   if (!p.split(problem, column)) return fail(problem, column);
 
   struct Named {
-    const char* name;
+    const char* name;  // the meaning
     int* slot;
+    std::string header;  // the header name that holds it, lower case
   };
   Layout& layout = p.layout;
-  const Named names[] = {
-      {"t", &layout.t},           {"ax", &layout.acc[0]},      {"ay", &layout.acc[1]},
-      {"az", &layout.acc[2]},     {"mx", &layout.mag[0]},      {"my", &layout.mag[1]},
-      {"mz", &layout.mag[2]},     {"gx", &layout.gyro[0]},     {"gy", &layout.gyro[1]},
-      {"gz", &layout.gyro[2]},    {"qw", &layout.attitude[0]}, {"qx", &layout.attitude[1]},
-      {"qy", &layout.attitude[2]}, {"qz", &layout.attitude[3]}};
+  Named names[] = {
+      {"t", &layout.t, ""},            {"ax", &layout.acc[0], ""},      {"ay", &layout.acc[1], ""},
+      {"az", &layout.acc[2], ""},      {"mx", &layout.mag[0], ""},      {"my", &layout.mag[1], ""},
+      {"mz", &layout.mag[2], ""},      {"gx", &layout.gyro[0], ""},     {"gy", &layout.gyro[1], ""},
+      {"gz", &layout.gyro[2], ""},     {"qw", &layout.attitude[0], ""}, {"qx", &layout.attitude[1], ""},
+      {"qy", &layout.attitude[2], ""}, {"qz", &layout.attitude[3], ""}};
+  for (Named& named : names) {
+    named.header = named.name;
+    for (const auto& [key, header] : columns.rename) {
+      if (key == named.name) named.header = lowerCase(header);
+    }
+  }
   p.columnCount = p.fields.size();
   for (size_t i = 0; i < p.columnCount; ++i) {
     std::string_view name = p.fieldAt(i);  // " t " in quotes is t as well
@@ -471,7 +482,7 @@ bool RecordingReader::start(const Units& units) {
     while (!name.empty() && isBlank(name.back())) name.remove_suffix(1);
     p.columnNames.push_back(lowerCase(name));
     for (const Named& named : names) {
-      if (p.columnNames[i] != named.name) continue;
+      if (p.columnNames[i] != named.header) continue;
       if (*named.slot >= 0) {
         return fail("duplicate column '" + std::string(p.fieldAt(i)) + "'", p.fields[i].column);
       }
@@ -498,17 +509,25 @@ bool RecordingReader::start(const Units& units) {
     }
     std::string found;
     for (size_t i = 0; i < p.columnCount; ++i) found += (i ? ", " : "") + std::string(p.fieldAt(i));
-    return fail("missing required column '" + name + "' (the header has " + std::to_string(p.columnCount) +
+    const std::string wanted = named.header == name ? name : named.header + "' (named for " + name + ")";
+    return fail("missing required column '" + wanted + (named.header == name ? "'" : "") + " (the header has " +
+                    std::to_string(p.columnCount) +
                     (p.columnCount == 1 ? " column: " : " columns: ") + found + ")",
                 endColumn);
   }
-  auto checkGroup = [&](const int* columns, int size, const char* message) {
+  // A column named for a meaning must be there, optional or not.
+  for (const Named& named : names) {
+    if (*named.slot < 0 && named.header != named.name) {
+      return fail("missing column '" + named.header + "' (named for " + named.name + ")", endColumn);
+    }
+  }
+  auto checkGroup = [&](const int* group, int size, const char* message) {
     int present = 0;
     int first = -1;
     for (int k = 0; k < size; ++k) {
-      if (columns[k] < 0) continue;
+      if (group[k] < 0) continue;
       ++present;
-      if (first < 0 || columns[k] < first) first = columns[k];
+      if (first < 0 || group[k] < first) first = group[k];
     }
     if (present == 0 || present == size) return true;
     return fail(message, p.fields[first].column);
@@ -582,11 +601,24 @@ bool RecordingReader::readSample(RecordedSample& sample) {
 
   sample = RecordedSample{};
   if (!required(layout.t, 1.0, false, sample.t)) return false;
+  sample.t /= p.timeDivisor;
   for (int k = 0; k < 3; ++k) {
     if (!required(layout.acc[k], p.accScale, true, sample.acc[k])) return false;
   }
+  // A row without a field reading (a sensor at a lower rate) leaves all
+  // three empty or nan; one of them alone is a broken row.
+  int magMissing = 0;
   for (int k = 0; k < 3; ++k) {
-    if (!required(layout.mag[k], p.magScale, true, sample.mag[k])) return false;
+    const std::string_view text = p.fieldAt(layout.mag[k]);
+    if (text.empty() || isNanText(text)) ++magMissing;
+  }
+  sample.hasMag = magMissing == 0;
+  if (magMissing == 3) {
+    sample.mag = {0, 0, 0};
+  } else {
+    for (int k = 0; k < 3; ++k) {
+      if (!required(layout.mag[k], p.magScale, true, sample.mag[k])) return false;
+    }
   }
   if (layout.gyro[0] >= 0) {
     bool present = true;
@@ -635,6 +667,7 @@ bool RecordingReader::next(RecordedSample& sample) {
     return false;
   }
   ++samplesRead_;
+  if (!sample.hasMag) ++missingMag_;
   if (hasGyroColumns() && !sample.hasGyro) ++missingGyro_;
   if (hasAttitudeColumns() && !sample.hasAttitude) ++missingAttitude_;
   return true;
@@ -651,6 +684,63 @@ double nominalPeriod(const std::vector<RecordedSample>& samples) {
 
 double Recording::duration() const {
   return samples.size() < 2 ? 0.0 : samples.back().t - samples.front().t;
+}
+
+double timeDivisor(TimeUnit unit) {
+  switch (unit) {
+    case TimeUnit::Milliseconds: return 1e3;
+    case TimeUnit::Microseconds: return 1e6;
+    case TimeUnit::Nanoseconds: return 1e9;
+    case TimeUnit::Seconds: break;
+  }
+  return 1.0;
+}
+
+const char* timeUnitName(TimeUnit unit) {
+  switch (unit) {
+    case TimeUnit::Milliseconds: return "ms";
+    case TimeUnit::Microseconds: return "us";
+    case TimeUnit::Nanoseconds: return "ns";
+    case TimeUnit::Seconds: break;
+  }
+  return "s";
+}
+
+bool parseColumnNames(const std::string& text, ColumnNames& out, std::string& problem) {
+  static const char* const kKeys[] = {"t",  "ax", "ay", "az", "mx", "my", "mz",
+                                      "gx", "gy", "gz", "qw", "qx", "qy", "qz"};
+  ColumnNames names;
+  size_t start = 0;
+  while (start <= text.size()) {
+    const size_t comma = std::min(text.find(',', start), text.size());
+    const std::string item = text.substr(start, comma - start);
+    start = comma + 1;
+    const size_t equals = item.find('=');
+    const std::string key = lowerCase(item.substr(0, std::min(equals, item.size())));
+    if (equals == std::string::npos || equals + 1 == item.size()) {
+      problem = "'" + item + "' is not KEY=NAME";
+      return false;
+    }
+    const std::string header = item.substr(equals + 1);
+    if (std::find_if(std::begin(kKeys), std::end(kKeys), [&key](const char* k) { return key == k; }) ==
+        std::end(kKeys)) {
+      problem = "'" + key + "' is not one of t, ax, ay, az, mx, my, mz, gx, gy, gz, qw, qx, qy, qz";
+      return false;
+    }
+    for (const auto& [otherKey, otherHeader] : names.rename) {
+      if (otherKey == key) {
+        problem = key + " is named twice";
+        return false;
+      }
+      if (lowerCase(otherHeader) == lowerCase(header)) {
+        problem = "'" + header + "' is named for both " + otherKey + " and " + key;
+        return false;
+      }
+    }
+    names.rename.emplace_back(key, header);
+  }
+  out = names;
+  return true;
 }
 
 std::string InputError::describe() const {
@@ -674,6 +764,7 @@ bool readAll(RecordingReader& reader, bool opened, Recording& out, InputError& e
     out.hasAttitude = reader.hasAttitudeColumns();
     RecordedSample sample;
     while (reader.next(sample)) out.samples.push_back(sample);
+    out.missingMag = reader.missingMag();
     out.missingGyro = reader.missingGyro();
     out.missingAttitude = reader.missingAttitude();
   }
@@ -684,15 +775,16 @@ bool readAll(RecordingReader& reader, bool opened, Recording& out, InputError& e
 }  // namespace
 
 bool parseRecording(const std::string& text, const std::string& fileName, const Units& units,
-                    Recording& out, InputError& error) {
+                    Recording& out, InputError& error, const ColumnNames& columns) {
   RecordingReader reader;
-  const bool opened = reader.openBytes(text, fileName, units);
+  const bool opened = reader.openBytes(text, fileName, units, columns);
   return readAll(reader, opened, out, error);
 }
 
-bool readRecording(const std::string& path, const Units& units, Recording& out, InputError& error) {
+bool readRecording(const std::string& path, const Units& units, Recording& out, InputError& error,
+                   const ColumnNames& columns) {
   RecordingReader reader;
-  const bool opened = reader.open(path, units);
+  const bool opened = reader.open(path, units, columns);
   return readAll(reader, opened, out, error);
 }
 

@@ -1,7 +1,13 @@
 // A sensor recording as read from CSV: one sample per row, a header naming
-// the columns. Required: t (s), ax ay az, mx my mz. Optional reference
+// the columns. Required: t, ax ay az, mx my mz. Optional reference
 // columns: gx gy gz (gyroscope, rad/s) and qw qx qy qz (device to
-// east-north-up attitude). Values are converted to g and gauss on reading.
+// east-north-up attitude). Values are converted to seconds, g and gauss on
+// reading. Columns of other names (an Android logger's timestamp_ns,
+// acc_x, ...) are given their meaning with ColumnNames.
+//
+// Sensors sampled at different rates leave cells empty: a row whose field
+// (mx my mz) or gyroscope (gx gy gz) cells are all empty or "nan" carries
+// no reading of that sensor (hasMag, hasGyro false).
 //
 // The file may be gzip-compressed (recognised by its content, not its name),
 // may start with a UTF-8 byte-order mark, and "-" names standard input.
@@ -17,24 +23,48 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quelta::replay {
 
 enum class AccUnit { G, MetresPerSecond2 };
 enum class MagUnit { Gauss, Microtesla };
+enum class TimeUnit { Seconds, Milliseconds, Microseconds, Nanoseconds };
 
 struct Units {
   AccUnit acc = AccUnit::G;
   MagUnit mag = MagUnit::Gauss;
+  TimeUnit time = TimeUnit::Seconds;
 };
+
+// Seconds per unit of time, as a divisor: t_s = t / divisor (1, 1e3, 1e6,
+// 1e9). Dividing keeps whole nanoseconds of a decimal time exact: 20000000
+// ns reads as the same double as 0.02 s.
+double timeDivisor(TimeUnit unit);
+// "s", "ms", "us", "ns".
+const char* timeUnitName(TimeUnit unit);
+
+// Header names of the recording's columns, by meaning: rename[key] is the
+// header name (any letter case) of the column that holds key (one of t ax
+// ay az mx my mz gx gy gz qw qx qy qz). A key without a rename keeps its
+// own name; a column named like a renamed key is then ignored.
+struct ColumnNames {
+  std::vector<std::pair<std::string, std::string>> rename;  // key, header name
+};
+
+// Parses "t=timestamp_ns,ax=acc_x,..." (what --columns takes). False with
+// a reason in problem on an unknown key, a key given twice, two keys on one
+// column or a missing name.
+bool parseColumnNames(const std::string& text, ColumnNames& out, std::string& problem);
 
 struct RecordedSample {
   double t = 0.0;                        // seconds
   std::array<double, 3> acc{};           // g
-  std::array<double, 3> mag{};           // gauss
+  std::array<double, 3> mag{};           // gauss, when hasMag (else 0)
   std::array<double, 3> gyro{};          // rad/s, when hasGyro
   std::array<double, 4> attitude{1, 0, 0, 0};  // w, x, y, z, when hasAttitude
+  bool hasMag = true;        // this row has a field reading
   bool hasGyro = false;      // this sample has a reference rate
   bool hasAttitude = false;  // this sample has a reference attitude
 };
@@ -71,9 +101,9 @@ class RecordingReader {
 
   // A file, or standard input for "-". Messages name the file as given
   // ("-" as "standard input").
-  bool open(const std::string& path, const Units& units);
+  bool open(const std::string& path, const Units& units, const ColumnNames& columns = {});
   // The same from bytes in memory (plain or gzip), named name in messages.
-  bool openBytes(std::string bytes, const std::string& name, const Units& units);
+  bool openBytes(std::string bytes, const std::string& name, const Units& units, const ColumnNames& columns = {});
 
   // The next sample; false at the end of the recording or on an error.
   bool next(RecordedSample& sample);
@@ -92,12 +122,13 @@ class RecordingReader {
 
   // Counts over the samples returned by next() so far.
   size_t samplesRead() const { return samplesRead_; }
+  size_t missingMag() const { return missingMag_; }            // rows without a field reading
   size_t missingGyro() const { return missingGyro_; }          // with gyro columns, no value
   size_t missingAttitude() const { return missingAttitude_; }  // with attitude columns, no value
 
  private:
   struct Parser;
-  bool start(const Units& units);
+  bool start(const Units& units, const ColumnNames& columns);
   bool readSample(RecordedSample& sample);
   // Records a parse error at the current line and the given column; always false.
   bool failAt(const std::string& message, int column);
@@ -109,6 +140,7 @@ class RecordingReader {
   std::vector<RecordedSample> ahead_;
   size_t aheadPos_ = 0;
   size_t samplesRead_ = 0;
+  size_t missingMag_ = 0;
   size_t missingGyro_ = 0;
   size_t missingAttitude_ = 0;
 };
@@ -122,6 +154,7 @@ struct Recording {
   std::string name;  // file name, for messages and the summary
   bool hasGyro = false;      // gyro columns present
   bool hasAttitude = false;  // attitude columns present
+  size_t missingMag = 0;       // rows without a field reading
   size_t missingGyro = 0;      // samples whose reference rate is missing
   size_t missingAttitude = 0;  // samples whose reference attitude is missing
   std::vector<RecordedSample> samples;
@@ -133,9 +166,10 @@ struct Recording {
 // Parses CSV text (plain or gzip). Returns false and fills error on the
 // first problem.
 bool parseRecording(const std::string& text, const std::string& fileName, const Units& units,
-                    Recording& out, InputError& error);
+                    Recording& out, InputError& error, const ColumnNames& columns = {});
 
 // Reads and parses a file ("-": standard input).
-bool readRecording(const std::string& path, const Units& units, Recording& out, InputError& error);
+bool readRecording(const std::string& path, const Units& units, Recording& out, InputError& error,
+                   const ColumnNames& columns = {});
 
 }  // namespace quelta::replay

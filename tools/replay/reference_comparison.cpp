@@ -252,8 +252,9 @@ void ReferenceComparator::settlePending(const double* nextAttitude, double nextT
 }
 
 void ReferenceComparator::add(const RecordedSample& sample, const ReplayRow& row) {
-  ++samples_;
-  const bool calibrated = row.accuracy == 3;
+  if (++samples_ == 1) firstT_ = sample.t;
+  // "calibrated": in the compared selection.
+  const bool calibrated = judgeFrom_ ? sample.t - firstT_ >= *judgeFrom_ : row.accuracy == 3;
   anyCalibrated_ = anyCalibrated_ || calibrated;
   const bool attitudeUsable = sample.hasAttitude && allFinite(sample.attitude.data(), 4);
   if (rateFromAttitude_) {
@@ -310,6 +311,7 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
   ReferenceComparison result;
   result.rateFromAttitude = rateFromAttitude_;
   result.calibratedOnly = anyCalibrated_;
+  result.judgedFromS = judgeFrom_;
   result.missingGyro = missingGyro_;
   result.missingAttitude = missingAttitude_;
   // Without a single calibrated sample, the uncalibrated ones are all of them.
@@ -355,13 +357,19 @@ ReferenceComparison ReferenceComparator::finish(const std::function<void(const S
     errors.index = index;
     errors.t = record.t;
     errors.compared = !anyCalibrated_ || record.calibrated;
+    if (std::isfinite(record.difference[0])) {
+      const Quat d = {record.difference[0], record.difference[1], record.difference[2], record.difference[3]};
+      // d turns the estimate's world onto the reference's: its twist about up
+      // is the reference's heading minus the estimate's.
+      errors.headingAnyDeg = wrapDeg(rotationVector.alignmentDeg - headingOfDeg(d));
+    }
     if (errors.compared && std::isfinite(record.difference[0])) {
       const Quat d = {record.difference[0], record.difference[1], record.difference[2], record.difference[3]};
       errors.rotationVectorDeg = rotationAngleDeg(multiply(d, undo));
       rotationStats.add(errors.rotationVectorDeg);
       // d turns the estimate's world onto the reference's: its twist about up
       // is the heading error, the angle it tips up by the tilt error.
-      errors.headingDeg = wrapDeg(headingOfDeg(d) - rotationVector.alignmentDeg);
+      errors.headingDeg = errors.headingAnyDeg;
       headingStats.add(errors.headingDeg);
       errors.tiltDeg = 2.0 * std::atan2(std::sqrt(d[1] * d[1] + d[2] * d[2]), std::sqrt(d[0] * d[0] + d[3] * d[3])) *
                        180.0 / kPi;

@@ -12,9 +12,10 @@
 // the lag of the smoothed outputs during fast turns does not pull it away.
 // It is found on a 0.001 degree grid in time linear in the samples.
 //
-// Only samples at calibration accuracy 3 are compared, when there are any;
-// samples whose reference is missing (empty or nan in the recording) are
-// left out and counted.
+// Only samples at calibration accuracy 3 are compared, when there are any,
+// or, with judgeFrom, every sample from that many seconds after the first
+// (as the accuracy tool judges); samples whose reference is missing (empty
+// or nan in the recording) are left out and counted.
 //
 // The comparison streams: add() takes the samples one at a time in a first
 // pass, finish() settles the alignments and takes a second pass over what
@@ -40,6 +41,12 @@ namespace quelta::replay {
 // Azimuth errors are taken only where the device is tilted at most this
 // much: towards the vertical the azimuth loses its meaning.
 constexpr double kAzimuthMaxTiltDeg = 60.0;
+
+// The replay tool judges from this many seconds after the first sample on,
+// whatever the accuracy, as the accuracy tool does (quelta-accuracy), so the
+// two give one recording the same figures: the first seconds are the
+// start-up every engine needs.
+constexpr double kJudgeFromS = 10.0;
 
 // Resolution of the alignments and of the medians, degrees.
 constexpr double kAngleResolutionDeg = 0.001;
@@ -102,6 +109,10 @@ struct ReferenceComparison {
   // usual case); false when the calibration never completed and they cover
   // every sample.
   bool calibratedOnly = false;
+  // Set when the comparisons cover the samples from this many seconds after
+  // the first instead (ReferenceComparator::judgeFrom); calibratedOnly then
+  // says whether there were any.
+  std::optional<double> judgedFromS;
   // Samples whose reference rate (gyroscope, or derived from the attitude)
   // or attitude was missing.
   size_t missingGyro = 0;
@@ -130,8 +141,14 @@ struct SampleErrors {
                                         std::numeric_limits<double>::quiet_NaN(),
                                         std::numeric_limits<double>::quiet_NaN()};
   // Signed heading error at any tilt after the alignment, and tilt error,
-  // degrees (see ReferenceComparison::heading and tilt).
+  // degrees (see ReferenceComparison::heading and tilt). Signed errors
+  // (azimuthDeg, headingDeg) are the library's value minus the reference's:
+  // positive when the library's heading is clockwise of the truth.
   double headingDeg = std::numeric_limits<double>::quiet_NaN();
+  // The heading error at every sample with a reference attitude, compared
+  // or not (before the calibration too): what the report draws against the
+  // compass's own heading accuracy estimate.
+  double headingAnyDeg = std::numeric_limits<double>::quiet_NaN();
   double tiltDeg = std::numeric_limits<double>::quiet_NaN();
   // The rate derived from the reference attitude (rad/s, device frame),
   // when the comparator derives it; NaN otherwise.
@@ -148,6 +165,9 @@ class ReferenceComparator {
   // that was fed that gyroscope. The derivation needs the next sample, so
   // each sample is settled one sample late.
   ReferenceComparator(bool hasGyro, bool hasAttitude, bool rateFromAttitude = false);
+  // Compare the samples from seconds after the first one on, whatever the
+  // accuracy, instead of those at accuracy 3. Call before the first add().
+  void judgeFrom(double seconds) { judgeFrom_ = seconds; }
   ~ReferenceComparator();
   ReferenceComparator(const ReferenceComparator&) = delete;
   ReferenceComparator& operator=(const ReferenceComparator&) = delete;
@@ -172,7 +192,9 @@ class ReferenceComparator {
   bool rateFromAttitude_;
   std::unique_ptr<Pending> pending_;  // the sample waiting for its successor
   size_t samples_ = 0;
-  bool anyCalibrated_ = false;
+  std::optional<double> judgeFrom_;
+  double firstT_ = 0.0;
+  bool anyCalibrated_ = false;  // any sample in the compared selection
   size_t missingGyro_ = 0;
   size_t missingAttitude_ = 0;
   std::unique_ptr<Selection> calibrated_;  // accuracy 3

@@ -32,12 +32,15 @@ size_t replayStream(const SampleSource& source, double period, size_t total, con
   ReplayRow row;
   size_t count = 0;
   double previousT = 0.0;
+  std::array<double, 3> heldField = options.firstField;
   while (source(sample)) {
     if (count == 0) previousT = sample.t - period;
+    if (sample.hasMag) heldField = sample.mag;
     const std::array<float, 3> acc = toFloats(sample.acc);
-    const std::array<float, 3> mag = toFloats(sample.mag);
+    const std::array<float, 3> mag = toFloats(heldField);
     row = ReplayRow{};
     row.t = sample.t;
+    row.fieldMissing = !sample.hasMag;
     setLogSample(count, sample.t);  // the prefix of the library's log lines
 
     // Calibration and orientation: the field itself is the saturation probe.

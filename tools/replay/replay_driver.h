@@ -22,6 +22,10 @@ struct DriverOptions {
   AlgoSetup setup;
   LogCallback log = nullptr;  // registered through AlgoInitial
   int32_t logMode = 1;        // given to all three pipelines
+  // The pipelines need a field on every row: a row without one (a sensor at
+  // a lower rate) gets the previous row's, and rows before the first
+  // reading get this one (gauss; the recording's first field reading).
+  std::array<double, 3> firstField{};
   // Called now and then with the number of samples done (total is 0 when
   // not known in advance), and once more at the end.
   std::function<void(size_t done, size_t total)> progress;

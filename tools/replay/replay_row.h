@@ -30,6 +30,7 @@ struct ReplayRow {
   int32_t poolCount = 0;        // samples in the calibration pool
   bool newCalibration = false;  // a full fit or refit was accepted on this sample
   bool saturation = false;      // a magnetometer saturation was reported
+  bool fieldMissing = false;    // the recording had no field reading on this row
   std::array<float, 3> offset{};
   float radius = 0.0f;
   std::array<float, 3> geometry{};  // horizontal, vertical intensity (gauss), inclination (deg)

@@ -20,6 +20,9 @@ void appendf(std::string& text, const char* format, ...) {
   text += line;
 }
 
+// The compass's no-heading flag (QUELTA_COMPASS_FLAG_NO_HEADING).
+constexpr uint32_t kNoHeadingFlag = 0x8u;
+
 // The compass's flags (quelta_compass.h) by name.
 std::string flagsText(uint32_t flags) {
   static const char* const kNames[6] = {"calibrating", "magnetically disturbed", "accelerating",
@@ -64,12 +67,23 @@ void appendCompass(std::string& text, const Summary& s) {
   static const char* const kModels[3] = {"none", "sphere", "ellipsoid"};
   appendf(text, "engine           compass, %s\n", c.setup.c_str());
   const auto& m = q.softIron;
-  appendf(text, "soft iron        %.4f %.4f %.4f / %.4f %.4f %.4f / %.4f %.4f %.4f (%s)\n", m[0], m[1], m[2], m[3],
-          m[4], m[5], m[6], m[7], m[8], kModels[std::clamp(q.model, 0, 2)]);
-  appendf(text, "quality          coverage %.0f %%, residual %.4f gauss, heading error estimate %.1f deg, %s\n",
-          100.0 * q.coverage, q.residual, q.calibrationHeadingError,
-          c.reasonText.empty() ? ("reason " + std::to_string(q.reason)).c_str() : c.reasonText.c_str());
-  if (q.expectedStrength > 0.0f) {
+  const bool calibrated = q.model != 0;
+  if (calibrated) {
+    appendf(text, "soft iron        %.4f %.4f %.4f / %.4f %.4f %.4f / %.4f %.4f %.4f (%s)\n", m[0], m[1], m[2], m[3],
+            m[4], m[5], m[6], m[7], m[8], kModels[std::clamp(q.model, 0, 2)]);
+  } else {
+    text += "soft iron        none (no calibration yet)\n";
+  }
+  const std::string reason = c.reasonText.empty() ? "reason " + std::to_string(q.reason) : c.reasonText;
+  if (calibrated) {
+    appendf(text, "quality          coverage %.0f %%, residual %.4f gauss, heading error estimate %.1f deg, %s\n",
+            100.0 * q.coverage, q.residual, q.calibrationHeadingError, reason.c_str());
+  } else {
+    appendf(text, "quality          coverage %.0f %%, no fit yet: %s\n", 100.0 * q.coverage, reason.c_str());
+  }
+  if (!calibrated) {
+    text += "field strength   none fitted yet\n";
+  } else if (q.expectedStrength > 0.0f) {
     appendf(text, "field strength   fitted %.4f gauss, expected %.4f gauss (field model)\n", q.fittedStrength,
             q.expectedStrength);
   } else {
@@ -77,13 +91,26 @@ void appendCompass(std::string& text, const Summary& s) {
             q.fittedStrength);
   }
   const double total = s.samples > 0 ? static_cast<double>(s.samples) : 1.0;
-  appendf(text, "disturbance      flagged on %zu samples (%.1f %%, %.2f s), highest score %.2f\n", c.disturbedSamples,
-          100.0 * static_cast<double>(c.disturbedSamples) / total, c.disturbedTime, c.maxDisturbance);
-  if (c.headingAccuracyCount > 0) {
-    appendf(text, "heading accuracy mean %.1f deg at accuracy 3, final %.1f deg\n",
-            c.headingAccuracySum / static_cast<double>(c.headingAccuracyCount), q.headingAccuracy);
+  if (c.disturbedSamples > 0) {
+    appendf(text, "disturbance      flagged on %zu samples (%.1f %%, %.2f s), highest score %.2f\n",
+            c.disturbedSamples, 100.0 * static_cast<double>(c.disturbedSamples) / total, c.disturbedTime,
+            c.maxDisturbance);
   } else {
-    appendf(text, "heading accuracy final %.1f deg (accuracy 3 never reached)\n", q.headingAccuracy);
+    appendf(text, "disturbance      none flagged, highest score %.2f\n", c.maxDisturbance);
+  }
+  if (c.headingReported) {
+    appendf(text, "first heading    at %.2f s\n", c.firstHeadingAt);
+  } else {
+    text += "first heading    none (the no-heading flag was raised on every sample)\n";
+  }
+  // 180 deg is the compass's "unknown".
+  char final[64] = "final unknown";
+  if (q.headingAccuracy < 180.0f) std::snprintf(final, sizeof final, "final %.1f deg", q.headingAccuracy);
+  if (c.headingAccuracyCount > 0) {
+    appendf(text, "heading accuracy mean %.1f deg at accuracy 3, %s\n",
+            c.headingAccuracySum / static_cast<double>(c.headingAccuracyCount), final);
+  } else {
+    appendf(text, "heading accuracy none at accuracy 3 (never reached), %s\n", final);
   }
   appendf(text, "flags            %s\n", flagsText(q.flags).c_str());
 }
@@ -114,6 +141,10 @@ void SummaryBuilder::add(const ReplayRow& row) {
     c.last = row.compass;
     if (row.compass.disturbed) ++c.disturbedSamples;
     if (std::isfinite(row.compass.disturbance)) c.maxDisturbance = std::max(c.maxDisturbance, row.compass.disturbance);
+    if (!c.headingReported && (row.compass.flags & kNoHeadingFlag) == 0) {
+      c.headingReported = true;
+      c.firstHeadingAt = row.t;
+    }
     if (level == 3 && std::isfinite(row.compass.headingAccuracy)) {
       c.headingAccuracySum += row.compass.headingAccuracy;
       ++c.headingAccuracyCount;
@@ -143,6 +174,7 @@ void SummaryBuilder::add(const ReplayRow& row) {
     s_.lastAcceptedAt = row.t;
   }
   if (row.saturation) ++s_.saturations;
+  if (row.fieldMissing) ++s_.fieldMissing;
   const std::string bad = nonFiniteOutputs(row);
   if (!bad.empty()) {
     if (s_.nonFiniteSamples == 0) {
@@ -213,20 +245,35 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
       appendf(text, "  and %zu more, %.2f s in all\n", s.drops.size() - kDropsListed, rest);
     }
   }
-  appendf(text, "offset           %.5f %.5f %.5f gauss\n", s.offset[0], s.offset[1], s.offset[2]);
-  appendf(text, "radius           %.5f gauss\n", s.radius);
+  if (s.compass && s.compass->last.model == 0) {
+    // The compass reports zeros before its first calibration.
+    text += "offset           none (no calibration yet)\nradius           none\n";
+  } else {
+    appendf(text, "offset           %.5f %.5f %.5f gauss\n", s.offset[0], s.offset[1], s.offset[2]);
+    appendf(text, "radius           %.5f gauss\n", s.radius);
+  }
   if (s.lastAcceptedAt) {
     appendf(text, "accepted fits    %d, last at %.2f s\n", s.acceptedFits, *s.lastAcceptedAt);
   } else {
-    text += "accepted fits    0\n";
+    text += "accepted fits    none\n";
   }
   if (s.compass) {
     appendCompass(text, s);
+  } else if (s.geometry[0] == 0.0f && s.geometry[1] == 0.0f && s.geometry[2] == 0.0f) {
+    text += "field geometry   none measured (at accuracy 3 while the device is still)\n";
   } else {
     appendf(text, "field geometry   horizontal %.4f gauss, vertical %.4f gauss, inclination %.2f deg\n",
             s.geometry[0], s.geometry[1], s.geometry[2]);
   }
   if (s.saturations > 0) appendf(text, "saturations      %d\n", s.saturations);
+  if (s.fieldMissing > 0) {
+    // Sensors at different rates: the compass takes a row without a field
+    // reading as such; the fixed pipelines need one on every row.
+    appendf(text, "field readings   none on %zu of %zu rows (sensors at different rates): %s\n", s.fieldMissing,
+            s.samples,
+            s.compass ? "given to the compass as no reading"
+                      : "the fixed pipelines were given the previous row's field there");
+  }
   if (s.nonFiniteSamples > 0) {
     appendf(text, "non-finite       %zu samples with outputs that are not finite numbers, first at %.2f s (%s)\n",
             s.nonFiniteSamples, *s.firstNonFiniteAt, s.firstNonFiniteOutput.c_str());
@@ -236,39 +283,66 @@ std::string formatSummary(const Summary& s, const ReferenceComparison& reference
     appendf(text, " %zu samples, attitude on %zu samples (left out of the comparisons)\n",
             reference.missingGyro, reference.missingAttitude);
   }
-  const char* part = reference.calibratedOnly ? "calibrated" : "uncalibrated";
+  // What the comparisons cover: "... over N <part>".
+  std::string part = reference.calibratedOnly ? "calibrated samples" : "uncalibrated samples";
+  std::string none = reference.calibratedOnly ? "no calibrated sample" : "no sample";
+  if (reference.judgedFromS) {
+    char window[64];
+    std::snprintf(window, sizeof window, "from %.0f s on", *reference.judgedFromS);
+    part = reference.calibratedOnly ? std::string("samples ") + window
+                                    : "samples (all: the recording is shorter than the judging window)";
+    none = std::string("no sample ") + window;
+  }
+  // A comparison over no sample at all says so rather than print zeros.
+  auto nothingCompared = [&](const char* label, size_t count) {
+    if (count > 0) return false;
+    appendf(text, "%s none: %s with a reference value\n", label, none.c_str());
+    return true;
+  };
   if (reference.gyro) {
     const GyroComparison& g = *reference.gyro;
     // The compass reports an angular rate; fed the gyroscope, it is judged
     // against the rate derived from the reference attitude instead.
-    if (s.compass) {
-      appendf(text, "angular rate     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) against the %s over %zu %s samples; reference RMS %.4f rad/s\n",
+    if (nothingCompared(s.compass ? "angular rate    " : "virtual gyro    ", g.count)) {
+    } else if (s.compass) {
+      appendf(text, "angular rate     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) against the %s over %zu %s; reference RMS %.4f rad/s\n",
               g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2],
-              reference.rateFromAttitude ? "rate from the reference attitude" : "reference gyroscope", g.count, part,
+              reference.rateFromAttitude ? "rate from the reference attitude" : "reference gyroscope", g.count, part.c_str(),
               g.referenceRms);
-    } else appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) over %zu %s samples; reference RMS %.4f rad/s\n",
-            g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2], g.count, part, g.referenceRms);
+    } else {
+      appendf(text, "virtual gyro     RMS error %.4f rad/s (x %.4f, y %.4f, z %.4f) over %zu %s; reference RMS %.4f rad/s\n",
+              g.rms, g.rmsAxis[0], g.rmsAxis[1], g.rmsAxis[2], g.count, part.c_str(), g.referenceRms);
+    }
   }
   if (reference.rotationVector) {
     const AngleComparison& r = *reference.rotationVector;
-    appendf(text, "%s  RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples, heading alignment %.2f deg\n",
-            s.compass ? "attitude       " : "rotation vector", r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part,
-            r.alignmentDeg);
+    const char* label = s.compass ? "attitude       " : "rotation vector";
+    if (!nothingCompared(label, r.count)) {
+      appendf(text, "%s  RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s, heading alignment %.2f deg\n",
+              label, r.rmsDeg, r.medianDeg, r.maxDeg, r.count, part.c_str(), r.alignmentDeg);
+    }
   }
   // At any tilt: shown for the compass, whose attitude is meant to hold
   // there (the fixed pipelines' lines stay as they were).
   if (s.compass && reference.heading && reference.tilt) {
     const AngleComparison& h = *reference.heading;
     const AngleComparison& t = *reference.tilt;
-    appendf(text, "heading          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples at any tilt (turn about the vertical)\n",
-            h.rmsDeg, h.medianDeg, h.maxDeg, h.count, part);
-    appendf(text, "tilt             RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples\n", t.rmsDeg,
-            t.medianDeg, t.maxDeg, t.count, part);
+    if (!nothingCompared("heading         ", h.count)) {
+      appendf(text, "heading          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s at any tilt (turn about the vertical)\n",
+              h.rmsDeg, h.medianDeg, h.maxDeg, h.count, part.c_str());
+      appendf(text, "tilt             RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s\n",
+              t.rmsDeg, t.medianDeg, t.maxDeg, t.count, part.c_str());
+    }
   }
   if (reference.azimuth) {
     const AngleComparison& a = *reference.azimuth;
-    appendf(text, "azimuth          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s samples tilted <= %.0f deg, heading alignment %.2f deg\n",
-            a.rmsDeg, a.medianDeg, a.maxDeg, a.count, part, kAzimuthMaxTiltDeg, a.alignmentDeg);
+    if (a.count == 0) {
+      appendf(text, "azimuth          none: %s with a reference value tilted <= %.0f deg\n", none.c_str(),
+              kAzimuthMaxTiltDeg);
+    } else {
+      appendf(text, "azimuth          RMS error %.2f deg, median %.2f deg, max %.2f deg over %zu %s tilted <= %.0f deg, heading alignment %.2f deg\n",
+              a.rmsDeg, a.medianDeg, a.maxDeg, a.count, part.c_str(), kAzimuthMaxTiltDeg, a.alignmentDeg);
+    }
   }
   return text;
 }

@@ -33,6 +33,8 @@ struct CompassSummary {
   size_t disturbedSamples = 0;            // disturbance flag raised
   double disturbedTime = 0.0;             // s
   float maxDisturbance = 0.0f;
+  double firstHeadingAt = 0.0;            // s, first sample without the no-heading flag
+  bool headingReported = false;
   double headingAccuracySum = 0.0;        // over the samples at accuracy 3
   size_t headingAccuracyCount = 0;
 };
@@ -52,6 +54,7 @@ struct Summary {
   std::optional<double> lastAcceptedAt;
   std::array<float, 3> geometry{};  // horizontal, vertical (gauss), inclination (deg)
   int saturations = 0;
+  size_t fieldMissing = 0;  // rows without a field reading in the recording
   // Samples with an output that is not a finite number, and the first one.
   size_t nonFiniteSamples = 0;
   std::optional<double> firstNonFiniteAt;

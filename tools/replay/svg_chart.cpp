@@ -61,6 +61,39 @@ Envelope envelopeOf(const Series& s) {
   return envelope;
 }
 
+// Path data for a band: one rectangle per stretch of x where the series is
+// raised (any sample of a bucket above 0.5), from its first sample to the
+// first sample after it.
+std::string bandPath(const Series& s, const Frame& f) {
+  Envelope local;
+  const Envelope* envelope = s.envelope.get();
+  if (envelope == nullptr) {
+    local = envelopeOf(s);
+    envelope = &local;
+  }
+  std::string d;
+  const std::string top = num(f.py(s.bandHi)), bottom = num(f.py(s.bandLo));
+  bool raised = false;
+  double start = 0.0, end = 0.0;
+  auto close = [&](double x) {
+    d += "M" + num(f.px(start)) + " " + bottom + "V" + top + "H" + num(std::max(f.px(x), f.px(start) + 1.0)) + "V" +
+         bottom + "Z";
+  };
+  for (const Envelope::Bucket& b : envelope->buckets()) {
+    if (b.count == 0) continue;
+    if (b.hi > 0.5 && !raised) {
+      raised = true;
+      start = b.xFirst;
+    } else if (b.hi <= 0.5 && raised) {
+      raised = false;
+      close(b.xFirst);
+    }
+    end = b.xLast;
+  }
+  if (raised) close(end);
+  return d;
+}
+
 // Path data for a line: per pixel column the first, lowest, highest and
 // last value, so a long series costs a few bytes per column however many
 // samples it has, and a single spike still shows.
@@ -250,18 +283,24 @@ std::string escapeXml(const std::string& text) {
 std::string renderSvg(const Chart& chart) {
   Frame f;
   for (const Series& s : chart.series) {
+    const bool band = s.style == Series::Style::Band;
+    if (band) {
+      f.y.include(s.bandLo);
+      f.y.include(s.bandHi);
+    }
     if (s.envelope) {
       for (const Envelope::Bucket& b : s.envelope->buckets()) {
         if (b.count == 0) continue;
         f.x.include(b.xFirst);
         f.x.include(b.xLast);
-        if (s.envelope->period() > 0.0) continue;  // periodic charts fix their y range
+        if (s.envelope->period() > 0.0 || band) continue;  // periodic charts fix their y range
         f.y.include(b.lo);
         f.y.include(b.hi);
       }
       continue;
     }
     for (double v : s.x) f.x.include(v);
+    if (band) continue;
     for (double v : s.y) f.y.include(v);
   }
   for (const CircleOverlay& c : chart.circles) {
@@ -300,7 +339,12 @@ std::string renderSvg(const Chart& chart) {
 
   // Grid and ticks.
   const std::vector<double> xTicks = niceTicks(f.x.lo, f.x.hi, chart.equalAspect ? 5 : 12);
-  const std::vector<double> yTicks = niceTicks(f.y.lo, f.y.hi, 5);
+  std::vector<double> yTicks;
+  if (chart.yTickLabels.empty()) {
+    yTicks = niceTicks(f.y.lo, f.y.hi, 5);
+  } else {
+    for (const auto& named : chart.yTickLabels) yTicks.push_back(named.first);
+  }
   const double xStep = xTicks.size() > 1 ? xTicks[1] - xTicks[0] : 1.0;
   const double yStep = yTicks.size() > 1 ? yTicks[1] - yTicks[0] : 1.0;
   svg += "<g stroke=\"#e2e2e2\" stroke-width=\"1\">";
@@ -311,9 +355,10 @@ std::string renderSvg(const Chart& chart) {
     svg += "<text x=\"" + num(f.px(t)) + "\" y=\"" + num(f.top + f.plotH + 15) + "\" text-anchor=\"middle\">" +
            tickLabel(t, xStep) + "</text>";
   }
-  for (double t : yTicks) {
+  for (size_t i = 0; i < yTicks.size(); ++i) {
+    const double t = yTicks[i];
     svg += "<text x=\"" + num(f.left - 6) + "\" y=\"" + num(f.py(t) + 4) + "\" text-anchor=\"end\">" +
-           tickLabel(t, yStep) + "</text>";
+           (chart.yTickLabels.empty() ? tickLabel(t, yStep) : escapeXml(chart.yTickLabels[i].second)) + "</text>";
   }
   svg += "</g>\n";
   svg += "<rect x=\"" + num(f.left) + "\" y=\"" + num(f.top) + "\" width=\"" + num(f.plotW) + "\" height=\"" +
@@ -328,7 +373,10 @@ std::string renderSvg(const Chart& chart) {
          "\" width=\"" + num(f.plotW) + "\" height=\"" + num(f.plotH) + "\"/></clipPath>\n";
   svg += "<g clip-path=\"url(#" + escapeXml(chart.id) + "-clip)\" fill=\"none\">\n";
   for (const Series& s : chart.series) {
-    if (s.style == Series::Style::Points) {
+    if (s.style == Series::Style::Band) {
+      svg += "<path class=\"band\" d=\"" + bandPath(s, f) + "\" fill=\"" + s.colour +
+             "\" fill-opacity=\"0.75\" stroke=\"none\"/>\n";
+    } else if (s.style == Series::Style::Points) {
       svg += "<path class=\"points\" d=\"" + pointsPath(s, f) + "\" stroke=\"" + s.colour +
              "\" stroke-width=\"3\" stroke-linecap=\"round\" stroke-opacity=\"0.5\"/>\n";
     } else {
@@ -360,7 +408,10 @@ std::string renderSvg(const Chart& chart) {
   double x = f.left + f.plotW;
   for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
     x -= 6.5 * static_cast<double>(it->label.size()) + 40.0;
-    if (it->style == Series::Style::Points) {
+    if (it->style == Series::Style::Band) {
+      svg += "<rect x=\"" + num(x) + "\" y=\"9\" width=\"24\" height=\"12\" fill=\"" + it->colour +
+             "\" fill-opacity=\"0.75\"/>";
+    } else if (it->style == Series::Style::Points) {
       svg += "<path d=\"M" + num(x + 4) + " 15h0M" + num(x + 12) + " 15h0M" + num(x + 20) + " 15h0\" stroke=\"" +
              it->colour + "\" stroke-width=\"3\" stroke-linecap=\"round\"/>";
     } else {

@@ -1,11 +1,13 @@
-// Small inline-SVG charts: lines, steps and point clouds over numeric axes,
-// with grid, ticks and a legend. Not-a-number values break a line.
+// Small inline-SVG charts: lines, steps, point clouds and bands over
+// numeric axes, with grid, ticks and a legend. Not-a-number values break a
+// line.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace quelta::replay {
@@ -59,7 +61,9 @@ class Envelope {
 };
 
 struct Series {
-  enum class Style { Line, Dashed, Step, Points };
+  // Band: filled from bandLo to bandHi (y, data units) over every stretch
+  // of x where the series is above 0.5 (a flag that is raised).
+  enum class Style { Line, Dashed, Step, Points, Band };
   std::string label;
   std::string colour;
   std::vector<double> x;
@@ -67,6 +71,7 @@ struct Series {
   Style style = Style::Line;
   // When set, the line is drawn from this envelope and x, y are unused.
   std::shared_ptr<const Envelope> envelope;
+  double bandLo = 0.0, bandHi = 1.0;  // Band only
 };
 
 struct CircleOverlay {
@@ -85,6 +90,8 @@ struct Chart {
   int width = 1200;
   int height = 260;
   std::optional<double> yMin, yMax;  // fixed y range, else from the data
+  // Named y ticks (value, label) instead of numbered ones: rows of bands.
+  std::vector<std::pair<double, std::string>> yTickLabels;
   bool equalAspect = false;          // same scale on both axes (projections)
 };
 

@@ -18,6 +18,12 @@ constexpr double kMicroteslaPerGauss = 100.0;
 constexpr double kMostGauss = 10.0;
 constexpr double kLeastGauss = 0.05;
 
+// Hand-held sensors deliver every 0.1 ms (10 kHz) to every 1 s (1 Hz); a
+// median interval outside a generous band around that is a unit mistake:
+// read as seconds, nanosecond times give intervals of 10^6 s and more.
+constexpr double kLongestInterval = 10.0;    // s
+constexpr double kShortestInterval = 1e-5;   // s
+
 template <size_t N>
 double magnitude(const std::array<double, N>& v) {
   double sum = 0.0;
@@ -48,9 +54,40 @@ std::vector<std::string> checkUnits(const std::vector<RecordedSample>& samples, 
   mag.reserve(samples.size());
   for (const RecordedSample& s : samples) {
     acc.push_back(magnitude(s.acc));
-    mag.push_back(magnitude(s.mag));
+    if (s.hasMag) mag.push_back(magnitude(s.mag));
   }
   const size_t n = samples.size();
+
+  // Times: the median interval, in seconds as read, against sensor rates.
+  if (samples.size() >= 2) {
+    const double interval = nominalPeriod(samples);
+    if (interval > kLongestInterval || (interval > 0.0 && interval < kShortestInterval)) {
+      // The unit that brings the interval nearest to 10 ms (100 Hz).
+      static const TimeUnit kUnits[4] = {TimeUnit::Seconds, TimeUnit::Milliseconds, TimeUnit::Microseconds,
+                                         TimeUnit::Nanoseconds};
+      const double raw = interval * timeDivisor(units.time);  // in the recording's own numbers
+      TimeUnit best = units.time;
+      double bestDistance = INFINITY;
+      for (TimeUnit unit : kUnits) {
+        const double distance = std::fabs(std::log10(raw / timeDivisor(unit) / 0.01));
+        if (distance < bestDistance) {
+          bestDistance = distance;
+          best = unit;
+        }
+      }
+      char text[400];
+      std::snprintf(text, sizeof text,
+                    "the median interval between samples is %.3g s over the first %zu samples (times read as %s), "
+                    "where sensors sample every 0.1 ms to 1 s: the times look like %s (use --time-unit %s)",
+                    interval, n, timeUnitName(units.time),
+                    best == TimeUnit::Seconds        ? "seconds"
+                    : best == TimeUnit::Milliseconds ? "milliseconds"
+                    : best == TimeUnit::Microseconds ? "microseconds"
+                                                     : "nanoseconds",
+                    timeUnitName(best));
+      warnings.push_back(text);
+    }
+  }
 
   // Gravity dominates the accelerometer: its median magnitude is about 1 g.
   const double accG = median(acc);
@@ -65,7 +102,7 @@ std::vector<std::string> checkUnits(const std::vector<RecordedSample>& samples, 
                               accG * kStandardGravity, n));
   }
 
-  const double magGauss = median(mag);
+  const double magGauss = mag.empty() ? 0.0 : median(mag);
   if (units.mag == MagUnit::Gauss && magGauss > kMostGauss) {
     warnings.push_back(format("the magnetometer's median magnitude is %.3g gauss over the first %zu samples, far "
                               "more than the earth's field (at most 0.7 gauss) and a device's own offset: the "

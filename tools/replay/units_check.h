@@ -1,7 +1,8 @@
 // A look at the first samples of a recording, before the replay, for data
 // that contradict the declared units: an accelerometer in m/s^2 read as g
 // (or the other way round), a field in microtesla read as gauss (or the
-// other way round). Each finding names the option that fixes it.
+// other way round), times in nanoseconds (or ms, us) read as seconds. Each
+// finding names the option that fixes it.
 #pragma once
 
 #include <string>
