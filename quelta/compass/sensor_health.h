@@ -36,7 +36,7 @@ struct HealthSettings {
   double repeatTimeS = 0.15;         // s a gyroscope reading must repeat before it can be condemned
   double turnEvidenceDeg = 3.0;      // deg the field and gravity's attitude must differ from what the reading
                                      // explains: beyond their noise while walking (gravity low-passed)
-  double pinnedTimeS = 0.1;          // s a field axis must hold one magnitude ...
+  double pinnedTimeS = 0.3;          // s a field axis must hold one magnitude ...
   double pinnedSpreadGauss = 0.05;   // gauss ... while another axis moves this far (or the device turns)
   double fieldRecoveryS = 2.0;       // s without a pinned axis before the field is taken back
   double gravityTauS = 0.25;         // s, low-pass of the accelerometer for gravity's direction
