@@ -12,9 +12,9 @@
 //
 // and divide the summary by the count (the run first settles the filter
 // for one pass of the motion, outside the measured function). The count
-// includes the C interface's own work (the units check of the readings);
-// callgrind_annotate's inclusive figure of CompassFilter::update is the
-// filter alone.
+// includes the C interface's own work (the units check of the readings) and
+// the whole compass's checks around the filter; callgrind_annotate's
+// inclusive figure of CompassFilter::update is the filter alone.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
