@@ -23,6 +23,7 @@ from . import algo, geomag
 from ._compass import (
     Compass,
     UnitsError,
+    status_text,
     FLAG_CALIBRATING,
     FLAG_MAGNETIC_DISTURBANCE,
     FLAG_ACCELERATING,
@@ -40,6 +41,7 @@ __all__ = [
     "Compass",
     "MagCalibrator",
     "UnitsError",
+    "status_text",
     "read_recording",
     "heading_error_deg",
     "geomag",

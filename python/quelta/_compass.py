@@ -27,6 +27,12 @@ _PRESETS = {
 # Return codes of the C interface.
 _CODES = {
     -1: "null or uninitialised state",
+    -2: "time not finite",
+    -3: "accelerometer not finite or beyond 32 g",
+    -4: "field not finite or beyond 10 gauss",
+    -5: "gyroscope not finite or beyond 2000 deg/s",
+    -6: "field quality out of range",
+    -7: "setting not finite or out of range",
     -20: "unknown unit or frame",
     -21: "axis matrix not orthogonal",
     -22: "times contradict the time unit (e.g. nanoseconds given as seconds); set units={'time': ...}",
@@ -37,6 +43,11 @@ _CODES = {
 
 class UnitsError(ValueError):
     """Samples or settings that contradict the units set."""
+
+
+def status_text(code):
+    """What a row's status code means."""
+    return "accepted" if code == 0 else _CODES.get(int(code), "refused (code %d)" % code)
 
 
 def _check_units(status):
@@ -135,7 +146,8 @@ class Compass:
             dip = expected_field["dip_deg"]
         else:
             strength, dip = expected_field
-        self._core.set_expected_field(float(strength), float(dip))
+        if self._core.set_expected_field(float(strength), float(dip)) != 0:
+            raise ValueError("expected field (%r, %r) is not one the earth could have" % (strength, dip))
 
     def set_declination(self, declination_deg):
         if self._core.set_declination(float(declination_deg)) != 0:

@@ -94,6 +94,10 @@ def test_android_units_and_axes_give_the_same_compass_and_wrong_units_raise(reco
         quelta.Compass().run(t_ns, acc, mag, gyro)
     with pytest.raises(ValueError):
         quelta.Compass(units={"field": "tesla"})
+    # The expected field is in the field unit set: 48 uT is the earth's, 48 gauss is not.
+    quelta.Compass(units="android", expected_field=(48.0, 60.0))
+    with pytest.raises(ValueError):
+        quelta.Compass(expected_field=(48.0, 60.0))
 
 
 def test_calibration_saved_and_restored_carries_over(recording):
