@@ -5,7 +5,7 @@
 #
 # SECONDS_PER_TARGET defaults to 60; TARGET is one of the library's
 # families (calibration, vgyro, rotvec, buffers, math), the layer's magnetic calibration
-# (magnetic) or one of the replay
+# (magnetic), the compass (compass), the field model (geomag) or one of the replay
 # tool's readers (recording, recording_gz, calibration_file); default: all.
 # Build the targets first:
 #   cmake --workflow --preset fuzz
@@ -27,7 +27,7 @@ seconds="${1:-60}"
 shift || true
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  targets=(calibration vgyro rotvec buffers math magnetic recording recording_gz calibration_file)
+  targets=(calibration vgyro rotvec buffers math magnetic compass geomag recording recording_gz calibration_file)
 fi
 build="${FUZZ_BUILD_DIR:-build-fuzz}"
 work="${FUZZ_WORK_DIR:-$build/fuzz-work}"

@@ -88,6 +88,32 @@ typedef struct quelta_compass_field_quality {
 /* The device has been still (gyroscope and accelerometer steady) for a
  * second or more: the gyroscope bias is being learnt. */
 #define QUELTA_COMPASS_FLAG_RESTING 0x20u
+#define QUELTA_COMPASS_FLAG_GYROSCOPE_LEFT_OUT 0x40u /* the gyroscope is stuck, dead or its bias unlearnable: not used */
+#define QUELTA_COMPASS_FLAG_FIELD_LEFT_OUT 0x80u     /* a field axis is stuck or clipped: the field is not used */
+#define QUELTA_COMPASS_FLAG_TIME_RESTART 0x100u      /* this sample set restarted the time base (see below) */
+
+/* Return codes. 0 is success; -1 a null or uninitialised state (or a null
+ * required pointer). A sample set with a value no sensor can deliver is
+ * refused whole and leaves no trace in any state; the code names the input:
+ *   QUELTA_COMPASS_ERROR_TIME           t not finite
+ *   QUELTA_COMPASS_ERROR_ACCELEROMETER  acc not finite, or |acc| beyond 32 g
+ *   QUELTA_COMPASS_ERROR_FIELD          field not finite, or beyond 10 gauss
+ *                                       once calibrated
+ *   QUELTA_COMPASS_ERROR_GYROSCOPE      gyro not finite, or beyond 2000 deg/s
+ *                                       (34.9 rad/s) on some axis
+ *   QUELTA_COMPASS_ERROR_QUALITY        a field quality out of range
+ *                                       (accuracy 0..3, score >= 0, heading
+ *                                       error 0..180 degrees, all finite)
+ *   QUELTA_COMPASS_ERROR_SETTING        a setting not finite or out of range
+ *                                       (the previous value is kept) */
+#define QUELTA_COMPASS_OK 0
+#define QUELTA_COMPASS_ERROR_STATE (-1)
+#define QUELTA_COMPASS_ERROR_TIME (-2)
+#define QUELTA_COMPASS_ERROR_ACCELEROMETER (-3)
+#define QUELTA_COMPASS_ERROR_FIELD (-4)
+#define QUELTA_COMPASS_ERROR_GYROSCOPE (-5)
+#define QUELTA_COMPASS_ERROR_QUALITY (-6)
+#define QUELTA_COMPASS_ERROR_SETTING (-7)
 
 /* The outputs of the last accepted sample. Device-frame vectors are in the
  * device's axes, after the axis remap of quelta_compass_set_units. */
@@ -181,12 +207,15 @@ typedef struct quelta_compass_units {
 QUELTA_LAYER_API int32_t quelta_compass_init(quelta_compass* state);
 /* Forgets the attitude, keeps tuning and declination. Returns 0 or -1. */
 QUELTA_LAYER_API int32_t quelta_compass_reset(quelta_compass* state);
-/* Declination in degrees east: headings then refer to true north. */
+/* Declination in degrees east (-180..180): headings then refer to true
+ * north. Returns 0, -1, or QUELTA_COMPASS_ERROR_SETTING. */
 QUELTA_LAYER_API int32_t quelta_compass_set_declination(quelta_compass* state, double declination_deg);
 /* The field expected at the device's location (e.g. from the field model):
  * strength in the field unit set (gauss by default), dip in degrees
- * (positive below the horizon). Helps the calibration; an invalid pair
- * forgets it. Returns 0 or -1. */
+ * (positive below the horizon). Helps the calibration. A strength of zero
+ * or less forgets it; otherwise the strength must lie within 0.15..0.8
+ * gauss and the dip within -90..90 degrees. Returns 0, -1, or
+ * QUELTA_COMPASS_ERROR_SETTING (the previous setting is kept). */
 QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state, double strength_gauss,
                                                            double dip_deg);
 /* One sample set at time t: acc (3), the RAW magnetometer reading (3, or
@@ -194,12 +223,37 @@ QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state
  * axes set (default s, g, gauss, the device's axes). Returns 0; -1 for a
  * null or uninitialised state or null acc; a QUELTA_COMPASS_ERROR_*_UNIT
  * code for values that contradict the units (the sample is then refused);
- * or another negative code for an input refused as faulty. */
+ * or one of QUELTA_COMPASS_ERROR_TIME .. _GYROSCOPE for an input no sensor
+ * can deliver (refused whole, no trace in any state).
+ *
+ * Time: t is the host's clock, any origin. The compass follows it while it
+ * moves forward by up to a few sample periods (five, and at least 0.1 s).
+ *   - A step back or a repeated time restarts the time base: the sample set
+ *     counts as one sample period after the last, the host's clock is
+ *     followed from there; attitude, bias and calibration carry on.
+ *   - A longer step forward is a gap: nothing is propagated across it.
+ *     Unless gravity and the field show the device where it was (within
+ *     20 degrees), the attitude is found again from the next samples (as at
+ *     the start, from the accelerometer and the field); the calibration is
+ *     kept either way.
+ * Both set QUELTA_COMPASS_FLAG_TIME_RESTART on that sample set's output.
+ *
+ * Sensors: a gyroscope that repeats one reading exactly (zeros included)
+ * while gravity and the field turn otherwise, or whose bias no filter could
+ * learn (gravity's direction turns away from what it says by more than a
+ * 0.2 rad/s bias explains), is left out
+ * (QUELTA_COMPASS_FLAG_GYROSCOPE_LEFT_OUT) and the compass tracks without
+ * it until it reads again / agrees again. A field with an axis stuck or
+ * clipped while the device turns is left out
+ * (QUELTA_COMPASS_FLAG_FIELD_LEFT_OUT) until no axis has been for 2 s.
+ * While no field steers the heading, heading_accuracy_deg grows with the
+ * bias still unknown (0.01 rad/s) and shrinks again once the field is back. */
 QUELTA_LAYER_API int32_t quelta_compass_update(quelta_compass* state, double t, const double* acc,
                                                const double* raw_field, const double* gyro);
 /* As quelta_compass_update with a field the host has CALIBRATED itself (3,
  * or null) and what it knows of it (or null: calibrated, not disturbed);
- * the layer's calibration is bypassed. Same units, axes and return codes. */
+ * the layer's calibration is bypassed. Same units, axes and return codes,
+ * and QUELTA_COMPASS_ERROR_QUALITY for a quality out of range. */
 QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state, double t, const double* acc,
                                                           const double* field,
                                                           const quelta_compass_field_quality* quality,

@@ -92,7 +92,12 @@ QUELTA_LAYER_API double quelta_geomag_declination(double latitude_deg, double lo
 /* Decimal year of a Gregorian calendar date at 00:00: year + (day of year - 1) / days in year. */
 QUELTA_LAYER_API int quelta_geomag_decimal_year(int year, int month, int day, double* out);
 
-/* The same from the text "YYYY-MM-DD" (exactly ten characters). */
+/* The same from the text "YYYY-MM-DD": date must point at a NUL-terminated
+ * string, exactly ten characters long. It is read one character at a time
+ * and reading stops at the first character that cannot belong to such a
+ * date (the terminating NUL included), so nothing past the string's end is
+ * ever read. QUELTA_GEOMAG_ERROR_DATE for anything else, including trailing
+ * characters; QUELTA_GEOMAG_ERROR_NULL for a NULL pointer. */
 QUELTA_LAYER_API int quelta_geomag_decimal_year_from_text(const char* date, double* out);
 
 /* Short English descriptions of a return value and of one warning flag

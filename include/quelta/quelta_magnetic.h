@@ -116,7 +116,9 @@ QUELTA_LAYER_API void quelta_mag_reset(quelta_mag_state* state);
 /* The field expected at the device's location (e.g. from the field model):
  * strength in gauss and dip (inclination) in degrees, positive when the field
  * points below the horizon. Pins the calibration sooner and sets the
- * hemisphere. strength_gauss <= 0 or non-finite values clear it. */
+ * hemisphere. strength_gauss <= 0 clears it; a strength outside 0.15..0.8
+ * gauss, a dip outside -90..90 degrees or a non-finite value is ignored
+ * (the previous setting stays). */
 QUELTA_LAYER_API void quelta_mag_set_expected_field(quelta_mag_state* state, double strength_gauss,
                                                     double dip_deg);
 
@@ -143,6 +145,10 @@ QUELTA_LAYER_API int quelta_mag_save(const quelta_mag_state* state,
 
 /* Checks a record (size, magic, version, checksum, value ranges) and adopts
  * it only when every check passes; otherwise the state is left unchanged.
+ * The values must be a calibration a magnetometer on earth can have: soft
+ * iron positive definite with eigenvalues within 0.5..2 (determinant 1),
+ * |offset| below 10 gauss, strength within 0.15..0.8 gauss; anything else
+ * is QUELTA_MAG_RECORD_BAD_VALUES even with a valid checksum.
  * Returns a QUELTA_MAG_RECORD_* code. */
 QUELTA_LAYER_API int quelta_mag_restore(quelta_mag_state* state, const uint8_t* record,
                                         size_t size);

@@ -1,5 +1,6 @@
 // The compass's C interface over caller-owned storage.
 #include <cmath>
+#include <cstring>
 #include <new>
 
 #include "quelta/api/compass_c_units.h"
@@ -26,6 +27,25 @@ Compass* self(quelta_compass* state) {
   return std::launder(reinterpret_cast<Compass*>(place(state)));
 }
 const Compass* self(const quelta_compass* state) { return self(const_cast<quelta_compass*>(state)); }
+
+// The door's state sits after the compass object. A sample set the compass
+// refuses after the door has converted it must leave no trace there either:
+// that part of the storage is kept aside until the compass has spoken.
+constexpr size_t kCompassEnd = kOffset + sizeof(Compass);
+constexpr size_t kDoorBytes = sizeof(quelta_compass) - kCompassEnd;
+static_assert(kDoorBytes <= 8192, "keeping the door's state aside should stay cheap");
+
+class DoorKept {
+ public:
+  explicit DoorKept(const quelta_compass* state) { std::memcpy(bytes_, tail(state), kDoorBytes); }
+  void restore(quelta_compass* state) const { std::memcpy(tail(state), bytes_, kDoorBytes); }
+
+ private:
+  static unsigned char* tail(const quelta_compass* state) {
+    return const_cast<unsigned char*>(reinterpret_cast<const unsigned char*>(state->opaque)) + kCompassEnd;
+  }
+  unsigned char bytes_[kDoorBytes];
+};
 
 void copy3(const quelta::compass::Vec3& v, double* out) {
   out[0] = v.x;
@@ -54,7 +74,8 @@ QUELTA_LAYER_API int32_t quelta_compass_reset(quelta_compass* state) {
 
 QUELTA_LAYER_API int32_t quelta_compass_set_declination(quelta_compass* state, double declination_deg) {
   Compass* c = self(state);
-  if (c == nullptr || !std::isfinite(declination_deg)) return -1;
+  if (c == nullptr) return -1;
+  if (!std::isfinite(declination_deg) || std::fabs(declination_deg) > 180.0) return QUELTA_COMPASS_ERROR_SETTING;
   c->setDeclination(declination_deg);
   return 0;
 }
@@ -63,7 +84,12 @@ QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state
                                                            double dip_deg) {
   Compass* c = self(state);
   if (c == nullptr) return -1;
-  c->setExpectedField(quelta::api::expectedFieldOf(strength_gauss / quelta::api::fieldPerGauss(state), dip_deg));
+  // Zero or negative strength forgets the expected field; anything else must
+  // be a field the earth could have.
+  const double gauss = strength_gauss / quelta::api::fieldPerGauss(state);
+  const bool forget = std::isfinite(gauss) && gauss <= 0.0;
+  if (!forget && !quelta::api::plausibleExpectedField(gauss, dip_deg)) return QUELTA_COMPASS_ERROR_SETTING;
+  c->setExpectedField(quelta::api::expectedFieldOf(gauss, dip_deg));
   return 0;
 }
 
@@ -71,11 +97,13 @@ QUELTA_LAYER_API int32_t quelta_compass_update(quelta_compass* state, double t, 
                                                const double* raw_field, const double* gyro) {
   Compass* c = self(state);
   if (c == nullptr || acc == nullptr) return -1;
+  DoorKept kept(state);
   quelta::api::DoorSample s;
   const int32_t units = quelta::api::enterDoor(state, t, acc, raw_field, gyro, s);
   if (units != 0) return units;
-  c->update(s.t, s.acc, raw_field != nullptr ? &s.field : nullptr, gyro != nullptr ? &s.gyro : nullptr);
-  return 0;
+  const int32_t code = c->update(s.t, s.acc, raw_field != nullptr ? &s.field : nullptr, gyro != nullptr ? &s.gyro : nullptr);
+  if (code != 0) kept.restore(state);
+  return code;
 }
 
 QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state, double t, const double* acc,
@@ -86,16 +114,24 @@ QUELTA_LAYER_API int32_t quelta_compass_update_calibrated(quelta_compass* state,
   if (c == nullptr || acc == nullptr) return -1;
   quelta::compass::FieldQuality q;
   if (quality != nullptr) {
+    if (!std::isfinite(quality->disturbance_score) || !std::isfinite(quality->calibration_heading_error_deg) ||
+        quality->disturbance_score < 0.0 || quality->calibration_heading_error_deg < 0.0 ||
+        quality->calibration_heading_error_deg > 180.0 || quality->calibration_accuracy < 0 ||
+        quality->calibration_accuracy > 3)
+      return QUELTA_COMPASS_ERROR_QUALITY;
     q.disturbed = quality->disturbed != 0;
     q.disturbanceScore = quality->disturbance_score;
     q.calibrationAccuracy = quality->calibration_accuracy;
     q.calibrationHeadingErrorDeg = quality->calibration_heading_error_deg;
   }
+  DoorKept kept(state);
   quelta::api::DoorSample s;
   const int32_t units = quelta::api::enterDoor(state, t, acc, field, gyro, s);
   if (units != 0) return units;
-  c->filter().update(s.t, s.acc, field != nullptr ? &s.field : nullptr, q, gyro != nullptr ? &s.gyro : nullptr);
-  return 0;
+  const int32_t code =
+      c->updateCalibrated(s.t, s.acc, field != nullptr ? &s.field : nullptr, q, gyro != nullptr ? &s.gyro : nullptr);
+  if (code != 0) kept.restore(state);
+  return code;
 }
 
 QUELTA_LAYER_API int32_t quelta_compass_get_output(const quelta_compass* state, quelta_compass_output* out) {

@@ -1,4 +1,5 @@
 // The magnetic layer's C interface over caller-owned state.
+#include <cmath>
 #include <new>
 
 #include "quelta/api/magnetic_c_convert.h"
@@ -31,6 +32,8 @@ QUELTA_LAYER_API void quelta_mag_reset(quelta_mag_state* state) {
 QUELTA_LAYER_API void quelta_mag_set_expected_field(quelta_mag_state* state, double strength_gauss,
                                                     double dip_deg) {
   if (state == nullptr) return;
+  const bool forget = std::isfinite(strength_gauss) && strength_gauss <= 0.0;
+  if (!forget && !quelta::api::plausibleExpectedField(strength_gauss, dip_deg)) return;
   self(state)->setExpectedField(quelta::api::expectedFieldOf(strength_gauss, dip_deg));
 }
 

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "quelta/magnetic/physical_limits.h"
+
 namespace quelta::api {
 
 magnetic::ExpectedField expectedFieldOf(double strengthGauss, double dipDeg) {
@@ -13,6 +15,11 @@ magnetic::ExpectedField expectedFieldOf(double strengthGauss, double dipDeg) {
     f.known = true;
   }
   return f;
+}
+
+bool plausibleExpectedField(double strengthGauss, double dipDeg) {
+  return std::isfinite(strengthGauss) && std::isfinite(dipDeg) && strengthGauss >= magnetic::kEarthFieldMinGauss &&
+         strengthGauss <= magnetic::kEarthFieldMaxGauss && std::fabs(dipDeg) <= 90.0;
 }
 
 void copySample(const magnetic::SampleOutput& in, quelta_mag_sample* out) {

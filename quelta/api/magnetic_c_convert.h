@@ -11,6 +11,9 @@ namespace quelta::api {
 // unknown unless both are finite and plausible (0 < strength < 10 gauss,
 // |dip| <= 90 degrees).
 magnetic::ExpectedField expectedFieldOf(double strengthGauss, double dipDeg);
+// A field the earth could have: strength within kEarthFieldMinGauss ..
+// kEarthFieldMaxGauss, |dip| <= 90 degrees, both finite.
+bool plausibleExpectedField(double strengthGauss, double dipDeg);
 
 void copySample(const magnetic::SampleOutput& in, quelta_mag_sample* out);
 void copyCalibration(const magnetic::Calibration& in, quelta_mag_calibration* out);

@@ -35,6 +35,9 @@ bool Calibrator::initialSphere(const Slot* s, int n, Calibration& out) const {
   // A light pull towards the samples' mean keeps undetermined directions there.
   const double ridge = 1e-4 * n;
   for (int i = 0; i < 3; ++i) a[i][i] += ridge;
+  // Without an accelerometer nothing determines the vertical component:
+  // hold it at zero rather than leave the system singular.
+  if (!(a[4][4] > 0.0)) a[4][4] = 1.0;
   if (!choleskySolve<5>(a, b)) return false;
   const Vec3d c{b[0], b[1], b[2]};
   double r2 = b[3] + dot(c, c);

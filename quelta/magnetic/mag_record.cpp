@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "quelta/magnetic/mag_calibrator.h"
+#include "quelta/magnetic/physical_limits.h"
 
 namespace quelta::magnetic {
 namespace {
@@ -50,6 +51,37 @@ double getF64(const uint8_t* p) {
   double d;
   std::memcpy(&d, &v, 8);
   return d;
+}
+
+// The eigenvalues of a symmetric 3x3 matrix, smallest and largest (the
+// trigonometric solution of the characteristic cubic).
+void eigenvalueRange(const M3& a, double& smallest, double& largest) {
+  const double offDiagonal = a.m[0][1] * a.m[0][1] + a.m[0][2] * a.m[0][2] + a.m[1][2] * a.m[1][2];
+  const double q = (a.m[0][0] + a.m[1][1] + a.m[2][2]) / 3.0;
+  const double d0 = a.m[0][0] - q, d1 = a.m[1][1] - q, d2 = a.m[2][2] - q;
+  const double p = std::sqrt((d0 * d0 + d1 * d1 + d2 * d2 + 2.0 * offDiagonal) / 6.0);
+  if (!(p > 0.0)) {
+    smallest = largest = q;
+    return;
+  }
+  M3 b = a;
+  for (int i = 0; i < 3; ++i) {
+    for (int j = 0; j < 3; ++j) b.m[i][j] = (a.m[i][j] - (i == j ? q : 0.0)) / p;
+  }
+  const double r = std::fmax(-1.0, std::fmin(1.0, det(b) / 2.0));
+  const double phi = std::acos(r) / 3.0;
+  largest = q + 2.0 * p * std::cos(phi);
+  smallest = q + 2.0 * p * std::cos(phi + 2.0943951023931957);  // + 2 pi / 3
+}
+
+// A calibration that could have come from a magnetometer on earth: soft
+// iron symmetric (by the record's layout) and positive definite within a
+// factor of two, the offset within a sensor's range, the strength the earth's.
+bool physical(const Calibration& c) {
+  double smallest = 0.0, largest = 0.0;
+  eigenvalueRange(c.softIron, smallest, largest);
+  return smallest >= kSoftIronMinEigenvalue && largest <= kSoftIronMaxEigenvalue &&
+         norm(c.offset) < kMaxOffsetGauss && c.strength >= kEarthFieldMinGauss && c.strength <= kEarthFieldMaxGauss;
 }
 
 }  // namespace
@@ -117,7 +149,7 @@ RecordStatus Calibrator::restore(const uint8_t* rec, std::size_t size) {
               std::fabs(c.vertical) <= c.strength * 1.0001 && std::fabs(d - 1.0) < 1e-3 &&
               v[11] >= 0.0 && v[12] >= 0.0 && v[12] <= 180.0 && v[13] >= 0.0 && v[13] <= 1.0;
   for (int i = 0; i < 3; ++i) sane = sane && c.softIron.m[i][i] > 0.5 && c.softIron.m[i][i] < 2.0;
-  if (!sane) return RecordStatus::BadValues;
+  if (!sane || !physical(c)) return RecordStatus::BadValues;
 
   reset();
   cal_ = c;

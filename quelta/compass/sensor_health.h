@@ -1,0 +1,137 @@
+// Sensor health: a gyroscope or magnetometer that has stopped telling the
+// truth, judged from the data alone, is left out while the fault lasts and
+// taken back when it recovers.
+//
+// - A stuck or dead gyroscope repeats one reading exactly (zeros included)
+//   while the attitude of gravity and the field turns otherwise than that
+//   reading explains.
+//   Noise makes two real readings differ; the other sensors say whether a
+//   repeated one is still right (a still device reads the same either way).
+// - A pinned field axis holds one magnitude exactly (stuck, or clipped at the
+//   sensor's full scale) while the device turns: another axis moves, or the
+//   gyroscope or gravity turns. The field comes back once no axis has been
+//   pinned for a while, so a clipping sensor that dips in and out of its
+//   range stays out.
+// - A gyroscope whose bias no filter could learn: over blocks of a few
+//   seconds of slow motion gravity's direction turns otherwise than the
+//   gyroscope says, by more than the largest plausible bias and the
+//   accelerations explain. It is left out (the compass
+//   tracks without it) until the blocks agree again; it is then taken back
+//   and the filter, whose bias estimate is stale, starts over.
+//
+// No heap; the whole state lives in the object.
+#pragma once
+
+#include <cstdint>
+
+#include "quelta/compass/compass_math.h"
+
+namespace quelta::compass {
+
+// Output flags (next to the filter's CompassFlags).
+constexpr uint32_t kFlagGyroscopeLeftOut = 1u << 6;  // the host's gyroscope is not used
+constexpr uint32_t kFlagFieldLeftOut = 1u << 7;      // the host's field is not used
+
+struct HealthSettings {
+  double repeatTimeS = 0.15;         // s a gyroscope reading must repeat before it can be condemned
+  double turnEvidenceDeg = 3.0;      // deg the field and gravity's attitude must differ from what the reading
+                                     // explains: beyond their noise while walking (gravity low-passed)
+  double pinnedTimeS = 0.3;          // s a field axis must hold one magnitude ...
+  double pinnedSpreadGauss = 0.05;   // gauss ... while another axis moves this far (or the device turns)
+  double fieldRecoveryS = 2.0;       // s without a pinned axis before the field is taken back
+  double gravityTauS = 0.25;         // s, low-pass of the accelerometer for gravity's direction
+  double blockS = 3.0;               // s, block over which the gyroscope and the other sensors' attitude are compared
+  double maxBias = 0.2;              // rad/s, the largest bias the filter learns
+  double attitudeNoiseDeg = 25.0;    // deg, how far the low-passed gravity strays from up under sustained
+                                     // accelerations (0.4 g sideways: 22 degrees)
+  double quietRate = 2.0;            // rad/s, blocks with a faster turn (bias included) are not judged
+                                     // (the low-passed attitude lags) ...
+  double quietAccG = 0.1;            // g ... nor those whose low-passed accelerometer is this far from 1 g
+  int badBlocksToDrop = 2;           // blocks in a row that disagree before the gyroscope is left out
+  int goodBlocksToTakeBack = 3;      // blocks in a row that agree before it is taken back
+};
+
+class SensorHealth {
+ public:
+  explicit SensorHealth(const HealthSettings& settings = HealthSettings()) : settings_(settings) {}
+
+  void reset() { *this = SensorHealth(settings_); }
+
+  // One accepted sample set: dt in s on the compass's time base, acc in g,
+  // the raw and the calibrated field in gauss (both null when the set has
+  // none) and the gyroscope in rad/s (null without one).
+  void observe(double dt, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField, const Vec3* gyro);
+  // Whether a sample set (acc in g, calibrated field in gauss or null) shows
+  // the device where the last one left it: gravity's and the field's
+  // directions within toleranceDeg of the last ones.
+  bool unmoved(const Vec3& acc, const Vec3* calibratedField, double toleranceDeg) const;
+  // The calibration changed: the calibrated field jumps without a turn, so
+  // it is no evidence across the change.
+  void calibrationChanged() {
+    haveCalibratedField_ = false;
+    repeatFieldKnown_ = false;
+  }
+  // True once, when the gyroscope has just been taken back after a bias no
+  // filter could learn: the filter's bias estimate is stale.
+  bool takeGyroscopeBack() {
+    const bool back = takenBack_;
+    takenBack_ = false;
+    return back;
+  }
+
+  bool gyroUsable() const { return !gyroStuck_ && !biasUnlearnable_; }
+  bool fieldUsable() const { return fieldHealthyTime_ >= settings_.fieldRecoveryS; }
+  bool gyroStuck() const { return gyroStuck_; }
+  bool biasUnlearnable() const { return biasUnlearnable_; }
+  bool fieldPinned() const { return pinnedAxes_ != 0; }
+  // Degrees the heading may be off because the gyroscope disagrees with
+  // the other sensors and has not been left out yet (0 when they agree).
+  double headingDoubtDeg() const { return biasUnlearnable_ || gyroStuck_ ? 0.0 : std::fmax(doubtDeg_, repeatDoubtDeg_); }
+
+ private:
+  void watchGyroscope(double dt, const Vec3& gyro);
+  void watchField(double dt, const Vec3& raw);
+  void compareBlocks(double dt, const Vec3& gyro);
+  double turnSeenDeg() const;
+
+  HealthSettings settings_;
+  Vec3 gravity_;           // g, low-passed accelerometer
+  bool haveGravity_ = false;
+  Vec3 lastField_;         // gauss, raw
+  bool haveField_ = false;
+  Vec3 field_;             // gauss, calibrated, low-passed as gravity is
+  bool haveCalibratedField_ = false;
+  Vec3 lastAcc_;           // g, the last sample set's
+  Vec3 lastCalibrated_;    // gauss, the last calibrated field
+  // Gyroscope repeats.
+  bool haveGyro_ = false;
+  Vec3 lastGyro_;
+  double repeatTime_ = 0.0;   // s the current reading has repeated
+  Vec3 repeatGravity_;        // gravity and ...
+  Vec3 repeatField_;          // ... the calibrated field when the repeat began
+  bool repeatFieldKnown_ = false;
+  double repeatDoubtDeg_ = 0.0;
+  double repeatLagRad_ = 0.0;    // rad the low-passed directions lagged when the repeat began  // deg the other sensors' turn differs from the repeated reading's
+  bool gyroStuck_ = false;
+  // Field axes.
+  double pinTime_[3] = {0.0, 0.0, 0.0};   // s each axis has held its magnitude
+  Vec3 pinField_[3];                      // raw field when each pin began
+  Vec3 pinGravity_[3];                    // gravity then
+  Vec3 pinTurn_[3];                       // rad, gyroscope rotation since then
+  int pinnedAxes_ = 0;                    // bit per pinned axis
+  double fieldHealthyTime_ = 1e300;       // s since the last pinned axis (healthy from the start)
+  // Blocks: gravity's direction in device coordinates as the gyroscope
+  // carries it from the block's start, against where it is.
+  bool blockQuiet_ = true;
+  bool blockStarted_ = false;
+  double blockTime_ = 0.0;    // s
+  Vec3 gyroLp_;               // rad/s, low-passed as gravity is
+  Vec3 upCarried_;
+  int badBlocks_ = 0, goodBlocks_ = 0;
+  double badBlocksDeg_ = 0.0;  // deg of disagreement in the bad blocks so far
+  double doubtDeg_ = 0.0;
+  bool biasUnlearnable_ = false;
+  bool takenBack_ = false;
+};
+
+}  // namespace quelta::compass
