@@ -52,20 +52,29 @@ double decimalYear(int year, int month, int day) {
   return out;
 }
 
-// The whole recording as arrays: t (N), acc and mag (N x 3, g and gauss),
+// The whole recording as arrays: t (N, s), acc and mag (N x 3, g and gauss),
 // gyro (N x 3, rad/s) and attitude (N x 4, w x y z) or None without those
-// columns, NaN rows where a row has no value.
-py::dict readRecording(const std::string& path, int accUnit, int magUnit) {
+// columns, NaN rows where a row has no value (a field or gyroscope row
+// without a reading: sensors at different rates).
+py::dict readRecording(const std::string& path, int accUnit, int magUnit, int timeUnit, const std::string& columns) {
   replay::Units units;
   units.acc = accUnit == 1 ? replay::AccUnit::MetresPerSecond2 : replay::AccUnit::G;
   units.mag = magUnit == 1 ? replay::MagUnit::Microtesla : replay::MagUnit::Gauss;
+  static const replay::TimeUnit kTimes[] = {replay::TimeUnit::Seconds, replay::TimeUnit::Milliseconds,
+                                            replay::TimeUnit::Microseconds, replay::TimeUnit::Nanoseconds};
+  if (timeUnit < 0 || timeUnit > 3) throw py::value_error("unknown time unit");
+  units.time = kTimes[timeUnit];
+  replay::ColumnNames names;
+  std::string columnProblem;
+  if (!columns.empty() && !replay::parseColumnNames(columns, names, columnProblem))
+    throw py::value_error("columns: " + columnProblem);
   std::vector<replay::RecordedSample> samples;
   replay::RecordingReader reader;
   bool gyroColumns = false, attitudeColumns = false;
   std::string problem;
   {
     py::gil_scoped_release release;
-    if (reader.open(path, units)) {
+    if (reader.open(path, units, names)) {
       gyroColumns = reader.hasGyroColumns();
       attitudeColumns = reader.hasAttitudeColumns();
       replay::RecordedSample s;
@@ -88,7 +97,7 @@ py::dict readRecording(const std::string& path, int accUnit, int magUnit) {
     tp[i] = s.t;
     for (int k = 0; k < 3; ++k) {
       ap[3 * i + k] = s.acc[k];
-      mp[3 * i + k] = s.mag[k];
+      mp[3 * i + k] = s.hasMag ? s.mag[k] : NAN;
       gp[3 * i + k] = s.hasGyro ? s.gyro[k] : NAN;
     }
     for (int k = 0; k < 4; ++k) qp[4 * i + k] = s.hasAttitude ? s.attitude[k] : NAN;
@@ -114,7 +123,8 @@ void bindData(py::module_& m) {
     return py::make_tuple(std::string(quelta_geomag_model_name()), quelta_geomag_valid_from(),
                           quelta_geomag_valid_until());
   });
-  m.def("read_recording", &readRecording, py::arg("path"), py::arg("acc_unit"), py::arg("mag_unit"));
+  m.def("read_recording", &readRecording, py::arg("path"), py::arg("acc_unit"), py::arg("mag_unit"),
+        py::arg("time_unit"), py::arg("columns"));
 }
 
 }  // namespace quelta::python

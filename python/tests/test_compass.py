@@ -38,7 +38,8 @@ def test_run_equals_update_sample_by_sample_to_the_bit(recording):
     for key in batch:
         assert _same_bits(batch[key], np.array([r[key] for r in rows], dtype=batch[key].dtype)), key
     assert (batch["status"] == 0).all()
-    assert (batch["accuracy"] == 3).any()
+    # Not a trivial run: the compass calibrated and found a heading.
+    assert not batch["flags"][-1] & quelta.FLAG_NO_HEADING and batch["accuracy"].max() >= 2
     # The calibration columns are the calibration in use on each row.
     assert _same_bits(batch["offset"][-1], single.calibration()["offset"])
 
@@ -54,10 +55,10 @@ def _heading_error_deg(recording_name, out, truth, t):
     return float(np.sqrt(np.mean(err[use] ** 2)))
 
 
-# docs/compass_accuracy.md, whole compass with a gyroscope on the raw field:
-# broad_01_slow_rotation 5.7 deg RMS from 10 s on. One degree of margin for
-# retuning, which must then update the table.
-HEADING_FIGURE_DEG = 5.7 + 1.0
+# docs/compass_accuracy.md, 50 Hz, whole compass with a gyroscope on the raw
+# field ("compass+cal, gyro"): broad_01_slow_rotation 6.0 deg RMS from 10 s
+# on. One degree of margin for retuning, which must then update the table.
+HEADING_FIGURE_DEG = 6.0 + 1.0
 
 
 def test_heading_on_a_shared_recording_is_within_the_documented_figure(recording):

@@ -29,6 +29,20 @@ def test_recording_reader_reports_where_a_file_is_wrong(tmp_path):
     good.write_text("t,ax,ay,az,mx,my,mz\n0,0,0,1,0.2,0,-0.4\n0.02,0,0,1,0.2,0,-0.4\n")
     r = quelta.read_recording(good)
     assert r["t"].shape == (2,) and r["acc"].shape == (2, 3) and r["gyro"] is None
+    # An Android logger's file: its own names, nanoseconds, m/s^2 and uT,
+    # the field at half the rate (empty cells).
+    android = tmp_path / "android.csv"
+    android.write_text(
+        "timestamp_ns,acc_x,acc_y,acc_z,mag_x,mag_y,mag_z\n"
+        "3600000000000,0,0,9.80665,20,0,-40\n"
+        "3600020000000,0,0,9.80665,,,\n"
+        "3600040000000,0,0,9.80665,20,0,-40\n"
+    )
+    names = {"t": "timestamp_ns", "ax": "acc_x", "ay": "acc_y", "az": "acc_z", "mx": "mag_x", "my": "mag_y", "mz": "mag_z"}
+    a = quelta.read_recording(android, acc_unit="m/s2", mag_unit="uT", time_unit="ns", columns=names)
+    assert np.allclose(a["t"] - a["t"][0], [0.0, 0.02, 0.04])
+    assert np.allclose(a["acc"][:, 2], 1.0) and np.allclose(a["mag"][0], [0.2, 0.0, -0.4])
+    assert np.isnan(a["mag"][1]).all() and not np.isnan(a["mag"][2]).any()
     bad = tmp_path / "bad.csv"
     bad.write_text("t,ax,ay,az,mx,my,mz\n0,0,0,1,0.2,zero,-0.4\n")
     with pytest.raises(ValueError, match=r"bad\.csv:2"):

@@ -18,7 +18,9 @@ constexpr double kUnmovedDeg = 20.0;
 
 // The one gyroscope bias estimate the filter and the calibration share
 // (the filter's, after the previous sample).
-Vec3 Compass::sharedGyroBias() const { return filter_.output().gyroBias; }
+Vec3 Compass::sharedGyroBias() const { return filter_.gyroBias(); }
+// How far that estimate may be off, rad/s (1-sigma).
+double Compass::sharedGyroBiasSigma() const { return filter_.gyroBiasSigma(); }
 
 void Compass::reset() {
   calibrator_.reset();
@@ -73,7 +75,17 @@ void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* 
   FieldQuality quality;
   const magnetic::Quality& q = calibrator_.quality();
   fieldUsed_ = false;
+  // A gyroscope under suspicion (it disagrees with gravity, or its bias is
+  // beyond what the filter can hold) tells the calibration nothing: its
+  // turns would teach a wrong offset.
+  const Vec3* turns = health_.headingDoubtDeg() > 0.0 || !filter_.gyroUsable() ? nullptr : gyro;
   if (rawField == nullptr) {
+    // The turn still belongs to the calibration's evidence.
+    if (turns != nullptr) {
+      const Vec3 w = *turns - sharedGyroBias();
+      const double rate[3] = {w.x, w.y, w.z};
+      calibrator_.rotate(t, rate);
+    }
     quality.calibrationAccuracy = q.accuracy;
     quality.calibrationHeadingErrorDeg = q.accuracy > 0 ? q.headingErrorDeg : 0.0;
     filter_.update(t, acc, nullptr, quality, gyro);
@@ -81,13 +93,10 @@ void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* 
   }
   const double raw[3] = {rawField->x, rawField->y, rawField->z};
   const double a[3] = {acc.x, acc.y, acc.z};
-  // A gyroscope under suspicion (it disagrees with gravity, or its bias is
-  // beyond what the filter can hold) tells the calibration nothing: its
-  // turns would teach a wrong offset.
-  const Vec3* turns = health_.headingDoubtDeg() > 0.0 || !filter_.gyroUsable() ? nullptr : gyro;
   double rate[3];
   if (turns != nullptr) {
     const Vec3 w = *turns - sharedGyroBias();
+    calibrator_.setGyroBiasSigma(sharedGyroBiasSigma());
     rate[0] = w.x;
     rate[1] = w.y;
     rate[2] = w.z;
@@ -100,9 +109,11 @@ void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* 
   quality.newCalibration = field_.newCalibration;
   quality.calibrationHeadingErrorDeg = calibrator_.quality().headingErrorDeg;
   // The raw field is used from the first sample when it is plausible (the
-  // calibrator's accuracy says so); a field that carries the device's own
+  // calibrator's accuracy says so), a fitted calibration always, weighed by
+  // the heading error it reports; a raw field that carries the device's own
   // hard iron says nothing about north.
-  const bool usable = field_.valid && field_.accuracy >= 1;
+  const bool usable =
+      field_.valid && (field_.accuracy >= 1 || calibrator_.calibration().model != magnetic::Model::None);
   fieldUsed_ = usable;
   const Vec3 calibrated{field_.calibrated.x, field_.calibrated.y, field_.calibrated.z};
   filter_.update(t, acc, usable ? &calibrated : nullptr, quality, gyro);

@@ -43,6 +43,7 @@ class Compass {
 
  private:
   Vec3 sharedGyroBias() const;
+  double sharedGyroBiasSigma() const;
   void feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro);
   TimeStep admit(double t, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField, const Vec3* gyro);
   void publish(double hostTime, const TimeStep& step, const Vec3* gyro);

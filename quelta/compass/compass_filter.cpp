@@ -67,7 +67,7 @@ void anglesOf(const Quat& q, double& azimuthDeg, double& pitchDeg, double& rollD
   if (h > 1e-12) {
     const Vec3 u{z.y / h, -z.x / h, 0.0};
     const double c = clampTo(z.z, -1.0, 1.0);
-    const double s = std::sqrt(std::fmax(0.0, 1.0 - c * c));
+    const double s = std::sqrt(maxOf(0.0, 1.0 - c * c));
     const double ud = u.x * y.x + u.y * y.y;
     const Vec3 uxy{u.y * y.z, -u.x * y.z, u.x * y.y - u.y * y.x};
     top = c * y + s * uxy + (ud * (1.0 - c)) * u;
@@ -185,7 +185,7 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
     // the tangent of the dip. One from a bias not yet learnt lasts as long as
     // the bias loop takes to settle (its slow root, biasTiltTau^2 / tilt.tau,
     // about 11 s): the field's heading is that much less informative.
-    const double dipSlope = std::fabs(w.z) / std::fmax(horizontal, 0.1 * strength);
+    const double dipSlope = std::fabs(w.z) / maxOf(horizontal, 0.1 * strength);
     const double tiltHeading = tiltSigma * dipSlope;
     const double tiltNoise =
         tiltHeading * tiltHeading * settings_.biasTiltTau * settings_.biasTiltTau / settings_.tilt.tau;
@@ -212,10 +212,10 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
   }
   const double m = psi / (settings_.trackHeadingAngleDeg * kDeg);
   double tau = settings_.trackHeadingTau / (1.0 + m * m);
-  if (elapsed < settings_.warmUp) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
+  if (elapsed < settings_.warmUp) tau = minOf(tau, 0.1 + 0.5 * elapsed);
   // Without a gyroscope only the field tells a turn: a disturbed field is
   // still followed (the flag and the heading accuracy say it is suspect).
-  const double trackWeight = disturbed ? std::fmax(weight, settings_.trackDisturbedWeight) : weight;
+  const double trackWeight = disturbed ? maxOf(weight, settings_.trackDisturbedWeight) : weight;
   if (trackWeight > 0.5) {
     const double kInn = dt / (dt + 3.0);
     innovationSq_ += kInn * (psi * psi - innovationSq_);
@@ -238,14 +238,14 @@ void CompassFilter::learnBiasFromTilt(const TiltCorrection::Pull& pull, double d
   const double slowness2 = dot(lastRate_, lastRate_) / (settings_.slowRate * settings_.slowRate);
   const double slowOnly = 1.0 / (1.0 + slowness2);
   biasLearnt_ += slowOnly * dt;
-  const double firm = std::fmin(1.0, biasLearnt_ / settings_.biasSettleTime);
+  const double firm = minOf(1.0, biasLearnt_ / settings_.biasSettleTime);
   const double tau = settings_.biasTiltTauStart + (settings_.biasTiltTau - settings_.biasTiltTauStart) * firm;
   const double k = pull.weight * dt / (dt + settings_.tilt.tau);
   const Vec3 rate = (slowOnly / (k * tau * tau)) * pull.applied;
   // What is known of the bias about the horizontal axes firms up as it is
   // learnt, from the start's uncertainty down to what the pulls resolve.
   const double start = bias_.settings().startSigma * (1.0 - firm);
-  const double var = std::fmin(bias_.horizontalVar(), start * start + settings_.biasTiltSigma * settings_.biasTiltSigma);
+  const double var = minOf(bias_.horizontalVar(), start * start + settings_.biasTiltSigma * settings_.biasTiltSigma);
   biasStep_ = biasStep_ - dt * rate;
   biasHorizontalVar_ = var;
 }
@@ -332,7 +332,7 @@ void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& qualit
     const double floor = settings_.headingNoiseFloorDeg * kDeg;
     double var = cal * cal + floor * floor;
     if (withGyro) {
-      var += heading_.headingVar() + settings_.innovationWeight * innovationSq_;
+      var += heading_.reportedVar() + settings_.innovationWeight * innovationSq_;
     } else {
       // Without a gyroscope: the lag behind turns, the field's disagreement,
       // and next to nothing known while the field is disturbed. (The lag
@@ -342,7 +342,7 @@ void CompassFilter::finish(double t, const Vec3& acc, const FieldQuality& qualit
       const double held = (field_.disturbed() || quality.disturbed) ? settings_.trackDisturbedErrorDeg * kDeg : 0.0;
       var += driftVar_ + settings_.trackInnovationWeight * innovationSq_ + lag * lag + held * held;
     }
-    o.headingAccuracyDeg = std::fmin(180.0, std::sqrt(var) / kDeg);
+    o.headingAccuracyDeg = minOf(180.0, std::sqrt(var) / kDeg);
   }
   int level = o.headingAccuracyDeg <= 10.0 ? 3 : (o.headingAccuracyDeg <= 20.0 ? 2 : (o.headingAccuracyDeg <= 45.0 ? 1 : 0));
   if (quality.calibrationAccuracy < level) level = quality.calibrationAccuracy < 0 ? 0 : quality.calibrationAccuracy;

@@ -71,6 +71,11 @@ inline double wrapPi(double a) {
 
 inline double clampTo(double v, double lo, double hi) { return v < lo ? lo : (v > hi ? hi : v); }
 
+// The larger and the smaller of two finite values (inline, unlike the
+// library's fmax and fmin, which are calls).
+inline double maxOf(double a, double b) { return b > a ? b : a; }
+inline double minOf(double a, double b) { return b < a ? b : a; }
+
 inline bool finite(const Vec3& v) { return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z); }
 
 // Smallest rotation taking the unit vector a onto the unit vector b, as a

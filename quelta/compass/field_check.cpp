@@ -13,7 +13,7 @@ bool FieldCheck::check(double strength, double dip, bool hostDisturbed, bool new
   // Without a gyroscope the tilt, and with it the dip, is noisier.
   const double dipTolerance = settings_.dipToleranceDeg * kDeg * (withGyro ? 1.0 : settings_.trackDipScale) + tiltSigma;
   const double dipScore = std::fabs(dip - dipRef_) / dipTolerance;
-  double score = std::fmax(strengthScore, dipScore);
+  double score = maxOf(strengthScore, dipScore);
   if (withGyro) {
     // The field's heading against the gyroscope's: a clean field turns with
     // the device, so their difference stays put.
@@ -24,7 +24,7 @@ bool FieldCheck::check(double strength, double dip, bool hostDisturbed, bool new
     lastPsi_ = psi;
     havePsi_ = true;
     const double tolerance = settings_.turnRateTolDeg * kDeg + settings_.turnScaleError * std::fabs(rate) + biasSigma;
-    score = std::fmax(score, std::fabs(turnRate_) / tolerance);
+    score = maxOf(score, std::fabs(turnRate_) / tolerance);
   }
   const bool learning = age_ < settings_.learnTime;
   const bool own = !learning && (disturbed_ ? score > 0.7 : score > 1.0);
@@ -34,7 +34,7 @@ bool FieldCheck::check(double strength, double dip, bool hostDisturbed, bool new
   // disturbed, and they follow a change that lasts.
   double tau = settings_.referenceTau;
   if (disturbed && disturbedTime_ < settings_.relearnTime) tau *= 4.0;
-  if (learning) tau = std::fmin(tau, 0.5 + age_);
+  if (learning) tau = minOf(tau, 0.5 + age_);
   const double k = dt / (dt + tau);
   strengthRef_ += k * (strength - strengthRef_);
   dipRef_ += k * (dip - dipRef_);

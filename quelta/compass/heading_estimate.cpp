@@ -11,9 +11,9 @@ constexpr double kUnknownHeadingVar = kPi * kPi;  // rad^2: nothing known of the
 HeadingEstimate::HeadingEstimate(const HeadingSettings& settings) : settings_(settings) { reset(0.0); }
 
 void HeadingEstimate::reset(double biasVar) {
-  hh_ = kUnknownHeadingVar;
+  hh_ = hhSeen_ = kUnknownHeadingVar;
   hb_ = 0.0;
-  bb_ = biasVar;
+  bb_ = startBiasVar_ = biasVar;
   psiLp_ = 0.0;
   psiPrimed_ = false;
   jitterSq_ = 0.0;
@@ -22,7 +22,7 @@ void HeadingEstimate::reset(double biasVar) {
 }
 
 void HeadingEstimate::start(double dt) {
-  hh_ = settings_.fieldNoise * settings_.fieldNoise / (dt > 0.0 ? dt : 0.02);
+  hh_ = hhSeen_ = settings_.fieldNoise * settings_.fieldNoise / (dt > 0.0 ? dt : 0.02);
   hb_ = 0.0;
   carried_ = 0.0;
 }
@@ -30,7 +30,9 @@ void HeadingEstimate::start(double dt) {
 void HeadingEstimate::predict(double dt, double angle, double biasGrowth) {
   // The heading error e grows as e' = -b (b: the bias error about up).
   const double scale = settings_.scaleError * angle;
-  hh_ += dt * (dt * bb_ - 2.0 * hb_) + dt * settings_.gyroNoise * settings_.gyroNoise + scale * scale;
+  const double growth = dt * (dt * bb_ - 2.0 * hb_) + dt * settings_.gyroNoise * settings_.gyroNoise + scale * scale;
+  hh_ += growth;
+  hhSeen_ = minOf(hhSeen_ + growth, kUnknownHeadingVar);
   hb_ -= dt * bb_;
   bb_ += biasGrowth;
   if (hh_ > kUnknownHeadingVar) hh_ = kUnknownHeadingVar;
@@ -65,7 +67,7 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
   // What the low-passed disagreement may be when both agree: the field's
   // noise over the low-pass, the heading's own uncertainty, a floor.
   const double density =
-      std::fmax(settings_.fieldNoise * settings_.fieldNoise, jitterSq_ * settings_.innovationTau) + tiltNoise;
+      maxOf(settings_.fieldNoise * settings_.fieldNoise, jitterSq_ * settings_.innovationTau) + tiltNoise;
   const double noise = density / settings_.innovationTau;
   const double floor = settings_.gateFloorDeg * kDeg;
   const double allowed = settings_.gate * std::sqrt(noise + hh_) + floor;
@@ -79,10 +81,11 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
     if (steadyTime_ < settings_.acceptTime) return c;
     // The heading knows no better than the disagreement, and the bias no
     // better than the drift that would explain it since the field was last
-    // followed.
-    hh_ += psiLp_ * psiLp_;
-    const double drift = psiLp_ / std::fmax(carried_, settings_.acceptTime);
-    bb_ += drift * drift;
+    // followed (but never less than at the start).
+    hh_ = minOf(hh_ + psiLp_ * psiLp_, kUnknownHeadingVar);
+    hhSeen_ = minOf(hhSeen_ + psiLp_ * psiLp_, kUnknownHeadingVar);
+    const double drift = psiLp_ / maxOf(carried_, settings_.acceptTime);
+    bb_ = minOf(bb_ + drift * drift, maxOf(bb_, startBiasVar_));
     steadyTime_ = 0.0;
   } else {
     steadyTime_ = 0.0;
@@ -95,6 +98,10 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
   c.heading = kh * psi;
   c.bias = kb * psi;
   c.followed = true;
+  // The variance the field's own noise leaves (what is reported): without
+  // the tilt's share, which only makes the field less informative.
+  const double rSeen = (density - tiltNoise) / (dt * weight);
+  hhSeen_ -= hhSeen_ * hhSeen_ / (hhSeen_ + rSeen);
   const double hh = hh_, hb = hb_;
   hh_ -= kh * hh;
   hb_ -= kh * hb;

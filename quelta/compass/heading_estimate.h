@@ -64,13 +64,18 @@ class HeadingEstimate {
   Correction correct(double psi, double dt, bool follow, bool clean, double weight, double tiltNoise,
                      double biasShare = 1.0);
 
-  double headingVar() const { return hh_; }  // rad^2
+  double headingVar() const { return hh_; }  // rad^2, the filter's own
+  // rad^2, what is reported: the same without the tilt's share of the
+  // field's noise (which makes the field count less, not the heading worse)
+  double reportedVar() const { return hhSeen_; }
   double biasVar() const { return bb_; }     // (rad/s)^2, about up
   double carried() const { return carried_; }  // s since the field was last followed
 
  private:
   HeadingSettings settings_;
   double hh_ = 0.0, hb_ = 0.0, bb_ = 0.0;  // covariance of the heading and bias errors
+  double hhSeen_ = 0.0;
+  double startBiasVar_ = 0.0;              // (rad/s)^2, what was known of the bias at the start
   double psiLp_ = 0.0;                     // rad, low-passed disagreement
   double jitterSq_ = 0.0;                  // rad^2, mean square of the readings about it
   bool psiPrimed_ = false;

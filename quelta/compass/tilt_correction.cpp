@@ -28,7 +28,7 @@ TiltCorrection::Pull TiltCorrection::correct(AttitudePair& attitude, const Vec3&
   double tau;
   double weight = 1.0;
   if (withGyro) {
-    const double meanTau = warm ? settings_.meanTau : std::fmin(settings_.meanTau, 0.05 + 0.5 * elapsed);
+    const double meanTau = warm ? settings_.meanTau : minOf(settings_.meanTau, 0.05 + 0.5 * elapsed);
     const double kMean = dt / (dt + meanTau);
     const Vec3 accNow = rotate(attitude.readings, acc);
     Vec3 step = accNow - accWorld_;
@@ -42,7 +42,7 @@ TiltCorrection::Pull TiltCorrection::correct(AttitudePair& attitude, const Vec3&
     }
     err = rotationBetween((1.0 / nm) * accWorld_, kUp);
     const double angle = norm(err);
-    tau = warm ? settings_.tau : std::fmin(settings_.tau, 0.2 + elapsed);
+    tau = warm ? settings_.tau : minOf(settings_.tau, 0.2 + elapsed);
     if (warm && angle > settings_.rejectAngleDeg * kDeg) {
       rejectTime_ += dt;
       if (rejectTime_ < settings_.rejectMaxTime) {
@@ -51,7 +51,7 @@ TiltCorrection::Pull TiltCorrection::correct(AttitudePair& attitude, const Vec3&
         tau = 0.5;  // sustained: the carried tilt is what is wrong
       }
     } else {
-      rejectTime_ = std::fmax(0.0, rejectTime_ - 0.5 * dt);
+      rejectTime_ = maxOf(0.0, rejectTime_ - 0.5 * dt);
     }
     // This reading's own up against the carried one (compared by cosine).
     const double upNowZ = accNow.z / na;
@@ -63,7 +63,7 @@ TiltCorrection::Pull TiltCorrection::correct(AttitudePair& attitude, const Vec3&
     err = rotationBetween(upWorld, kUp);  // earth frame, horizontal
     const double m = norm(err) / (settings_.trackAngleDeg * kDeg);
     tau = settings_.trackTau / (1.0 + m * m);
-    if (!warm) tau = std::fmin(tau, 0.1 + 0.5 * elapsed);
+    if (!warm) tau = minOf(tau, 0.1 + 0.5 * elapsed);
     accelerating_ = weight < 0.5;
   }
   const double k = weight * dt / (dt + tau);

@@ -41,6 +41,7 @@ void Calibrator::reset() {
   count_ = 0;
   lastFit_ = -1e9;
   fitInterval_ = kFitInterval;
+  lastOffer_ = -1e9;
   newSinceFit_ = 0;
   recentHead_ = 0;
   recentCount_ = 0;
@@ -77,18 +78,8 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
   SampleOutput out;
   calChanged_ = false;
 
-  // Clock: only forward, gaps clamped.
-  double dt = 0.0;
-  if (std::isfinite(t)) {
-    if (haveT_) {
-      dt = t - lastT_;
-      if (!(dt > 0.0)) dt = 0.0;
-      if (dt > kMaxGap) dt = kMaxGap;
-    }
-    lastT_ = t;
-    haveT_ = true;
-  }
-  clock_ += dt;
+  double interval = 0.0;
+  const double dt = advanceClock(t, interval);
 
   // Gravity.
   double accDev = 1.0;
@@ -116,23 +107,16 @@ SampleOutput Calibrator::update(double t, const double mag[3], const double acc[
 
   const Vec3d m{mag ? mag[0] : 0.0, mag ? mag[1] : 0.0, mag ? mag[2] : 0.0};
   const double mn = norm(m);
-  if (mag == nullptr || !isFinite(m) || !(mn > 1e-9) || !(mn < 100.0)) {
+  const bool valid = mag != nullptr && isFinite(m) && mn > 1e-9 && mn < 100.0;
+  // The rotation since the last sample: evidence about the offset (the turn
+  // counts even when this field sample is unusable).
+  if (gyro != nullptr) turn(interval, dt, valid ? &m : nullptr, gyro);
+  if (!valid) {
     out.accuracy = quality_.accuracy;
     return out;
   }
   out.valid = true;
   if (quality_.reason == Reason::NoSamples) quality_.reason = Reason::Collecting;
-
-  // The rotation since the last sample: evidence about the offset.
-  if (gyro != nullptr) {
-    const Vec3d w{gyro[0], gyro[1], gyro[2]};
-    if (isFinite(w)) {
-      rotation_.update(dt, m, w);
-      if (inconsistentSince_ >= 0.0) sinceChange_.update(dt, m, w);
-      turnSinceOffer_ += norm(w) * dt;
-      haveGyro_ = true;
-    }
-  }
 
   // Block averaging.
   if (blockCount_ == 0) {
@@ -216,7 +200,11 @@ void Calibrator::endBlock() {
 
   bool offer = true;
   if (cal_.model != Model::None) offer = checkChange(m, up);
-  if (offer && turnedSinceOffer(up)) {
+  // Once settled with a full store, new blocks only refresh it: a few a
+  // second are plenty.
+  const bool throttled = count_ == kSlots && quality_.accuracy >= 3 && clock_ - lastOffer_ < kSettledOfferSeconds;
+  if (offer && !throttled && turnedSinceOffer(up)) {
+    lastOffer_ = clock_;
     offerCandidate(m, up);
     turnSinceOffer_ = 0.0;
     upAtOffer_ = up;
@@ -230,6 +218,38 @@ void Calibrator::endBlock() {
   } else {
     updateQuality(nullptr);
   }
+}
+
+double Calibrator::advanceClock(double t, double& interval) {
+  // Only forward, gaps clamped; interval is the true one (0 when unknown).
+  double dt = 0.0;
+  interval = 0.0;
+  if (std::isfinite(t)) {
+    if (haveT_) {
+      interval = t - lastT_;
+      if (!(interval > 0.0)) interval = 0.0;
+      dt = interval > kMaxGap ? kMaxGap : interval;
+    }
+    lastT_ = t;
+    haveT_ = true;
+  }
+  clock_ += dt;
+  return dt;
+}
+
+void Calibrator::rotate(double t, const double gyro[3]) {
+  double interval = 0.0;
+  const double dt = advanceClock(t, interval);
+  if (gyro != nullptr) turn(interval, dt, nullptr, gyro);
+}
+
+void Calibrator::turn(double interval, double dt, const Vec3d* field, const double gyro[3]) {
+  const Vec3d w{gyro[0], gyro[1], gyro[2]};
+  if (!isFinite(w)) return;
+  rotation_.update(interval, field, w);
+  if (inconsistentSince_ >= 0.0) sinceChange_.update(interval, field, w);
+  turnSinceOffer_ += norm(w) * dt;
+  haveGyro_ = true;
 }
 
 bool Calibrator::turnedSinceOffer(Vec3d up) const {

@@ -5,10 +5,16 @@
 // so the calibrator works at any sample rate and with irregular timestamps.
 //
 // How it works
+//  * With a gyroscope, every pair of readings about half a second apart adds
+//    a row of the rotation's evidence (RotationEvidence): the field must turn
+//    as the device turns, which is linear in the offset and says which of
+//    its components are known and how well.
 //  * Samples are averaged over short blocks (kBlockSeconds) together with the
 //    accelerometer; a block becomes a candidate for a store of kSlots samples
 //    chosen for diversity of direction (a candidate close to a stored sample
-//    refreshes it, a new direction takes the most crowded slot when full).
+//    refreshes it, a new direction takes the most crowded slot when full),
+//    but only after a turn: a field that changes while the device does not
+//    turn is the environment.
 //  * The fit (Gauss-Newton, robust weights) finds the offset c, a symmetric
 //    soft-iron matrix W (det 1), the field strength R and its vertical
 //    component V so that |W (m - c)| = R and (W (m - c)) . up = V. The second
@@ -18,13 +24,23 @@
 //    adds priors on R and V. W is fitted only when the stored directions
 //    cover the sphere well enough (ellipsoid model), else it is kept (sphere
 //    model, offset only).
+//  * Never worse than none: until a fit is adopted the raw field is used as
+//    it comes while its strength is the Earth's. A fit replaces the
+//    calibration in use only when it explains the evidence clearly better
+//    (the rotations' chi-square; without a gyroscope the stored strengths),
+//    moves it along directions the rotations leave open by no more than a
+//    sensor's own uncertainty, and is rolled back when the rotations later
+//    prefer the one before.
 //  * The heading error that the calibration leaves is propagated from the
-//    fit's covariance over the orientations seen; it sets the accuracy.
+//    fit's covariance (the rotations' information included) over the
+//    orientations seen, plus the offset difference the rotations see and a
+//    restored calibration's possible drift; it sets the accuracy.
 //  * A new hard iron (a magnet fixed to the device) keeps the field's
 //    strength and dip but moves every sample off the fitted sphere; a passing
 //    disturbance changes strength or dip. While the stored model is
 //    contradicted, a second fit over the last few seconds with the strength
-//    and dip held tells the two apart and adopts the new offset quickly.
+//    and dip held tells the two apart and adopts the new offset quickly
+//    (with a gyroscope only when the turns since the change pin it).
 //  * Per sample, the disturbance score compares the smoothed strength and
 //    dip with the fitted ones (which an expected field pulls towards the
 //    model's values through the fit's priors).
@@ -116,12 +132,22 @@ class Calibrator {
   // Forgets everything but the expected field.
   void reset();
   void setExpectedField(const ExpectedField& f) { expected_ = f; }
+  // How far the gyroscope bias removed from the rates may still be off
+  // (rad/s, 1-sigma; 0.01 unless told).
+  void setGyroBiasSigma(double radPerS) {
+    rotation_.setRateError(radPerS);
+    sinceChange_.setRateError(radPerS);
+  }
   const ExpectedField& expectedField() const { return expected_; }
 
   // One sample: t in seconds (any origin, may be irregular), the raw field in
   // gauss, the accelerometer (any unit, up at rest) or nullptr, and the
   // gyroscope (rad/s, its bias already removed) or nullptr.
   SampleOutput update(double t, const double mag[3], const double acc[3], const double gyro[3] = nullptr);
+
+  // A gyroscope sample (rad/s, bias removed) at t without a field sample:
+  // the turn counts towards the next field sample's evidence.
+  void rotate(double t, const double gyro[3]);
 
   const Calibration& calibration() const { return cal_; }
   const Quality& quality() const { return quality_; }
@@ -157,6 +183,9 @@ class Calibrator {
   void removeNearestLinks(int index);
   void refreshNearest(int index);
   void refit();
+  // Advances the clock to t; returns the clamped step, interval the true one.
+  double advanceClock(double t, double& interval);
+  void turn(double interval, double dt, const Vec3d* field, const double gyro[3]);
   // Whether a fit explains the evidence clearly better than the calibration
   // in use (never worse than none: the raw field until then).
   bool clearlyBetter(const FitResult& r) const;
@@ -242,6 +271,7 @@ class Calibrator {
   int count_ = 0;
   double lastFit_ = -1e9;
   double fitInterval_ = 0.75;  // s between fits while not settled
+  double lastOffer_ = -1e9;    // clock of the last block offered to the store
   int newSinceFit_ = 0;
 
   // The last seconds of blocks, for telling a new hard iron from a

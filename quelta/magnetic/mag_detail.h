@@ -27,6 +27,8 @@ inline constexpr double kSettledFitInterval = 3.0;
 // s: the longest interval between fits while they bring nothing new (a
 // device's own field drifts over minutes; sudden changes have their own path).
 inline constexpr double kQuietFitInterval = 12.0;
+// s between blocks offered to a full store once the calibration is settled.
+inline constexpr double kSettledOfferSeconds = 0.4;
 inline constexpr int kMinSlots = 10;
 inline constexpr int kIterations = 5;
 inline constexpr int kWarmIterations = 3;

@@ -6,11 +6,12 @@ namespace quelta::magnetic {
 namespace {
 
 constexpr double kPairSeconds = 0.5;      // s between the two readings of a row
-constexpr double kPairMaxAngle = 0.5;     // rad: a faster turn closes the row early (integration stays exact)
+// A turn past 0.5 rad closes the row early (the integration stays exact):
+// sin^2 of half that angle, the test on the quaternion's vector part.
+constexpr double kPairMaxSinHalfSq = 0.06120871905481365;
 constexpr double kMaxStep = 0.5;          // s: a longer gap between samples abandons the row
 constexpr double kFieldNoise = 0.004;     // gauss, one reading's noise (phones and boards at 50 Hz)
 constexpr double kEarthField = 0.5;       // gauss, |m - c|: the size of the field that the rotation turns
-constexpr double kRateError = 0.01;       // rad/s, what the shared gyroscope bias estimate may leave
 constexpr double kScaleError = 0.01;      // the gyroscope's scale error, share of the angle
 constexpr double kMemorySeconds = 60.0;   // s: rows fade with this time constant
 constexpr double kNothingKnown = 10.0;    // gauss: prior sigma of the offset before any row
@@ -61,7 +62,7 @@ void RotationEvidence::clearRows() {
   rows_ = 0;
 }
 
-void RotationEvidence::update(double dt, const Vec3d& field, const Vec3d& rate) {
+void RotationEvidence::update(double dt, const Vec3d* field, const Vec3d& rate) {
   if (!isFinite(rate) || !(dt >= 0.0) || dt > kMaxStep) {
     open_ = false;
     return;
@@ -69,7 +70,8 @@ void RotationEvidence::update(double dt, const Vec3d& field, const Vec3d& rate) 
   const Vec3d previous = lastRate_;
   lastRate_ = rate;
   if (!open_) {
-    first_ = field;
+    if (field == nullptr) return;
+    first_ = *field;
     q_[0] = 1.0;
     q_[1] = q_[2] = q_[3] = 0.0;
     elapsed_ = 0.0;
@@ -90,10 +92,11 @@ void RotationEvidence::update(double dt, const Vec3d& field, const Vec3d& rate) 
   q_[3] = a[0] * d[3] + a[1] * d[2] - a[2] * d[1] + a[3] * d[0];
   elapsed_ += dt;
   const double sinHalfSq = q_[1] * q_[1] + q_[2] * q_[2] + q_[3] * q_[3];
-  if (elapsed_ >= kPairSeconds || sinHalfSq >= std::sin(0.5 * kPairMaxAngle) * std::sin(0.5 * kPairMaxAngle)) {
-    closePair(field);
+  if (field != nullptr &&
+      (elapsed_ >= kPairSeconds || sinHalfSq >= kPairMaxSinHalfSq)) {
+    closePair(*field);
     // The second reading starts the next row.
-    first_ = field;
+    first_ = *field;
     q_[0] = 1.0;
     q_[1] = q_[2] = q_[3] = 0.0;
     elapsed_ = 0.0;
@@ -124,7 +127,7 @@ void RotationEvidence::closePair(const Vec3d& second) {
   // The row's noise: two readings, and the angle error of the integrated
   // rate turning a field of the Earth's size.
   const double angle = 2.0 * std::sqrt(x * x + y * y + z * z);
-  const double angleError = kRateError * elapsed_ + kScaleError * angle;
+  const double angleError = rateError_ * elapsed_ + kScaleError * angle;
   const double noiseSq = 2.0 * kFieldNoise * kFieldNoise + kEarthField * kEarthField * angleError * angleError;
   // Old rows fade.
   const double fade = 1.0 - elapsed_ / (kMemorySeconds + elapsed_);

@@ -32,9 +32,14 @@ class RotationEvidence {
   RotationEvidence() { reset(); }
   void reset();
 
-  // One field sample (gauss, raw device axes) with the gyroscope's rate
-  // (rad/s, bias removed) over the dt seconds that led to it.
-  void update(double dt, const Vec3d& field, const Vec3d& rate);
+  // One gyroscope sample (rad/s, bias removed) over the dt seconds that led
+  // to it, with the field sample of the same instant (gauss, raw device
+  // axes) or null when there is none.
+  void update(double dt, const Vec3d* field, const Vec3d& rate);
+
+  // How far the rate's bias may still be off (rad/s, 1-sigma): part of each
+  // row's noise.
+  void setRateError(double radPerS) { rateError_ = radPerS > 0.0 ? radPerS : 0.0; }
 
   // Forgets the rows (the device's own field has changed).
   void forget();
@@ -91,6 +96,7 @@ class RotationEvidence {
   // Running mean of the accepted rows' squared normalised residual (three
   // components: 3 when the noise model holds).
   double meanR2_ = 3.0;
+  double rateError_ = 0.01;  // rad/s
 };
 
 }  // namespace quelta::magnetic

@@ -142,6 +142,15 @@ void printWarmStart(const std::string& directory, const std::vector<TruthRecordi
       level3Off[1] += cold.level3Off;
     }
   }
+  // The boards have no saved calibration: cold only, for the honesty figure.
+  size_t boardLevel3 = 0, boardLevel3Off = 0;
+  for (const TruthRecording& truth : recordings) {
+    if (truth.phone) continue;
+    uint8_t none[magnetic::kRecordSize] = {};
+    const Figures cold = warmRun(truth, none, false);
+    boardLevel3 += cold.level3;
+    boardLevel3Off += cold.level3Off;
+  }
   std::printf("\nUndisturbed phone recordings: the warm heading is within 5° for good after at most %s%s.\n",
               fmt(worstWithin, " s").c_str(), allWithin ? "" : " (some never)");
   for (int k = 0; k < 2; ++k) {
@@ -150,6 +159,9 @@ void printWarmStart(const std::string& directory, const std::vector<TruthRecordi
                 level3[k] > 0 ? 100.0 * static_cast<double>(level3Off[k]) / static_cast<double>(level3[k]) : 0.0,
                 kLevel3OffDeg);
   }
+  const size_t all = level3[1] + boardLevel3, allOff = level3Off[1] + boardLevel3Off;
+  std::printf("All recordings, cold: %zu samples at accuracy 3 from %.0f s, %.2f %% of them more than %.0f° off.\n", all,
+              kJudgeFrom, all > 0 ? 100.0 * static_cast<double>(allOff) / static_cast<double>(all) : 0.0, kLevel3OffDeg);
 }
 
 }  // namespace quelta::accuracy

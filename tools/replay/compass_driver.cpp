@@ -138,6 +138,12 @@ bool readCompassCalibration(const std::string& path, std::vector<uint8_t>& recor
     problem = "--calibration " + path + ": read error";
     return false;
   }
+  // A file that is not a calibration record at all is someone else's: it
+  // is neither used nor overwritten.
+  if (record.size() < QUELTA_MAG_RECORD_SIZE || std::memcmp(record.data(), "QMAG", 4) != 0) {
+    problem = "--calibration " + path + ": not a compass calibration record (left as it is)";
+    return false;
+  }
   return true;
 }
 
