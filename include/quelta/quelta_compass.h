@@ -98,7 +98,9 @@ typedef struct quelta_compass_field_quality {
  *   QUELTA_COMPASS_ERROR_TIME           t not finite
  *   QUELTA_COMPASS_ERROR_ACCELEROMETER  acc not finite, or |acc| beyond 32 g
  *   QUELTA_COMPASS_ERROR_FIELD          field not finite, or beyond 10 gauss
- *                                       once calibrated
+ *                                       once calibrated (beyond 100 gauss the
+ *                                       units' check answers first:
+ *                                       QUELTA_COMPASS_ERROR_FIELD_UNIT)
  *   QUELTA_COMPASS_ERROR_GYROSCOPE      gyro not finite, or beyond 2000 deg/s
  *                                       (34.9 rad/s) on some axis
  *   QUELTA_COMPASS_ERROR_QUALITY        a field quality out of range

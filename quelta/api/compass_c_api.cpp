@@ -28,12 +28,12 @@ Compass* self(quelta_compass* state) {
 }
 const Compass* self(const quelta_compass* state) { return self(const_cast<quelta_compass*>(state)); }
 
-// The door's state sits after the compass object. A sample set the compass
+// The door's state sits at the end of the storage. A sample set the compass
 // refuses after the door has converted it must leave no trace there either:
 // that part of the storage is kept aside until the compass has spoken.
-constexpr size_t kCompassEnd = kOffset + sizeof(Compass);
-constexpr size_t kDoorBytes = sizeof(quelta_compass) - kCompassEnd;
-static_assert(kDoorBytes <= 8192, "keeping the door's state aside should stay cheap");
+constexpr size_t kDoorBytes = quelta::api::kDoorStateBytes;
+constexpr size_t kDoorAt = sizeof(quelta_compass) - kDoorBytes;
+static_assert(kDoorAt >= kOffset, "storage");
 
 class DoorKept {
  public:
@@ -42,7 +42,7 @@ class DoorKept {
 
  private:
   static unsigned char* tail(const quelta_compass* state) {
-    return const_cast<unsigned char*>(reinterpret_cast<const unsigned char*>(state->opaque)) + kCompassEnd;
+    return const_cast<unsigned char*>(reinterpret_cast<const unsigned char*>(state->opaque)) + kDoorAt;
   }
   unsigned char bytes_[kDoorBytes];
 };

@@ -68,6 +68,7 @@ constexpr size_t kDoorSize = (sizeof(Door) + 15) / 16 * 16;
 constexpr size_t kCompassEnd = 16 + sizeof(compass::Compass);  // the object after its header words
 static_assert(kCompassEnd + kDoorSize <= sizeof(quelta_compass), "the door has no room beside the compass");
 static_assert(alignof(Door) <= 16, "door alignment");
+static_assert(kDoorSize <= kDoorStateBytes, "the door outgrew what a refusal keeps aside");
 
 void* doorPlace(const quelta_compass* state) {
   return const_cast<unsigned char*>(reinterpret_cast<const unsigned char*>(state->opaque)) +

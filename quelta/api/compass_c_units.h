@@ -4,6 +4,7 @@
 // compass object.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "quelta/compass/compass_math.h"
@@ -34,5 +35,10 @@ void leaveDoor(const quelta_compass* state, quelta_compass_output* out);
 
 // The host's field unit per gauss: 1, 100 (uT) or 100000 (nT).
 double fieldPerGauss(const quelta_compass* state);
+
+// The door's state lies within the last kDoorStateBytes bytes of the
+// storage: what to keep aside to undo a sample set the compass refuses
+// after the door has converted it.
+inline constexpr size_t kDoorStateBytes = 512;
 
 }  // namespace quelta::api

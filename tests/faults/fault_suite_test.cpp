@@ -54,7 +54,7 @@ TEST(FaultSuite, SimulatedWalkRecoversFromEveryFaultAndSaysSoHonestly) {
       // in the cover, bounded at what it is today: the heading turns away in
       // the seconds the detection takes.
       EXPECT_LE(v.worstHeadingDiffDeg, 4.0);
-      EXPECT_LE(v.worstUncovered, 12.0);
+      EXPECT_LE(v.worstUncovered, 4.0);
       continue;
     }
     EXPECT_LE(v.worstHeadingDiffDeg, 3.0);

@@ -199,6 +199,9 @@ struct SoakFigures {
   std::vector<double> microsPerSample;  // per chunk
   std::vector<double> shareAccuracy3;   // per chunk
   std::vector<double> offsetError;      // gauss, at the end of each chunk
+  std::vector<double> gyroLeftOut;      // share of the chunk's sample sets
+  std::vector<double> fieldLeftOut;
+  std::vector<double> calibrating;
   long long heapCalls = 0;
   long long heapBytesGrown = 0;
   long long refused = 0;
@@ -219,6 +222,10 @@ SoakFigures soakRun(const std::vector<SampleSet>& recording, double length, cons
   figures.microsPerSample.reserve(chunks);
   figures.shareAccuracy3.reserve(chunks);
   figures.offsetError.reserve(chunks);
+  figures.gyroLeftOut.reserve(chunks);
+  figures.fieldLeftOut.reserve(chunks);
+  figures.calibrating.reserve(chunks);
+  long long gyroOut = 0, fieldOut = 0, calibratingCount = 0;
   const struct mallinfo2 before = mallinfo2();
   gHeapCalls = 0;
   gCounting = true;
@@ -258,11 +265,18 @@ SoakFigures soakRun(const std::vector<SampleSet>& recording, double length, cons
       if (rc != 0) ++figures.refused;
       quelta_compass_get_output(&compass, &out);
       if (out.accuracy == 3) ++acc3;
+      if (out.flags & QUELTA_COMPASS_FLAG_GYROSCOPE_LEFT_OUT) ++gyroOut;
+      if (out.flags & QUELTA_COMPASS_FLAG_FIELD_LEFT_OUT) ++fieldOut;
+      if (out.flags & QUELTA_COMPASS_FLAG_CALIBRATING) ++calibratingCount;
       if (++inChunk == chunk || done + 1 == total) {
         const auto end = std::chrono::steady_clock::now();
         sumMicros = std::chrono::duration<double, std::micro>(end - start).count();
         figures.microsPerSample.push_back(sumMicros / static_cast<double>(inChunk));
         figures.shareAccuracy3.push_back(static_cast<double>(acc3) / static_cast<double>(inChunk));
+        figures.gyroLeftOut.push_back(static_cast<double>(gyroOut) / static_cast<double>(inChunk));
+        figures.fieldLeftOut.push_back(static_cast<double>(fieldOut) / static_cast<double>(inChunk));
+        figures.calibrating.push_back(static_cast<double>(calibratingCount) / static_cast<double>(inChunk));
+        gyroOut = fieldOut = calibratingCount = 0;
         quelta_mag_calibration cal;
         quelta_compass_get_calibration(&compass, &cal);
         figures.offsetError.push_back(std::sqrt((cal.offset[0] - reference[0]) * (cal.offset[0] - reference[0]) +
@@ -313,9 +327,10 @@ int soak(const std::string& dir, const std::string& name, long long total, int o
     const SoakFigures f = soakRun(once, length, off.data(), total, withFaults != 0, only);
     std::printf("%s, %lld sample sets, %s: refused %lld, heap calls %lld, heap grown %lld bytes\n", name.c_str(), total,
                 withFaults ? "with faults" : "without faults", f.refused, f.heapCalls, f.heapBytesGrown);
-    std::printf("  chunk   us/sample  accuracy3  offset error (gauss)\n");
+    std::printf("  chunk   us/sample  accuracy3  offset error (gauss)  gyro out  field out  calibrating\n");
     for (size_t i = 0; i < f.microsPerSample.size(); ++i)
-      std::printf("  %5zu   %9.3f  %9.3f  %9.4f\n", i, f.microsPerSample[i], f.shareAccuracy3[i], f.offsetError[i]);
+      std::printf("  %5zu   %9.3f  %9.3f  %9.4f             %8.3f  %9.3f  %11.3f\n", i, f.microsPerSample[i],
+                  f.shareAccuracy3[i], f.offsetError[i], f.gyroLeftOut[i], f.fieldLeftOut[i], f.calibrating[i]);
     std::fflush(stdout);
   }
   return 0;
