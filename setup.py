@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Builds the extension module quelta._quelta with the project's CMake build
 (-DQUELTA_BUILD_PYTHON=ON): the same sources and compiler flags as the C
 libraries. The package's metadata is in pyproject.toml."""

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cost of one full sample of the compass through libquelta's C interface,
 // on a tumbling hand-held motion (4096 samples at 50 Hz with a phone-sized
 // hard iron, replayed in a loop): the raw field calibrated inside by the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The World Magnetic Model through libquelta.so's C interface: one full
 // field (with its rates) and one expected field for the other layers, at
 // places spread over the globe so no branch is always taken.

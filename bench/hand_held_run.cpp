@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "bench/hand_held_run.h"
 
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The workload every benchmark replays: a recording of the simulated device
 // turned in the hand (tools/sim), with the host's calling sequence for one
 // sample set of each service. The host passes the calibrated field on to the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cost per call of the exported entry points, through QueltaAlgo.so as a host
 // loads it, on the hand-held recording at 50 sample sets per second.
 // Every benchmark reports the time per call and a calls-per-second counter;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internal steps that no exported function runs alone, linked from the static
 // archive: the sphere fit of a full pool.
 #include <benchmark/benchmark.h>

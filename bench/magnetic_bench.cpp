@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cost of the magnetic layer per sample: calibration (store, fits, quality)
 // and disturbance together, through the C interface, averaged over a whole
 // simulated minute of hand-held motion from the first sample (convergence

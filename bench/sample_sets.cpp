@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A fixed, deterministic run for instruction counting under callgrind:
 // warm-up sample sets until the calibration is settled at accuracy 3, then
 // the measured sample sets inside quelta_measured_sample_sets, which the

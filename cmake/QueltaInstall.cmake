@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installation for hosts outside Android:
 #   QueltaAlgo.so and include/QueltaAlgo.h
 #       CMake: find_package(QueltaAlgo)                      -> QueltaAlgo::QueltaAlgo

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The opt-in layer beside QueltaAlgo.so: libquelta.so.
 #   quelta_layer_objs  every source of quelta/<subsystem>/*.cpp (and the C interface in quelta/api/)
 #   quelta_layer       static archive for tests, tools and benchmarks

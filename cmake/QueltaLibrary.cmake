@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The library: one set of objects, linked twice.
 #   quelta_core  - static archive for tests, tools and benchmarks
 #   QueltaAlgo   - the host-facing shared object, QueltaAlgo.so

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Sanitizer and fuzzing builds.
 #
 #   QUELTA_SANITIZE   list of sanitizers for everything built here, e.g.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attitude from directions, in the two forms the services use.
 //
 //   Cn2b: 3 x 3 direction cosine matrix, row-major, whose columns are east,

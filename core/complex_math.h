@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Complex numbers: one value type, templated on the scalar like Vec3. Each
 // helper fixes its evaluation order; the exported Complex* routines
 // (interface/math_exports.cpp) load and store (re, im) pairs around them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Four single-precision lanes computed side by side. +, -, * and / act on
 // each lane alone with exactly the rounding of the scalar float operation, so
 // a sum kept per lane is the very sum its scalar loop would form, in the same

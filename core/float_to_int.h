@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Float-to-int32 conversion with the semantics of the 64-bit Arm target on
 // every architecture: truncation toward zero, saturation at the int32 limits,
 // NaN to 0. A plain cast is undefined out of range (and gives INT32_MIN on

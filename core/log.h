@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Internal logging. Every service keeps its log texts in one table of
 // LogText entries; each entry names the host log modes it is written in (its
 // gate), and every line goes out through logLine, which reads log_func at that

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's one ring design: fixed-capacity histories and windows that
 // overwrite their oldest entry instead of moving the others.
 //

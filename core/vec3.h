@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small value types for three-vectors and quaternions, templated on the
 // scalar: Vec3f/Quatf (float) for the exact library, Vec3d/Quatd (double)
 // for code that works in double.

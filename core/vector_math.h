@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The n-element single-precision routines behind the exported norm2, dot,
 // vecNormalize, sort and mean. Sums run from 0 in index order; the order is
 // part of the result, so keep it. (A sum started from +0 turns a leading -0

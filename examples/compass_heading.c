@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* An Android-style host of the compass (libquelta): the sensors' values as
  * an Android app receives them in SensorEvent (nanosecond timestamps since
  * boot, m/s^2, microtesla), a magnetometer mounted a quarter turn round on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A minimal host of QueltaAlgo.so: the four services fed sample by sample.
  *
  * The sensors here are simulated: a device turned slowly through every

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The smallest host of the compass (libquelta): one caller-owned state,
  * one call per sample set, the heading and how far to trust it.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A host of libquelta's magnetic layer with two magnetometers: two
  * independent calibrators in caller-owned state, fed with a synthetic
  * turning device, the first one's calibration saved to a record and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ring buffers and smoothing filters called directly: the ten exported
 // buffers (on their own storage, as CreateDataBuffer binds them) and four
 // hand-made ones with arbitrary widths and capacities, each over a heap

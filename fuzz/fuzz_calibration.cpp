@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibration and the orientation through the exported functions:
 // AlgoInitial with any configuration (pool counts and spacings, window
 // lengths including 0, negatives and huge ones, NaN thresholds, any stored

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The replay tool's calibration-file reader: the file a host keeps its
 // calibration in, read at start-up whatever is in it.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass's C interface driven as a hostile host would: short sequences
 // of update calls (raw and host-calibrated) with times that repeat, step
 // back, jump or are not finite; values that are NaN, infinite, huge or

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every entry point of the field model with arbitrary places, heights and
 // dates (NaN, infinities, the poles, the limits of the ranges) and
 // arbitrary date texts. Checked: the return value is a documented one; on

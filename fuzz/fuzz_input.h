@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Turns the fuzzer's bytes into the arguments of library calls. Floats come
 // partly from a table of values that break arithmetic (NaN, infinities,
 // denormals, -0, values near the float limits), partly as raw bit patterns

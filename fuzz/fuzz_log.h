@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A log callback that formats every line with vsnprintf, so the arguments the
 // library hands over are read exactly as a printf-style host reads them. The
 // formats may only use %d, %f and %lf: anything else would make a real host's

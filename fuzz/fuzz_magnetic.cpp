@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The magnetic layer's C interface with arbitrary sample streams (times that
 // repeat, step back or jump; NaN, infinities, zeros, huge values; a missing
 // accelerometer), runs of a turning device with a chosen hard iron so that

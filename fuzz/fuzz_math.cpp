@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported vector, quaternion and complex routines on arbitrary values and
 // lengths. Arrays are heap blocks of exactly the length passed (none for a
 // length below 1), so any read or write past it is reported. Besides memory

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The replay tool's recording reader on CSV text, as the tool uses it: open,
 // peek at the first samples, then stream them all. Header resolution (any
 // case, quotes, byte-order mark), field splitting, number parsing, missing

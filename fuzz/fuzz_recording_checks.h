@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading a recording through the replay tool's streaming reader, what every
 // reading must give, accepted or refused, and the comparison of two
 // readings; shared by the plain and the compressed recording targets.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The replay tool's recording reader on gzip-compressed recordings: the
 // inflating source under the streaming reader. Input: a units byte
 // (fuzz_recording_checks.h), a mode byte, a parameter byte, then the payload:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rotation vector on an instance of its own (the exported functions are
 // one-line forwards to the same class): arbitrary
 // samples, log modes and hold thresholds, runs of steady or turning samples

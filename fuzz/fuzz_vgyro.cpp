@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The virtual gyroscope with arbitrary samples, restarts, intervals and log
 // modes, runs of a turning device that take it into the rotating mode, and
 // its building blocks (rotation mode, filter compensation, generator) with

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the seed corpora of the reader targets from the replay tool's test
 fixtures, the start of the bundled recording and a few hand-made files:
 

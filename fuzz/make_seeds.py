@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the seed corpus fuzz/corpus/<target>/ from readable descriptions.
 
 The byte encoding follows fuzz/fuzz_input.h: value() takes a selector byte

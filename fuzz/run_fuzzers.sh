@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the libFuzzer targets one after another, each for a bounded time.
 #
 #   fuzz/run_fuzzers.sh [SECONDS_PER_TARGET] [TARGET...]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "intake/sample_intake.h"
 
 #include "core/float4.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sample intake both the calibration and the orientation read: the axis
 // mapping of the field and the 30-sample histories of the accelerometer, the
 // mapped field and the saturation probe, with their means and variances.

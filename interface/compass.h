@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibration and the orientation as the host sees them: one sample
 // intake both read, the calibrator and the orientation, combined where the
 // host reads them. The exported functions (compass_exports.cpp) are one-line

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibration's and the orientation's exported functions: one-line
 // forwards to the process-wide compass.
 #include "QueltaAlgo.h"

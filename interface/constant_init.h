@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Demands constant initialisation of a process-wide instance: no static
 // constructor may run when the library loads.
 #pragma once

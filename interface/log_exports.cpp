@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported log callback and its registration.
 #include "QueltaAlgo.h"
 

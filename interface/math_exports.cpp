@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported math routines: one-line forwards to the value types' helpers
 // (core/vec3.h, core/complex_math.h) and the n-element routines
 // (core/vector_math.h). Every forward loads its operands before it stores,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported rotation-vector objects and functions, one-line forwards to
 // the process-wide fusion instance, which publishes into the exported
 // objects and reads its hold threshold from movethd at every call.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported virtual-gyroscope objects and functions, one-line forwards.
 //
 // The exported ring-buffer records and their storage are all zero at load;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every log text of the calibration, with the log modes that let it through.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibration pool: field samples spread over the sphere, collected for
 // the fits. One component serves the three pools (early and late while the
 // accuracy is 0 to 2, refinement at accuracy 3): an empty pool takes its

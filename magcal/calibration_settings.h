@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hard-iron calibration's settings, with the values they hold from
 // library load until AlgoInitial replaces them.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hard-iron calibrator of one magnetometer: reads the shared sample
 // intake, keeps its pool and its result (offset, radius, accuracy) and
 // watches for saturation and for a calibration gone stale.

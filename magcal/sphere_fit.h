@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Least-squares sphere fit of the calibration pool: the centre is the
 // hard-iron offset, the radius the field magnitude. Free functions on plain
 // data, so the solver can be exercised without a calibrator.

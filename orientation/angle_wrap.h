@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Degree helpers shared by the orientation stages.
 #pragma once
 

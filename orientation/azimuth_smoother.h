@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The chain that turns the levelled heading vector into the reported
 // azimuth: low-pass filter, degrees, median window, mean window, sector
 // correction and a one-degree hold. Each stage handles North (0 / 360) in its

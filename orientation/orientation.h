@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Azimuth, pitch and roll from the shared sample intake and the calibration's
 // values. Keeps the orientation matrix between calls (rows: device x, y, z;
 // columns: their East, North, Up components), levels the device y axis to get

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rotation vector fusion: the device attitude from one field and one
 // acceleration sample per call, smoothed by two cascaded moving means and
 // published as a quaternion (x, y, z, w) that only moves once it has changed

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # The shared object exports exactly the interface names listed in the export
 # map (no C++ names, no internals) and needs nothing but libc and libm.
 #   check_shared_object.sh SO MAP

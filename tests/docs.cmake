@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The documents hold: every option README.md and docs/*.md name is listed by
 # the --help of its program, every test they name is known to ctest, every
 # file they link to is there, and the host snippets of README.md and

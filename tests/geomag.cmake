@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The World Magnetic Model: the unit tests read the committed test values;
 # the command-line tool on a test-value line, a date, a warning and errors;
 # the compiled-in coefficient table matches the committed coefficient file.

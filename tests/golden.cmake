@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Golden trace: the driver's output must equal the committed trace byte for
 # byte, on every compiler and target (cross builds run it under the
 # emulator). Regenerate with tools/golden/regenerate.sh, and only when a

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Platform checks on the built shared object: no fused multiply-add anywhere
 # (results must not depend on the target), and the installed tree works for
 # every C host through CMake and through pkg-config, and the installed

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Command-line tests of quelta-replay: summary figures against the
 # simulator's truth, outputs and report, stored calibration, bad input.
 find_package(Python3 REQUIRED COMPONENTS Interpreter)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ring-buffer operations on DataBuffer records. A record points at storage of
 // dim planes of len floats: component j of the sample in slot s lives at
 // j * len + s, so a sample is gathered and scattered component by component.

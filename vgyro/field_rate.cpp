@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "vgyro/field_rate.h"
 
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Angular rate from the turning of the field alone: the axis about which the
 // last three field samples turn and the angle between the newest two. Keeps a
 // memory of the previous axis, so that a single wild axis estimate does not

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Gain that undoes the amplitude loss of a recursive filter b / a for a
 // signal turning at rate w: per axis, the reciprocal of the filter's
 // magnitude response at |w| * dt / pi radians per sample. 1 for a rate below

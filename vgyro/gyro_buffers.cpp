@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "vgyro/gyro_buffers.h"
 
 #include "vgyro/data_buffer.h"

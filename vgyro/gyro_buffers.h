@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The ten ring buffers of one virtual-gyroscope pipeline: raw, median,
 // low-pass and mean stages of the field and the acceleration, and the raw and
 // smoothed angular rate. A binding names a record, its storage and capacity,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The smoothing chain's filters for the geometry the pipeline gives its own
 // buffers: 3 components and capacities known at compile time. The arithmetic
 // is the general filters' (smoothing_filters.h), operation for operation and

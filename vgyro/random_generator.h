@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Minimal-standard linear congruential generator, x' = 48271 x mod (2^31 - 1),
 // computed with Schrage's method so nothing overflows 32 bits. Seeded on
 // first use (or on request), then it runs on.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Still / rotating decision with hysteresis. The device turns "rotating" after
 // 10 consecutive samples with some rate component above 0.1 rad/s, or at once
 // when the angle integrated about any axis reaches 2 degrees; it turns "still"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Smoothing filters between ring buffers: each call reads the newest samples
 // of a source buffer and appends one smoothed sample to a destination buffer.
 // Result 0 when a sample was appended, 1 when the call was refused (the

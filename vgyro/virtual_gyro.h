@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The virtual gyroscope: an angular rate for devices without a gyroscope,
 // computed from successive field and acceleration samples. Each sample set is
 // smoothed (median of 3, two-tap low-pass, mean of 3), turned into an

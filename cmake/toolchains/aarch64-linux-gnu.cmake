@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Cross build for 64-bit Arm Linux with Debian's cross toolchain
 # (g++-aarch64-linux-gnu, libc6-dev-arm64-cross). Tests run through
 # qemu-user, so `ctest` works unchanged in the build tree.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Replays a recording through quelta.Compass and plots the heading, the
 heading accuracy estimate (with the actual error drawn over it when the
 recording has a reference attitude), the accuracy level and the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* libquelta: the opt-in compass layer beside QueltaAlgo.so.
  *
  * Reentrant C interface over caller-owned state: no globals, no heap, any

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The compass: attitude (device to east-north-up, or north-east-down on
  * request), azimuth, pitch and roll, gravity, linear acceleration, angular
  * rate and a heading accuracy estimate from timestamped accelerometer,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* Symbol visibility of libquelta's C interface. */
 #ifndef QUELTA_EXPORT_H
 #define QUELTA_EXPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* The earth's main field from the World Magnetic Model 2025 (WMM2025).
  *
  * For a place (geodetic latitude and longitude on WGS-84, height above the

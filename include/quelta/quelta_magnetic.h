@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* libquelta magnetic layer: online hard- and soft-iron calibration of a
  * magnetometer with a quality report, a per-sample magnetic disturbance
  * score, and a save/restore record.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """quelta: an electronic compass for Python, over numpy arrays.
 
     import quelta

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Comparing attitudes (quaternions w, x, y, z, device to east-north-up)."""
 
 import numpy as np

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The compass over numpy arrays (quelta.Compass)."""
 
 import numpy as np

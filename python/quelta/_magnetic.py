@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The magnetic calibrator on its own (quelta.MagCalibrator)."""
 
 import numpy as np

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Recordings as the replay tool reads them (quelta.read_recording)."""
 
 from . import _quelta

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The fixed pipelines of QueltaAlgo.so over arrays.
 
 QueltaAlgo.so keeps its state process-wide (it serves hosts built around its

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The earth's main field from the World Magnetic Model 2025 (WMM2025).
 
     f = quelta.geomag.field(48.85, 2.35, 35.0, "2026-03-01")

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // quelta._quelta.algo_run: the fixed pipelines of QueltaAlgo.so (hard-iron
 // calibration, orientation, virtual gyroscope, rotation vector) over whole
 // arrays, in the order the replay tool calls them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared pieces of the Python bindings (module quelta._quelta): array
 // checks and the lock that refuses concurrent use of one object.
 #pragma once

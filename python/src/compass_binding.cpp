@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // quelta._quelta.CompassCore: the compass's C interface over numpy arrays.
 // Every call, one sample or many, goes through quelta_compass_run, so that
 // update() and run() agree to the bit.

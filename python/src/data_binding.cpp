@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The field model (quelta_geomag_*) and the replay tool's recording reader
 // for Python.
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // quelta._quelta.MagCore: the magnetic calibrator (quelta_mag_*) over numpy
 // arrays; one call runs a whole array in C++.
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The extension module behind the quelta package.
 #include "python/src/bindings.h"
 #include "quelta/quelta.h"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The compass from Python: run() over arrays is update() sample by sample to
 the bit, the heading on a real recording is as good as documented, units
 and save/restore work end to end."""

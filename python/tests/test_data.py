@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The field model, the recording reader, the magnetic calibrator and the
 fixed pipelines from Python."""
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass's C interface over caller-owned storage.
 #include <cmath>
 #include <cstring>

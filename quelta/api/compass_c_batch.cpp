@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // quelta_compass_run: many sample sets in one call, each exactly as
 // quelta_compass_update and quelta_compass_get_output would take it, so
 // that a batch and a loop of single calls agree to the bit.

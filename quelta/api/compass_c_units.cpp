@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass's door: units, axes and frame, and the checks of values that
 // contradict the units set (quelta_compass_set_units).
 #include "quelta/api/compass_c_units.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass's door: the host's units, axes and frame on the way in and
 // out, and the checks that catch values contradicting those units. Its
 // state lives at the end of the caller's quelta_compass storage, beside the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // C interface of the World Magnetic Model (include/quelta/quelta_geomag.h).
 #include "quelta/quelta_geomag.h"
 

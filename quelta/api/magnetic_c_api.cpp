@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The magnetic layer's C interface over caller-owned state.
 #include <cmath>
 #include <new>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "quelta/api/magnetic_c_convert.h"
 
 #include <cmath>

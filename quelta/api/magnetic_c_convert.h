@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The magnetic layer's C++ types as the C interface gives them, shared by the
 // magnetic and the compass interfaces (quelta_mag_* and quelta_compass_*).
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The layer's version, for hosts that load libquelta.so at run time.
 #include "quelta/quelta.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "quelta/compass/compass.h"
 
 namespace quelta::compass {

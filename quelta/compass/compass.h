@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass: the magnetic layer's calibrator and disturbance score in
 // front of the compass filter. Takes the raw magnetometer; the filter gets
 // the calibrated field, the calibration's accuracy and heading error, and

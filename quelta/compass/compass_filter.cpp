@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "quelta/compass/compass_filter.h"
 
 namespace quelta::compass {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass filter core: attitude and heading from timestamped samples of
 // the accelerometer, an already calibrated magnetic field and, when the
 // device has one, the gyroscope. Any rate from about 10 to 400 Hz, irregular

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small double-precision vector and quaternion helpers for the compass
 // filter. Quaternions are Hamilton, scalar first, and rotate device
 // coordinates into east-north-up.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether the field can be trusted for north: its strength and dip against
 // references learnt from it, and whether its heading changes only as the
 // gyroscope says the device turned (a field that turns on its own is

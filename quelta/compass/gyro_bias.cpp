@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "quelta/compass/gyro_bias.h"
 
 namespace quelta::compass {

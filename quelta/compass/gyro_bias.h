@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gyroscope's bias and what is known of it. Learnt at rest from the mean
 // rate (fast and exact), and in motion from the corrections the attitude
 // keeps needing: about the horizontal axes from gravity (handed in by the

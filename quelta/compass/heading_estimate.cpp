@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "quelta/compass/heading_estimate.h"
 
 namespace quelta::compass {

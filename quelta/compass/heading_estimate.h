@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The heading about the vertical and the gyroscope's bias about it, as a
 // two-state Kalman filter on their errors: the heading's error grows with
 // the gyroscope's noise, its scale error on every turn and the bias's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass's door: every sample set is checked against what a sensor can
 // deliver before any state sees it, and the host's clock is turned into a
 // time base the filters can trust.

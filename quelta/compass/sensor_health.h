@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sensor health: a gyroscope or magnetometer that has stopped telling the
 // truth, judged from the data alone, is left out while the fault lasts and
 // taken back when it recovers.

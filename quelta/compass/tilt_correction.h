@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tilt from gravity. With a gyroscope: gravity is the part of the
 // specific force that does not average out in a frame that turns with the
 // gyroscope, so the accelerometer is averaged in the earth frame, every

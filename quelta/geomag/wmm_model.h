@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The World Magnetic Model's coefficient table as compiled into the library.
 #ifndef QUELTA_GEOMAG_WMM_MODEL_H
 #define QUELTA_GEOMAG_WMM_MODEL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Spherical-harmonic synthesis of the World Magnetic Model.
 //
 // 1. The geodetic place (WGS-84) becomes geocentric spherical coordinates.

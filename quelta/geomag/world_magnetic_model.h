@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The earth's main field from a World Magnetic Model release (WMM2025 by
 // default): spherical-harmonic synthesis of degree and order 12 on WGS-84.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibrator's sample path: clock, gravity, block averaging, the
 // candidate's gravity window, and the refit that chooses between fits.
 #include "quelta/magnetic/mag_detail.h"

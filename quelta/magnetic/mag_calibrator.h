@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Online hard- and soft-iron calibration of a magnetometer, its quality
 // report and a per-sample magnetic disturbance score.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Change detection: a new hard iron (adopted quickly, strength and dip
 // held) against a passing disturbance; a lasting change restarts.
 #include "quelta/magnetic/mag_detail.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the calibrator's files share: the settings (seconds and gauss) and
 // the small helpers of the fits. Internal to quelta/magnetic.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fits: a linear sphere for a start, then robust Gauss-Newton over
 // offset, soft iron, strength and vertical component, with the heading
 // error its covariance leaves.

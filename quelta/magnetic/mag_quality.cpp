@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibration's quality report and the per-sample disturbance score.
 #include "quelta/magnetic/mag_detail.h"
 

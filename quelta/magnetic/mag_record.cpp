@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibration's save/restore record: 128 bytes, little-endian.
 //   0  'Q' 'M' 'A' 'G'
 //   4  u16 version (1)        6  u16 record size (128)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The direction-diverse store of block means and the recent blocks.
 #include "quelta/magnetic/mag_detail.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a magnetometer calibration on this planet can be: the bounds a
 // restored record and the host's settings are checked against.
 #pragma once

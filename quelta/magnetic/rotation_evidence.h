@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the gyroscope says about the magnetometer's hard-iron offset.
 //
 // Between two instants the Earth's field, seen from the device, turns exactly

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the layer's fits need beyond the core's vectors (core/vec3.h, Vec3d):
 // a 3x3 matrix with its determinant and inverse, and a dense symmetric
 // solver for the small normal equations. Header-only, no heap, no globals.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A long run of the simulated device through every exported function, on the
 // paths the services take in use: every accuracy level with its fits and
 // refits, a downgrade, restarts of the calibration and of the virtual

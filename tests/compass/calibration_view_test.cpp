@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a host (the replay tool among them) reads of the compass's magnetic
 // layer through the C interface: the calibration in use and the last field
 // sample agree with each other, with the quality report and with the truth of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass filter on simulated devices with known truth: conventions of
 // the angles, start-up, gyroscope bias, turning, disturbances, the filter
 // without gyroscope, awkward input, and the C interface.

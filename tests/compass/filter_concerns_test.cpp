@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass filter's parts with known truth: the gyroscope bias at rest
 // and its unusable verdict, the heading and its bias through a gap in the
 // field, a new reference, a shaken device's tilt, and a raw gyroscope on a

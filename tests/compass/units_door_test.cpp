@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The compass's door (quelta_compass_set_units): an Android-style host
 // (nanoseconds, m/s^2, microtesla, a sensor mounted turned) gets the same
 // compass as a host in the native units; values that contradict the units

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Holds README.md and docs/*.md to what the build really has.
 
   check_docs.py --source DIR --build DIR --program NAME=PATH... [--emulator CMD]

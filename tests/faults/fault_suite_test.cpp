@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fault suite, short form: every fault of the matrix on a simulated
 // walk, over the C interface, against the same walk without the fault
 // (tools/faults runs the same on the real recordings). And what the door

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library refuses besides sample sets: a restored calibration no
 // magnetometer on earth can have (whatever its checksum), settings out of
 // range; and two promises of the interface: the magnetic layer calibrates

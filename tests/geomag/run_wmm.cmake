@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Runs quelta-wmm once and checks its exit status, its standard output and
 # its standard error.
 #   cmake -DTOOL=... -DEMULATOR=... -DARGS=a;b;c;d -DEXIT=n

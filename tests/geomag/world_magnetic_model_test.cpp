@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The World Magnetic Model against its official test values, at the poles,
 // at the edges of its zones and validity, and the date conversion.
 #include <gtest/gtest.h>

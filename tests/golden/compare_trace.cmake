@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Runs the golden-trace driver (through EMULATOR when cross-compiled), writes
 # its output to ACTUAL and compares it with EXPECTED byte for byte. On a
 # mismatch the start of a unified diff is shown.

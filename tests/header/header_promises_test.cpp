@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What include/QueltaAlgo.h promises a host about set-up and logging, checked
 // through the exported functions: AlgoInitial is optional because the
 // library starts with the documented arrays, and the lines listed as

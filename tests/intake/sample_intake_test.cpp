@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared intake: axis mapping, the gravity preset, the histories'
 // order once they wrap, means and variances.
 #include <cstring>

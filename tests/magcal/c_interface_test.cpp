@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibration as a host sees it: the exported functions on the
 // process-wide instance (each test runs in a fresh process), and the
 // unpacking of AlgoInitial's arrays.

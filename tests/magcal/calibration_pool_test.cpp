@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pool's phase table end to end: what the early, late and refinement
 // phases do with samples too close or too far, and what the fits adopt or
 // fall back to.

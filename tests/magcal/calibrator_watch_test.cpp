@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibrator's watches on the shared intake: saturation of the probe,
 // the off-sphere downgrade and the restart.
 #include <cmath>

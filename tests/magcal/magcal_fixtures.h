@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Helpers of the calibration tests: points on a known sphere and a rig of
 // intake and calibrator fed sample by sample.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The magnetic calibrator end to end on simulated devices with known truth:
 // soft and hard iron, near-level motion, irregular and broken input, a new
 // hard iron and a passing disturbance.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The save/restore record and the C interface over caller-owned state.
 #include <gtest/gtest.h>
 

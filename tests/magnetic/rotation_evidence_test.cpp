@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The gyroscope's evidence about the hard-iron offset, and the calibrator
 // that uses it, on simulated devices with known truth: which components a
 // turn determines, that a field change without a turn teaches nothing, that

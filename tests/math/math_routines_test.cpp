@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported math routines: examples, summation order, thresholds, in-place
 // use, and sorts and complex quotients against independent references.
 #include <gtest/gtest.h>

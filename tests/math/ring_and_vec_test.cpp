@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The internal vocabulary: the ring against a plain reference window, and the
 // value types' fixed summation order in both instantiations.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The azimuth chain: start-up, North in the window rules, the sector
 // correction and the windows' fill and reset.
 #include <gtest/gtest.h>

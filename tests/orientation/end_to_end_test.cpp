@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Through the C interface: a simulated device with a known hard-iron offset,
 // handed over as a stored calibration, held still at known attitudes.
 #include <gtest/gtest.h>

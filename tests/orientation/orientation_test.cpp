@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The orientation on hand-filled intakes and calibration values: which sample
 // it follows, the gravity preset, the matrix guard, pitch past 90, levelling,
 // clamping and the field geometry.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build tree into scratch prefixes and checks what a user gets:
 #   1. the layout: QueltaAlgo.so, libquelta.so with its soname and
 #      development links, every header, both pkg-config files, the CMake

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Fails when any of the given objects contains a fused multiply-add (scalar,
 # vector or SVE form on arm64; FMA3/FMA4 on x86-64). A contraction rounds once
 # where the source rounds twice, so it would change results between targets.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Command-line checks of quelta-replay, run by ctest (see tests/replay.cmake).
 
   cli_check.py run REPLAY WORKDIR RECORDING OFFSET_X,Y,Z [replay options...]

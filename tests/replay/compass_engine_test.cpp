@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The replay tool's side of the compass engine: the rate judged against the
 // rate derived from the reference attitude (for an engine fed the
 // gyroscope), the compass lines of the summary, and the options that choose

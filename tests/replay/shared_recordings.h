@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The shared recordings as the tests see them: every `.csv.gz` with its
 // sidecar's row count, so that tests hold for whatever set the folder has.
 #ifndef QUELTA_TESTS_REPLAY_SHARED_RECORDINGS_H

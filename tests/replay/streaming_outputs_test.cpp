@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The streaming pieces behind the summary, the comparison and the report:
 // exact figures on constructed runs, and the bounds that let a recording of
 // any length be summarised in fixed memory and a small report.

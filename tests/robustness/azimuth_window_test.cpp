@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The azimuth median and mean windows hold 31 and 30 entries whatever
 // lengths the host configures: lengths beyond them act as the capacity,
 // lengths below 1 as 1, and a length changed in the middle of a run empties

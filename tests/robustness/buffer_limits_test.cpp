@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ring-buffer reads and filter windows outside the pipeline's own use: a
 // negative k, empty windows, windows longer than the median's scratch, tap
 // counts at the int32 limits. Buffers here sit on heap blocks of exactly

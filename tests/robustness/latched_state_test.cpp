@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a non-finite sample leaves behind, and how a host clears it: the
 // rotation vector forgets it after 35 calls, the calibration replaces a
 // poisoned offset with its next refit, the orientation never lets it in,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lengths and powers at the int32 limits: nothing is read or written, and
 // no counter overflows.
 #include <gtest/gtest.h>

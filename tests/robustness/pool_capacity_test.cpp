@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calibration pool holds 35 samples whatever the configuration says:
 // pool counts beyond the capacity, below 1, NaN or saturated, changed in the
 // middle of a run, at accuracy 0 to 2 and in the refinement at accuracy 3.

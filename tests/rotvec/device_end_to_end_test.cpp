@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // End to end on the simulated device: held at known attitudes (random
 // heading, tilt up to 60 degrees, 100 calls each), it reports its true
 // attitude and up direction once the moving means have settled.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rotation vector call by call: known attitudes, NaN, the hold threshold,
 // the two cascaded moving means, log lines and independent instances.
 #include <gtest/gtest.h>

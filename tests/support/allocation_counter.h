@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counts heap allocations made anywhere in the test process while a counter
 // is alive. The test binary replaces malloc, calloc, realloc and free with
 // thin wrappers over the C library's own allocator, and operator new/delete

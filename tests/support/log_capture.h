@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Captures the library's log lines, formatted as a printf-style host would.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ring buffers and the median, mean and low-pass filters between them, and
 // the pipeline's fixed-geometry filters against the general ones.
 #include <gtest/gtest.h>

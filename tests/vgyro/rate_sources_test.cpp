@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The two rate sources and what decides between them: attitude from field and
 // gravity, the field-only rate with its axis memory, the still/rotating
 // decision, filter compensation, the random generator and the choice rule.

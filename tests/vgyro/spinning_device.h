@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A simulated device turning at a constant rate about a fixed axis of its own
 // frame, sampled at a fixed interval, with a calibrated (offset-free) field.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pipeline step by step (restarts, interval checks, the start-up error
 // period, the not-a-number restart, compensation and the log lines), then end
 // to end on a simulated device with known truth.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engines the accuracy tool compares, each run over a whole recording:
 // the fixed pipelines of QueltaAlgo.so, the compass filter with and without
 // gyroscope, and TRIAD on single samples and on 0.5 s means.

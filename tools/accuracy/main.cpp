@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // quelta-accuracy: replays every recording with optical truth through the
 // fixed pipelines, the compass filter with and without gyroscope and two
 // TRIAD baselines, and prints heading, attitude, tilt and rate errors per

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The recordings with optical truth: a gzip-compressed CSV per recording
 // (t, ax..az in g, mx..mz in gauss, gx..gz in rad/s, qw..qz device to the
 // capture frame, nan where the capture had no value), read by the replay

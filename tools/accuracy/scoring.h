@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scoring one engine's run on one recording against the optical truth:
 // heading, tilt, attitude and rate errors as sums of squares (so recordings
 // pool by adding), and the engine's own heading accuracy next to the actual

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the accuracy tool prints after the per-recording table of a variant:
 // the figures pooled by group (all, undisturbed, disturbed, each kind of
 // device under each), the worst recording of each kind, the two folds

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Warm start: every phone recording replayed through the whole compass
 // starting from the calibration that the compass saved at the end of the
 // same device's calibration recording (another day for most recordings).

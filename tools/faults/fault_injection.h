@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fault injection over the compass's C interface: a stream of sample sets
 // as a host would hand them over, one fault applied to it as a buggy or
 // broken host or sensor would, and the run compared with the same stream

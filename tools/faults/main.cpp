@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // quelta-faults: the fault matrix on the real recordings, and the soak.
 //
 //   quelta-faults matrix [DIR]               every fault of the matrix at 100 s on

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Golden trace: runs fixed scenarios through every exported entry point of
 // QueltaAlgo.so and prints every output float as its exact bit pattern, with
 // every log line the library hands to its callback. Builds on different

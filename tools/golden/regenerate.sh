@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Regenerates tests/golden/expected_trace.txt with a native GCC build.
 # Only for an intended change of behaviour: review the diff before
 # committing it, every changed line is a changed output.

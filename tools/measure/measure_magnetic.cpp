@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measures the magnetic layer against the recordings with truth:
 //   measure_magnetic [RECORDINGS_DIR] [--expected] [--no-gyro] [--csv FILE]
 // --expected gives the calibrator each recording's undisturbed field

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Builds the benchmarks against the library as it ships (same flags, the
 # shared object for the exported functions) and runs them with repetitions;
 # read the medians. The machine should be otherwise idle.

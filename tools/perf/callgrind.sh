@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Instructions per full sample set (all four services with their accessors,
 # calibration settled at accuracy 3 and refitting), counted by callgrind:
 # a noise-free figure to compare builds with. Needs valgrind.

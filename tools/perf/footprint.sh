@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Memory footprint of the shared object: the static state of all pipelines
 # (every writable object the library defines in .data and .bss, exported or
 # internal), its constants, its code, and the size of the file once stripped.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Time and peak memory of quelta-replay on long recordings, made by
 # repeating the bundled recording (data/handheld.csv) with time carried on,
 # so the motion, the calibration and the reference columns stay realistic.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A scripted minute of a hand-held device, for the bundled recording and
 // the replay tests: still, a figure-eight calibration motion, turns, tilts
 // and a turn while tilted, with still periods between. Attitudes are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // quelta-make-recording: writes a simulated hand-held recording (CSV) with
 // known truth. The bundled data/handheld.csv is made by
 //   quelta-make-recording --declination 3.5 --out data/handheld.csv

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The set-up handed to AlgoInitial, with the library's own defaults, and
 // the small text file in which a host keeps its calibration across runs.
 //

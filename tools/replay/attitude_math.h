@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Double-precision attitude helpers for comparing the library's outputs
 // with a reference attitude. Quaternions are (w, x, y, z) and rotate device
 // coordinates into east-north-up.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the recording bundled with the project lives: installed beside the
 // program, or in the source tree it was built from.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "tools/replay/cli_options.h"
 
 #include "include/QueltaAlgo.h"

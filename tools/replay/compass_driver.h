@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds a recording through libquelta's compass (the magnetic layer's
 // calibration in front of the compass filter) through its C interface, as
 // a host would, and hands each sample's outputs to the caller in the

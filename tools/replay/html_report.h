@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The visual report of a replay: one self-contained HTML file with inline
 // SVG plots (no scripts, nothing fetched). It is gathered as the replay
 // goes: time series as per-column minimum/maximum envelopes, the field

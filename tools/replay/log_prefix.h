@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's log lines as the tool writes them: each line starts with
 // the index and time of the sample being processed ("[#120 t=2.400] "), or
 // "[setup] " before the first sample, so that a line can be matched with the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // quelta-replay: replays a sensor recording through every service of the
 // library, prints a summary and optionally writes the per-sample outputs,
 // a visual report, the library's log and the calibration to keep.

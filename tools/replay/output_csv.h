@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The per-sample output table of a replay, written row by row as the
 // replay goes.
 #pragma once

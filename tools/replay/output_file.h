@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The files the replay tool writes (--out, --report, --log, --calibration),
 // written so that nothing is destroyed:
 //   - a regular file (or a new one) is written under a temporary name beside

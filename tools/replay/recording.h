@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A sensor recording as read from CSV: one sample per row, a header naming
 // the columns. Required: t, ax ay az, mx my mz. Optional reference
 // columns: gx gy gz (gyroscope, rad/s) and qw qx qy qz (device to

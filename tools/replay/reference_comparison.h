@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares a replay with the reference columns of its recording: the
 // virtual gyroscope against the reference gyroscope, the rotation vector
 // and the azimuth against the reference attitude. This is the one place

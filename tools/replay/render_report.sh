@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Renders a replay report with headless Chromium, to look at it as a person
 # would, or prints the document as the browser built it:
 #   tools/replay/render_report.sh REPORT.html OUT.png [WIDTH,HEIGHT]

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds a recording through the library's C interface, sample by sample,
 // in the order a host calls it, and hands what it reports to the caller as
 // it goes: nothing is kept per sample. The library keeps process-wide

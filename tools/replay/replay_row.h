@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library reported for one sample of a replay.
 #pragma once
 

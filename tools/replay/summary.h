@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The figures of a replay that a person reads first, and their text. The
 // figures are gathered sample by sample (SummaryBuilder), so a recording of
 // any length is summarised in fixed memory.

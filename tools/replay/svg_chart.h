@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small inline-SVG charts: lines, steps, point clouds and bands over
 // numeric axes, with grid, ticks and a legend. Not-a-number values break a
 // line.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A look at the first samples of a recording, before the replay, for data
 // that contradict the declared units: an accelerometer in m/s^2 read as g
 // (or the other way round), a field in microtesla read as gauss (or the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A simulated hand-held device with known truth: an attitude (device to
 // east-north-up), the Earth's field, a hard-iron offset and sensor noise.
 // Used by the tests, the benchmarks and the generator of the bundled

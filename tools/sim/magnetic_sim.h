@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A simulated magnetometer with hard and soft iron for the magnetic layer's
 // tests, benchmark and measurement: raw = D * B_device + offset + noise,
 // where D is a symmetric soft-iron distortion, B_device the Earth's field

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The soak's disturbances: what goes wrong with the sensors, the device or
 // the host, one at a time, each for a while.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How long a quantity stays non-finite: episodes and the longest one, in
 // sample sets; an episode still open at the end counts up to the end.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The soak's user: phases of tumbling the device (up to 3 rad/s, a little
 // linear acceleration) and of rest, at a fixed sample interval.
 #pragma once

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Builds and runs the soak: simulated motion with periodic disturbances
 # through every pipeline, checking recovery and reporting latched states.
 #

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Long soak of the whole library on a simulated device in motion, with
 // periodic disturbances (tools/soak/disturbance.h): NaN and infinity bursts,
 // dead sensors reading zeros, a frozen magnetometer axis, hard-iron jumps,

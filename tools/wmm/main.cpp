@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // quelta-wmm: the World Magnetic Model's field at one place and date.
 //
 //   quelta-wmm LAT LON HEIGHT_KM DECIMAL_YEAR

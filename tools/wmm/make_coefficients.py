@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Turns a World Magnetic Model coefficient file (.COF) into the constant table
 compiled into libquelta, so that hosts need no file at run time.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A C host built against the installed QueltaAlgo: the header compiles as C,
  * functions and exported data objects resolve to the shared object. */
 #include <QueltaAlgo.h>

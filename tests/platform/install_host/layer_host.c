@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A C host of the installed libquelta.so: the layer's headers compile as C
  * and the library loaded is the one the headers describe. */
 #include <quelta/quelta.h>
