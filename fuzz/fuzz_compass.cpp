@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "fuzz/fuzz_input.h"
+#include "tests/support/record_seal.h"
 #include "quelta/quelta_compass.h"
 
 namespace {
@@ -19,15 +20,6 @@ namespace {
 using quelta::fuzz::FuzzInput;
 
 constexpr int kCallBudget = 32;  // calls per input: keeps an execution well under a millisecond
-
-uint32_t crc32(const uint8_t* p, size_t n) {
-  uint32_t c = 0xFFFFFFFFu;
-  for (size_t i = 0; i < n; ++i) {
-    c ^= p[i];
-    for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
-  }
-  return ~c;
-}
 
 void putF64(uint8_t* p, double d) {
   uint64_t v;
@@ -49,8 +41,7 @@ void makeRecord(FuzzInput& in, uint8_t* rec) {
   for (int i = 0; i < changes; ++i) v[in.byte() % 14] = in.value();
   for (int i = 0; i < 14; ++i) putF64(rec + 12 + 8 * i, v[i]);
   if (in.byte() % 8 == 0) rec[in.byte() % QUELTA_MAG_RECORD_SIZE] ^= static_cast<uint8_t>(1u << (in.byte() % 8));
-  const uint32_t crc = crc32(rec, QUELTA_MAG_RECORD_SIZE - 4);
-  for (int i = 0; i < 4; ++i) rec[QUELTA_MAG_RECORD_SIZE - 4 + i] = static_cast<uint8_t>(crc >> (8 * i));
+  quelta::test_support::sealRecord(rec, QUELTA_MAG_RECORD_SIZE);
 }
 
 bool finiteAll(const double* v, int n) {

@@ -9,6 +9,7 @@
 
 #include "quelta/compass/compass.h"
 #include "quelta/compass/compass_filter.h"
+#include "tests/compass/attitude_errors.h"
 #include "quelta/quelta.h"
 #include "tests/support/allocation_counter.h"
 
@@ -28,16 +29,6 @@ struct Truth {
 Vec3 accOf(const Quat& q, Vec3 linear = {}) { return rotateBack(q, Vec3{0, 0, 1} + linear); }
 Vec3 fieldOf(const Quat& q, Vec3 extra = {}) { return rotateBack(q, kField + extra); }
 
-// Heading error about the vertical between truth and estimate, degrees.
-double headingErrorDeg(const Quat& truth, const Quat& estimate) {
-  const Quat e = truth * conj(estimate);
-  return wrapPi(2.0 * std::atan2(e.z, e.w)) / kDeg;
-}
-double tiltErrorDeg(const Quat& truth, const Quat& estimate) {
-  const Vec3 a = rotateBack(truth, {0, 0, 1});
-  const Vec3 b = rotateBack(estimate, {0, 0, 1});
-  return std::atan2(norm(cross(a, b)), dot(a, b)) / kDeg;
-}
 
 // Runs the filter over a motion given as a rate profile, starting from q0.
 // Calls check(t, truth) after each sample.

@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "quelta/compass/compass_filter.h"
+#include "tests/compass/attitude_errors.h"
 #include "quelta/compass/gyro_bias.h"
 #include "quelta/compass/heading_estimate.h"
 
@@ -16,15 +17,6 @@ namespace {
 
 const Vec3 kField{0.0, 0.25, -0.433};  // gauss, east-north-up, 60 degrees of dip
 
-double headingErrorDeg(const Quat& truth, const Quat& estimate) {
-  const Quat e = truth * conj(estimate);
-  return wrapPi(2.0 * std::atan2(e.z, e.w)) / kDeg;
-}
-double tiltErrorDeg(const Quat& truth, const Quat& estimate) {
-  const Vec3 a = rotateBack(truth, {0, 0, 1});
-  const Vec3 b = rotateBack(estimate, {0, 0, 1});
-  return std::atan2(norm(cross(a, b)), dot(a, b)) / kDeg;
-}
 
 TEST(GyroBias, RestTeachesAnyBiasButASteadyTurnIsNoRestAndTooLargeIsUnusable) {
   const Vec3 acc{0.0, 0.0, 1.0};

@@ -11,18 +11,10 @@
 #include <memory>
 
 #include "quelta/quelta.h"
+#include "tests/support/record_seal.h"
 #include "tools/sim/magnetic_sim.h"
 
 namespace {
-
-uint32_t crc32(const uint8_t* p, size_t n) {
-  uint32_t c = 0xFFFFFFFFu;
-  for (size_t i = 0; i < n; ++i) {
-    c ^= p[i];
-    for (int k = 0; k < 8; ++k) c = (c & 1u) ? (c >> 1) ^ 0xEDB88320u : c >> 1;
-  }
-  return ~c;
-}
 
 // A record with a valid checksum: offset, soft iron (00 11 22 01 02 12), strength.
 void makeRecord(uint8_t* rec, const double offset[3], const double soft[6], double strength) {
@@ -35,8 +27,7 @@ void makeRecord(uint8_t* rec, const double offset[3], const double soft[6], doub
   const double v[14] = {offset[0], offset[1], offset[2], soft[0], soft[1], soft[2], soft[3],
                         soft[4],   soft[5],   strength,  0.8 * strength, 0.004, 2.0, 0.9};
   std::memcpy(rec + 12, v, sizeof v);  // the test hosts are little-endian, as the record
-  const uint32_t c = crc32(rec, QUELTA_MAG_RECORD_SIZE - 4);
-  for (int i = 0; i < 4; ++i) rec[QUELTA_MAG_RECORD_SIZE - 4 + i] = static_cast<uint8_t>(c >> (8 * i));
+  quelta::test_support::sealRecord(rec, QUELTA_MAG_RECORD_SIZE);
 }
 
 // Soft iron with determinant 1 and eigenvalues (4, -0.5, -0.5): ones on the

@@ -2,6 +2,8 @@
 // The save/restore record and the C interface over caller-owned state.
 #include <gtest/gtest.h>
 
+#include "tests/support/record_seal.h"
+
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -17,18 +19,7 @@ using quelta::magnetic::Calibrator;
 using quelta::magnetic::kRecordSize;
 using quelta::magnetic::RecordStatus;
 
-uint32_t crc32(const uint8_t* p, size_t n) {
-  uint32_t c = 0xFFFFFFFFu;
-  for (size_t i = 0; i < n; ++i) {
-    c ^= p[i];
-    for (int k = 0; k < 8; ++k) c = (c & 1u) ? (c >> 1) ^ 0xEDB88320u : c >> 1;
-  }
-  return ~c;
-}
-void sealCrc(uint8_t* rec) {
-  const uint32_t c = crc32(rec, kRecordSize - 4);
-  for (int i = 0; i < 4; ++i) rec[kRecordSize - 4 + i] = static_cast<uint8_t>(c >> (8 * i));
-}
+void sealCrc(uint8_t* rec) { quelta::test_support::sealRecord(rec, kRecordSize); }
 
 void calibrate(Calibrator& cal, double seconds = 60.0) {
   quelta::sim::SoftIronDevice dev;
