@@ -126,7 +126,9 @@ void Compass::publish(double hostTime, const TimeStep& step, const Vec3* gyro) {
   out_ = filter_.output();
   out_.t = hostTime;
   if (step.restart || step.gap) out_.flags |= kFlagTimeRestart;
-  if (gyro != nullptr && !health_.gyroUsable()) out_.flags |= kFlagGyroscopeLeftOut;
+  // Left out by the health checks, or by the filter's own verdict that its
+  // bias is beyond what can be learnt: either way the host is told.
+  if (gyro != nullptr && (!health_.gyroUsable() || !filter_.gyroUsable())) out_.flags |= kFlagGyroscopeLeftOut;
   if (!health_.fieldUsable()) out_.flags |= kFlagFieldLeftOut;
   // No field (none handed over, or left out): the heading drifts with the
   // bias that is still unknown, and comes back as the field pulls it in.

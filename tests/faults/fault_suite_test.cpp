@@ -211,4 +211,50 @@ TEST(FaultSuite, StuckSensorsAreLeftOutWhileTheFaultLasts) {
   }
 }
 
+// A gyroscope whose bias (0.5 rad/s on every axis) is beyond what can be
+// learnt is dropped, and the host is told so: within a few seconds the
+// flag is raised and stays.
+TEST(FaultSuite, AnUnlearnableBiasIsFlaggedAsLeftOut) {
+  const Walk& w = walk();
+  quelta::faults::RunOptions options;
+  const Fault bias{FaultKind::GyroBias, 0.0, 0.0, 0.5, "bias"};
+  const quelta::faults::Trace t = quelta::faults::run(w.stream, bias, options);
+  ASSERT_FALSE(t.t.empty());
+  double firstOut = -1.0;
+  size_t outAfter = 0, after = 0;
+  for (size_t i = 0; i < t.t.size(); ++i) {
+    const bool out = (t.flags[i] & QUELTA_COMPASS_FLAG_GYROSCOPE_LEFT_OUT) != 0;
+    if (out && firstOut < 0.0) firstOut = t.t[i] - t.t[0];
+    if (firstOut >= 0.0) {
+      ++after;
+      outAfter += out;
+    }
+  }
+  EXPECT_GE(firstOut, 0.0);
+  EXPECT_LE(firstOut, 10.0);  // s: a few of the health checks' 3 s blocks
+  EXPECT_GT(static_cast<double>(outAfter), 0.95 * static_cast<double>(after));
+}
+
+// A device lying still whose gyroscope reads 0.3 rad/s about x, beyond the
+// bias the compass can learn: the gyroscope is dropped (the compass tracks
+// without it) and the host sees it flagged as left out.
+TEST(FaultSuite, ARestingGyroscopeFarOffIsFlaggedAsLeftOut) {
+  static quelta_compass compass;
+  ASSERT_EQ(quelta_compass_init(&compass), 0);
+  const double acc[3] = {0.0, 0.0, 1.0};      // g, lying flat
+  const double field[3] = {0.0, 0.25, -0.433};  // gauss, top edge north
+  const double gyro[3] = {0.3, 0.0, 0.0};      // rad/s
+  quelta_compass_output out{};
+  double firstOut = -1.0;
+  for (int i = 0; i < 20 * 50; ++i) {
+    const double t = 0.02 * i;
+    ASSERT_EQ(quelta_compass_update(&compass, t, acc, field, gyro), 0);
+    ASSERT_EQ(quelta_compass_get_output(&compass, &out), 0);
+    if (firstOut < 0.0 && (out.flags & QUELTA_COMPASS_FLAG_GYROSCOPE_LEFT_OUT) != 0) firstOut = t;
+  }
+  EXPECT_GE(firstOut, 0.0);
+  EXPECT_NE(out.flags & QUELTA_COMPASS_FLAG_GYROSCOPE_LEFT_OUT, 0u);
+  EXPECT_EQ(out.flags & QUELTA_COMPASS_FLAG_GYROSCOPE, 0u);
+}
+
 }  // namespace
