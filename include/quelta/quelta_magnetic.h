@@ -139,8 +139,11 @@ QUELTA_LAYER_API void quelta_mag_apply(const quelta_mag_state* state, const doub
                                        double calibrated[3]);
 
 /* Writes the calibration record (QUELTA_MAG_RECORD_SIZE bytes). Returns
- * QUELTA_MAG_RECORD_OK, or QUELTA_MAG_RECORD_NO_CALIBRATION (the record is
- * then zeroed). */
+ * QUELTA_MAG_RECORD_OK, QUELTA_MAG_RECORD_NO_CALIBRATION, or
+ * QUELTA_MAG_RECORD_BAD_VALUES when the calibration in use is one that
+ * quelta_mag_restore would refuse (outside the limits below, e.g. fitted in
+ * a field stronger than the earth's); the record is then zeroed. What is
+ * saved always restores. */
 QUELTA_LAYER_API int quelta_mag_save(const quelta_mag_state* state,
                                      uint8_t record[QUELTA_MAG_RECORD_SIZE]);
 

@@ -85,6 +85,39 @@ bool physical(const Calibration& c) {
          norm(c.offset) < kMaxOffsetGauss && c.strength >= kEarthFieldMinGauss && c.strength <= kEarthFieldMaxGauss;
 }
 
+// Reads and checks a record without adopting it: the calibration and the
+// record's doubles on success.
+RecordStatus parseRecord(const uint8_t* rec, std::size_t size, Calibration& c, double (&v)[kDoubles]) {
+  if (rec == nullptr || size < kRecordSize) return RecordStatus::Truncated;
+  if (rec[0] != 'Q' || rec[1] != 'M' || rec[2] != 'A' || rec[3] != 'G') return RecordStatus::BadMagic;
+  if (get16(rec + 4) != kRecordVersion || get16(rec + 6) != kRecordSize) return RecordStatus::OtherVersion;
+  if (get32(rec + kCrcAt) != crc32(rec, kCrcAt)) return RecordStatus::BadChecksum;
+  for (int i = 0; i < kDoubles; ++i) {
+    v[i] = getF64(rec + 12 + 8 * i);
+    if (!std::isfinite(v[i])) return RecordStatus::BadValues;
+  }
+  const uint8_t model = rec[8];
+  const uint8_t accuracy = rec[9];
+  if ((model != 1 && model != 2) || accuracy > 3 || get16(rec + 10) != 0) return RecordStatus::BadValues;
+  c = Calibration{};
+  c.offset = {v[0], v[1], v[2]};
+  c.softIron.m[0][0] = v[3];
+  c.softIron.m[1][1] = v[4];
+  c.softIron.m[2][2] = v[5];
+  c.softIron.m[0][1] = c.softIron.m[1][0] = v[6];
+  c.softIron.m[0][2] = c.softIron.m[2][0] = v[7];
+  c.softIron.m[1][2] = c.softIron.m[2][1] = v[8];
+  c.strength = v[9];
+  c.vertical = v[10];
+  c.model = static_cast<Model>(model);
+  const double d = det(c.softIron);
+  bool sane = norm(c.offset) < 100.0 && c.strength > 0.02 && c.strength < 10.0 &&
+              std::fabs(c.vertical) <= c.strength * 1.0001 && std::fabs(d - 1.0) < 1e-3 &&
+              v[11] >= 0.0 && v[12] >= 0.0 && v[12] <= 180.0 && v[13] >= 0.0 && v[13] <= 1.0;
+  for (int i = 0; i < 3; ++i) sane = sane && c.softIron.m[i][i] > 0.5 && c.softIron.m[i][i] < 2.0;
+  return sane && physical(c) ? RecordStatus::Ok : RecordStatus::BadValues;
+}
+
 }  // namespace
 
 const char* recordStatusText(RecordStatus s) {
@@ -118,39 +151,23 @@ RecordStatus Calibrator::save(uint8_t (&rec)[kRecordSize]) const {
                               quality_.coverage};
   for (int i = 0; i < kDoubles; ++i) putF64(rec + 12 + 8 * i, v[i]);
   put32(rec + kCrcAt, crc32(rec, kCrcAt));
+  // What is saved must restore: a calibration outside what a magnetometer on
+  // earth can have (a fit in a lab's coil, say) is not written.
+  Calibration check;
+  double values[kDoubles];
+  if (parseRecord(rec, kRecordSize, check, values) != RecordStatus::Ok) {
+    std::memset(rec, 0, kRecordSize);
+    return RecordStatus::BadValues;
+  }
   return RecordStatus::Ok;
 }
 
 RecordStatus Calibrator::restore(const uint8_t* rec, std::size_t size) {
-  if (rec == nullptr || size < kRecordSize) return RecordStatus::Truncated;
-  if (rec[0] != 'Q' || rec[1] != 'M' || rec[2] != 'A' || rec[3] != 'G') return RecordStatus::BadMagic;
-  if (get16(rec + 4) != kRecordVersion || get16(rec + 6) != kRecordSize) return RecordStatus::OtherVersion;
-  if (get32(rec + kCrcAt) != crc32(rec, kCrcAt)) return RecordStatus::BadChecksum;
-  double v[kDoubles];
-  for (int i = 0; i < kDoubles; ++i) {
-    v[i] = getF64(rec + 12 + 8 * i);
-    if (!std::isfinite(v[i])) return RecordStatus::BadValues;
-  }
-  const uint8_t model = rec[8];
-  const uint8_t accuracy = rec[9];
-  if ((model != 1 && model != 2) || accuracy > 3 || get16(rec + 10) != 0) return RecordStatus::BadValues;
   Calibration c;
-  c.offset = {v[0], v[1], v[2]};
-  c.softIron.m[0][0] = v[3];
-  c.softIron.m[1][1] = v[4];
-  c.softIron.m[2][2] = v[5];
-  c.softIron.m[0][1] = c.softIron.m[1][0] = v[6];
-  c.softIron.m[0][2] = c.softIron.m[2][0] = v[7];
-  c.softIron.m[1][2] = c.softIron.m[2][1] = v[8];
-  c.strength = v[9];
-  c.vertical = v[10];
-  c.model = static_cast<Model>(model);
-  const double d = det(c.softIron);
-  bool sane = norm(c.offset) < 100.0 && c.strength > 0.02 && c.strength < 10.0 &&
-              std::fabs(c.vertical) <= c.strength * 1.0001 && std::fabs(d - 1.0) < 1e-3 &&
-              v[11] >= 0.0 && v[12] >= 0.0 && v[12] <= 180.0 && v[13] >= 0.0 && v[13] <= 1.0;
-  for (int i = 0; i < 3; ++i) sane = sane && c.softIron.m[i][i] > 0.5 && c.softIron.m[i][i] < 2.0;
-  if (!sane || !physical(c)) return RecordStatus::BadValues;
+  double v[kDoubles];
+  const RecordStatus status = parseRecord(rec, size, c, v);
+  if (status != RecordStatus::Ok) return status;
+  const uint8_t accuracy = rec[9];
 
   reset();
   cal_ = c;
