@@ -21,25 +21,13 @@ using quelta::fuzz::FuzzInput;
 
 constexpr int kCallBudget = 32;  // calls per input: keeps an execution well under a millisecond
 
-void putF64(uint8_t* p, double d) {
-  uint64_t v;
-  std::memcpy(&v, &d, 8);
-  for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
-
 // A record the fuzzer may tamper with: a good ellipsoid calibration whose
 // values (and checksum, when asked) it can change.
 void makeRecord(FuzzInput& in, uint8_t* rec) {
-  std::memset(rec, 0, QUELTA_MAG_RECORD_SIZE);
-  std::memcpy(rec, "QMAG", 4);
-  rec[4] = 1;
-  rec[6] = QUELTA_MAG_RECORD_SIZE;
-  rec[8] = 2;
-  rec[9] = 3;
   double v[14] = {0.12, -0.25, 0.08, 1.0, 1.0, 1.0, 0.0, 0.0, 0.0, 0.5, 0.43, 0.004, 2.0, 0.9};
   const int changes = in.byte() % 4;
   for (int i = 0; i < changes; ++i) v[in.byte() % 14] = in.value();
-  for (int i = 0; i < 14; ++i) putF64(rec + 12 + 8 * i, v[i]);
+  quelta::test_support::writeEllipsoidRecord(rec, QUELTA_MAG_RECORD_SIZE, v);
   if (in.byte() % 8 == 0) rec[in.byte() % QUELTA_MAG_RECORD_SIZE] ^= static_cast<uint8_t>(1u << (in.byte() % 8));
   quelta::test_support::sealRecord(rec, QUELTA_MAG_RECORD_SIZE);
 }

@@ -18,15 +18,9 @@ namespace {
 
 // A record with a valid checksum: offset, soft iron (00 11 22 01 02 12), strength.
 void makeRecord(uint8_t* rec, const double offset[3], const double soft[6], double strength) {
-  std::memset(rec, 0, QUELTA_MAG_RECORD_SIZE);
-  std::memcpy(rec, "QMAG", 4);
-  rec[4] = 1;
-  rec[6] = QUELTA_MAG_RECORD_SIZE;
-  rec[8] = 2;
-  rec[9] = 3;
   const double v[14] = {offset[0], offset[1], offset[2], soft[0], soft[1], soft[2], soft[3],
                         soft[4],   soft[5],   strength,  0.8 * strength, 0.004, 2.0, 0.9};
-  std::memcpy(rec + 12, v, sizeof v);  // the test hosts are little-endian, as the record
+  quelta::test_support::writeEllipsoidRecord(rec, QUELTA_MAG_RECORD_SIZE, v);
   quelta::test_support::sealRecord(rec, QUELTA_MAG_RECORD_SIZE);
 }
 
