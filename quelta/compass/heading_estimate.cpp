@@ -19,7 +19,31 @@ void HeadingEstimate::reset(double biasVar) {
   psiPrimed_ = false;
   jitterSq_ = 0.0;
   steadyTime_ = 0.0;
+  anchored_ = false;
+  anchorAge_ = 0.0;
+  anchor_ = 0.0;
   carried_ = 0.0;
+}
+
+// The low-passed disagreement against where it stood when it began: it may
+// wander by what the field's noise over the low-pass and the bias still
+// unknown about up explain (a gyroscope's drift over the time since), not
+// more. Returns false (and anchors anew) when it wandered further.
+bool HeadingEstimate::trackSteadiness(double dt) {
+  if (!anchored_) {
+    anchored_ = true;
+    anchor_ = psiLp_;
+    anchorAge_ = 0.0;
+    return true;
+  }
+  anchorAge_ += dt;
+  const double density = maxOf(settings_.fieldNoise * settings_.fieldNoise, jitterSq_ * settings_.innovationTau);
+  const double wander = settings_.gate * std::sqrt(density / settings_.innovationTau) + settings_.gateFloorDeg * kDeg +
+                        std::sqrt(bb_) * anchorAge_;
+  if (std::fabs(wrapPi(psiLp_ - anchor_)) <= wander) return true;
+  anchor_ = psiLp_;
+  anchorAge_ = 0.0;
+  return false;
 }
 
 void HeadingEstimate::start(double dt) {
@@ -61,8 +85,12 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
   // far more than a still one's).
   const double kNoise = dt / (dt + settings_.noiseTau);
   jitterSq_ += kNoise * (jitter * jitter - jitterSq_);
+  // Whether the disagreement still says what it said when it began: a
+  // wrong heading shows the same disagreement whatever the device does,
+  // a disturbance the device moves through does not.
+  const bool consistent = trackSteadiness(dt);
   if (!follow || !(weight > 0.0)) {
-    steadyTime_ = 0.0;
+    if (!consistent) steadyTime_ = 0.0;
     return c;
   }
   // What the low-passed disagreement may be when both agree: the field's
@@ -76,9 +104,13 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
   // begun that the low-pass has not caught up with yet.
   const double allowedNow = settings_.gate * std::sqrt(noise + jitterSq_ + hh_) + floor;
   if ((std::fabs(psiLp_) > allowed || std::fabs(psi) > allowedNow) && hh_ < kUnknownHeadingVar) {
-    // Not followed, unless the field stays clean by every other test for
-    // long enough: then it is the new reference.
-    steadyTime_ = clean ? steadyTime_ + dt : 0.0;
+    // Not followed, unless the field keeps saying the same, and is clean
+    // by every other test for long enough while it does: then it is the new
+    // reference. A field clean only now and then (a walking device's dip
+    // swings with its tilt) counts its clean time, however interrupted, as
+    // long as the disagreement holds steady.
+    if (!consistent) steadyTime_ = 0.0;
+    if (clean) steadyTime_ += dt;
     if (steadyTime_ < settings_.acceptTime) return c;
     // The heading knows no better than the disagreement, and the bias no
     // better than the drift that would explain it since the field was last
@@ -88,8 +120,10 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
     const double drift = psiLp_ / maxOf(carried_, settings_.acceptTime);
     bb_ = minOf(bb_ + drift * drift, maxOf(bb_, startBiasVar_));
     steadyTime_ = 0.0;
+    anchored_ = false;
   } else {
     steadyTime_ = 0.0;
+    anchored_ = false;
   }
   // Kalman update with the field's heading, its noise per sample the
   // density over dt, less where the field is trusted less.

@@ -10,8 +10,9 @@
 // disagreement beyond what the two uncertainties explain is not followed
 // (the gyroscope carries the heading); one that persists while the field is
 // clean by every other test (strength, dip, turning) is a new reference (the
-// device walked into another part of the room): the heading forgets what it
-// knew and converges to it.
+// device walked into another part of the room, or the heading was lost): the
+// heading forgets what it knew and converges to it. The clean time counts
+// even when interrupted, as long as the disagreement holds steady.
 #pragma once
 
 #include "quelta/compass/compass_math.h"
@@ -80,7 +81,12 @@ class HeadingEstimate {
   double psiLp_ = 0.0;                     // rad, low-passed disagreement
   double jitterSq_ = 0.0;                  // rad^2, mean square of the readings about it
   bool psiPrimed_ = false;
-  double steadyTime_ = 0.0;                // s the field has disagreed while clean by every other test
+  bool trackSteadiness(double dt);
+
+  double steadyTime_ = 0.0;                // s the field has disagreed steadily while clean by every other test
+  bool anchored_ = false;                  // a steady disagreement is being watched
+  double anchor_ = 0.0;                    // rad, the low-passed disagreement when it began
+  double anchorAge_ = 0.0;                 // s since
   double carried_ = 0.0;
 };
 

@@ -153,14 +153,33 @@ int matrix(const std::string& dir) {
 }
 
 // One fault's run beside the no-fault run, every 0.2 s from its start on.
-void printTrace(const quelta::faults::Trace& clean, const quelta::faults::Trace& faulty, const Fault& f) {
-  std::printf("     t   clean   fault    diff  acc.clean  acc.fault  level  flags\n");
+// With the stream, also each run's heading error against the truth (north
+// aligned by the no-fault run's median offset after 30 s).
+void printTrace(const quelta::faults::Trace& clean, const quelta::faults::Trace& faulty, const Fault& f,
+                const std::vector<SampleSet>* stream = nullptr) {
+  double align = NAN;
+  if (stream != nullptr) {
+    std::vector<double> offsets;
+    for (size_t i = 0; i < clean.t.size(); ++i)
+      if (std::isfinite((*stream)[i].truth[0]) && clean.t[i] > 30.0)
+        offsets.push_back(quelta::faults::headingDiffDeg(&clean.quaternion[4 * i], (*stream)[i].truth));
+    if (!offsets.empty()) {
+      std::nth_element(offsets.begin(), offsets.begin() + offsets.size() / 2, offsets.end());
+      align = offsets[offsets.size() / 2];
+    }
+  }
+  const auto errorOf = [&](const quelta::faults::Trace& tr, size_t i) {
+    if (!std::isfinite(align) || !std::isfinite((*stream)[i].truth[0])) return static_cast<double>(NAN);
+    return quelta::faults::angleDiffDeg(quelta::faults::headingDiffDeg(&tr.quaternion[4 * i], (*stream)[i].truth), align);
+  };
+  std::printf("     t   clean   fault    diff  acc.clean  acc.fault  level  flags  offset.clean  offset.fault  err.clean  err.fault\n");
   const size_t step = std::getenv("FAULTS_EVERY") ? static_cast<size_t>(std::atoi(std::getenv("FAULTS_EVERY"))) : 10;
   for (size_t i = 0; i < clean.t.size(); i += step) {
     if (clean.t[i] < f.start - 1.0) continue;
-    std::printf("%6.1f %7.2f %7.2f %7.2f %9.2f %10.2f %6d  0x%x\n", clean.t[i], clean.azimuthDeg[i],
+    std::printf("%6.1f %7.2f %7.2f %7.2f %9.2f %10.2f %6d  0x%03x %13.4f %13.4f %10.2f %10.2f\n", clean.t[i], clean.azimuthDeg[i],
                 faulty.azimuthDeg[i], quelta::faults::headingDiffDeg(&faulty.quaternion[4 * i], &clean.quaternion[4 * i]),
-                clean.headingAccuracyDeg[i], faulty.headingAccuracyDeg[i], faulty.accuracy[i], faulty.flags[i]);
+                clean.headingAccuracyDeg[i], faulty.headingAccuracyDeg[i], faulty.accuracy[i], faulty.flags[i],
+                clean.offsetGauss[i], faulty.offsetGauss[i], errorOf(clean, i), errorOf(faulty, i));
   }
 }
 
@@ -308,7 +327,7 @@ int traceOne(const std::string& dir, const std::string& name, int index) {
   options.referenceOffset = off.data();
   const std::vector<Fault> matrix = quelta::faults::faultMatrix(100.0);
   const Fault& f = matrix.at(static_cast<size_t>(index));
-  printTrace(quelta::faults::run(stream, Fault{}, options), quelta::faults::run(stream, f, options), f);
+  printTrace(quelta::faults::run(stream, Fault{}, options), quelta::faults::run(stream, f, options), f, &stream);
   return 0;
 }
 
