@@ -237,8 +237,10 @@ QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state
  *   - A longer step forward is a gap: nothing is propagated across it.
  *     Unless gravity and the field show the device where it was (within
  *     20 degrees), the attitude is found again from the next samples (as at
- *     the start, from the accelerometer and the field); the calibration is
- *     kept either way.
+ *     the start, from the accelerometer and the field; the heading accuracy
+ *     says how far one reading of a moving device can be off until the tilt
+ *     has settled, a few seconds); the calibration, the gyroscope's bias and
+ *     what the field's strength and dip should be are kept either way.
  * Both set QUELTA_COMPASS_FLAG_TIME_RESTART on that sample set's output.
  *
  * Sensors: a gyroscope that repeats one reading exactly (zeros included)

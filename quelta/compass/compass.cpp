@@ -66,7 +66,7 @@ int32_t Compass::updateCalibrated(double t, const Vec3& acc, const Vec3* field, 
 TimeStep Compass::admit(double t, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField,
                         const Vec3* gyro) {
   const TimeStep step = guard_.admit(t);
-  if (step.gap && !health_.unmoved(acc, calibratedField, kUnmovedDeg)) filter_.reset();
+  if (step.gap && !health_.unmoved(acc, calibratedField, kUnmovedDeg)) filter_.restartAttitude();
   health_.observe(step.dt, acc, rawField, calibratedField, gyro);
   if (health_.takeGyroscopeBack()) filter_.reset();
   return step;

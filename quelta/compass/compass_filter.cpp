@@ -101,6 +101,25 @@ void CompassFilter::reset() {
   *this = CompassFilter(kept);
 }
 
+void CompassFilter::restartAttitude() {
+  // What belongs to the sensors and the place stays: the gyroscope's bias
+  // and the field's references. The attitude, the heading's filter and the
+  // tracker's rate start over from the next sample set.
+  started_ = false;
+  seenFirst_ = false;
+  headingKnown_ = false;
+  startBiasVar_ = heading_.biasVar();
+  field_.restartTurn();
+  tilt_ = TiltCorrection(settings_.tilt);
+  prevGyro_ = Vec3{};
+  prevDt_ = 0.0;
+  rateWorld_ = Vec3{};
+  lastRate_ = Vec3{};
+  driftVar_ = 0.0;
+  innovationSq_ = 0.0;
+  out_.flags |= kFlagNoHeading;
+}
+
 void CompassFilter::initialise(double t, const Vec3& acc, const Vec3* field) {
   started_ = true;
   tStart_ = t;
@@ -115,8 +134,24 @@ void CompassFilter::initialise(double t, const Vec3& acc, const Vec3* field) {
   }
   att_.readings = att_.now;
   tilt_.start(acc);
-  heading_.reset(bias_.settings().startSigma * bias_.settings().startSigma);
-  if (headingKnown_) heading_.start(0.0);
+  // What is known of the bias about up: nothing at first, what was learnt
+  // before a restart.
+  heading_.reset(startBiasVar_ > 0.0 ? startBiasVar_ : bias_.settings().startSigma * bias_.settings().startSigma);
+  if (headingKnown_) heading_.start(0.0, startHeadingVar(acc, *field));
+}
+
+// What the first field's heading may be off by, rad^2: the tilt of a
+// start (startTiltSigma, more while the accelerometer reads other than 1 g:
+// at least that much of it is acceleration) times how much a tilt error
+// turns the field's heading (the tangent of its dip).
+double CompassFilter::startHeadingVar(const Vec3& acc, const Vec3& field) const {
+  const double na = norm(acc), nf = norm(field);
+  if (!(na > 0.0) || !(nf > 0.0)) return kPi * kPi;
+  const double sinDip = clampTo(dot(acc, field) / (na * nf), -1.0, 1.0);
+  const double cosDip = std::sqrt(maxOf(1.0 - sinDip * sinDip, 0.01));
+  const double tilt = settings_.startTiltSigma + std::asin(minOf(1.0, std::fabs(na - 1.0)));
+  const double e = tilt * std::fabs(sinDip) / cosDip;
+  return minOf(e * e, kPi * kPi);
 }
 
 void CompassFilter::propagate(const Vec3& gyro, double dt) {
@@ -162,8 +197,18 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
   // much less certain.
   const double tiltSigma = std::sqrt(bias_.horizontalVar()) * settings_.tilt.tau;
   const double elapsed = tLast_ - tStart_;
+  // Right after a start the tilt is one accelerometer reading's, off by
+  // whatever the device's acceleration was then; it settles with the tilt
+  // pull's time constant, and until it has the field's heading and dip are
+  // off by an error that lasts that long, not by noise.
+  const double settlingTilt = settings_.startTiltSigma * std::exp(-elapsed / settings_.tilt.tau);
+  // Until the tilt has settled after a start the field's dip and how its
+  // heading turns say more of the tilt than of the field: only its strength
+  // is judged.
+  const bool tiltSettling = elapsed < settings_.settleTimes * settings_.tilt.tau;
   const bool disturbed = field_.check(strength, dip, quality.disturbed, quality.newCalibration, dt, withGyro, psi,
-                                      norm(lastRate_), biasSigma, withGyro ? tiltSigma : 0.0) &&
+                                      norm(lastRate_), biasSigma, withGyro ? std::hypot(tiltSigma, settlingTilt) : 0.0,
+                                      !(withGyro && tiltSettling)) &&
                          elapsed >= 3.0;
   disturbed_ = disturbed;
   if (horizontal < 0.05 * strength) return 0.0;
@@ -171,7 +216,7 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
     att_.turnAboutUp(psi);
     applied = psi;
     headingKnown_ = true;
-    heading_.start(dt);
+    heading_.start(dt, startHeadingVar(rotateBack(att_.readings, kUp), field));
     return 1.0;
   }
   // A field that disagrees with its references counts less, the more so
@@ -188,11 +233,13 @@ double CompassFilter::fieldCorrection(const Vec3& field, const FieldQuality& qua
     // about 11 s): the field's heading is that much less informative.
     const double dipSlope = std::fabs(w.z) / maxOf(horizontal, 0.1 * strength);
     const double tiltHeading = tiltSigma * dipSlope;
+    const double settling = settlingTilt * dipSlope;
     const double tiltNoise =
         tiltHeading * tiltHeading * settings_.biasTiltTau * settings_.biasTiltTau / settings_.tilt.tau;
+    const double settleNoise = settling * settling * settings_.tilt.tau;
     const double slowness2 = dot(lastRate_, lastRate_) / (settings_.slowRate * settings_.slowRate);
     const HeadingEstimate::Correction c =
-        heading_.correct(psi, dt, follow, !disturbed, weight, tiltNoise, 1.0 / (1.0 + slowness2));
+        heading_.correct(psi, dt, follow, !disturbed, weight, tiltNoise, settleNoise, 1.0 / (1.0 + slowness2));
     if (!c.followed) return 0.0;
     applied = c.heading;
     Vec3 turn{0.0, 0.0, c.heading};

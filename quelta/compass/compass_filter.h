@@ -56,6 +56,10 @@ struct FilterSettings {
   double biasSettleTime = 30.0;     // s of slow motion until the bias about the horizontal axes is known
   double biasTiltSigma = 0.005;     // rad/s, what learning from the tilt pulls pins the bias to
   double slowRate = 0.5;            // rad/s: turns this fast teach the bias half as much (scale errors are no bias)
+  double settleTimes = 3.0;         // tilt time constants after a start before the field's dip and turning are
+                                    // judged (the start's tilt error down to 5 %)
+  double startTiltSigma = 0.5;      // rad: the tilt of the first reading after a start, when the device may be
+                                    // accelerating (half a g sideways); settles with the tilt pull
   double coning = 1.0;              // share of the two-interval coning term in the integration
   double readingDelay = 0.5;        // accelerometer and field lag the gyroscope, fraction of the interval
   // Without a gyroscope.
@@ -115,6 +119,10 @@ class CompassFilter {
   explicit CompassFilter(const FilterSettings& settings = FilterSettings());
 
   void reset();                      // forget everything but the settings
+  // Forget the attitude (found again from the next samples: after a gap
+  // over which the device turned) but keep what is known of the sensors
+  // and the place: the gyroscope's bias and the field's references.
+  void restartAttitude();
   void setDeclination(double degEast) { settings_.declinationDeg = degEast; }
   const FilterSettings& settings() const { return settings_; }
 
@@ -135,6 +143,7 @@ class CompassFilter {
 
  private:
   void initialise(double t, const Vec3& acc, const Vec3* field);
+  double startHeadingVar(const Vec3& acc, const Vec3& field) const;
   void propagate(const Vec3& gyro, double dt);
   void track(double dt);
   double fieldCorrection(const Vec3& field, const FieldQuality& quality, double dt, bool withGyro, double& applied);
@@ -150,6 +159,7 @@ class CompassFilter {
   bool seenFirst_ = false;
   double tFirst_ = 0.0;
   bool headingKnown_ = false;
+  double startBiasVar_ = 0.0;  // (rad/s)^2 about up at the start (0: the gyroscope's spread of parts)
   double tStart_ = 0.0;
   double tLast_ = 0.0;
   AttitudePair att_;

@@ -4,7 +4,8 @@
 namespace quelta::compass {
 
 bool FieldCheck::check(double strength, double dip, bool hostDisturbed, bool newCalibration, double dt,
-                       bool withGyro, double psi, double rate, double biasSigma, double tiltSigma) {
+                       bool withGyro, double psi, double rate, double biasSigma, double tiltSigma,
+                       bool tiltSettled) {
   if (newCalibration) age_ = 0.0;
   if (age_ <= 0.0) {
     strengthRef_ = strength;
@@ -14,8 +15,12 @@ bool FieldCheck::check(double strength, double dip, bool hostDisturbed, bool new
   // Without a gyroscope the tilt, and with it the dip, is noisier.
   const double dipTolerance = settings_.dipToleranceDeg * kDeg * (withGyro ? 1.0 : settings_.trackDipScale) + tiltSigma;
   const double dipScore = std::fabs(dip - dipRef_) / dipTolerance;
-  double score = maxOf(strengthScore, dipScore);
-  if (withGyro) {
+  double score = tiltSettled ? maxOf(strengthScore, dipScore) : strengthScore;
+  if (!tiltSettled) {
+    // The turn test starts afresh once the tilt has settled.
+    havePsi_ = false;
+    turnRate_ = 0.0;
+  } else if (withGyro) {
     // The field's heading against the gyroscope's: a clean field turns with
     // the device, so their difference stays put.
     if (havePsi_ && dt > 0.0) {

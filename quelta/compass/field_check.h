@@ -33,9 +33,17 @@ class FieldCheck {
   // the field's heading against the carried one) and rate (rad/s, the
   // gyroscope's) take part; biasSigma (rad/s) widens the turn test,
   // tiltSigma (rad, the tilt's uncertainty) the dip test.
-  // Returns true when the field is disturbed.
+  // tiltSettled false: the tilt is still settling after a start, so the dip
+  // and the turning say more of it than of the field; only the strength is
+  // judged. Returns true when the field is disturbed.
   bool check(double strength, double dip, bool hostDisturbed, bool newCalibration, double dt, bool withGyro,
-             double psi, double rate, double biasSigma, double tiltSigma);
+             double psi, double rate, double biasSigma, double tiltSigma, bool tiltSettled = true);
+
+  // The attitude starts over: the field's heading jumps without a turn.
+  void restartTurn() {
+    havePsi_ = false;
+    turnRate_ = 0.0;
+  }
 
   bool disturbed() const { return disturbed_; }      // the own check's verdict (hysteresis)
   double score() const { return score_; }            // 0 clean, >= 1 disturbed

@@ -46,8 +46,9 @@ bool HeadingEstimate::trackSteadiness(double dt) {
   return false;
 }
 
-void HeadingEstimate::start(double dt) {
-  hh_ = hhSeen_ = settings_.fieldNoise * settings_.fieldNoise / (dt > 0.0 ? dt : 0.02);
+void HeadingEstimate::start(double dt, double tiltVar) {
+  hh_ = hhSeen_ = minOf(settings_.fieldNoise * settings_.fieldNoise / (dt > 0.0 ? dt : 0.02) + tiltVar,
+                        kUnknownHeadingVar);
   hb_ = 0.0;
   carried_ = 0.0;
 }
@@ -72,7 +73,7 @@ void HeadingEstimate::pinBias(double biasVar) {
 }
 
 HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool follow, bool clean, double weight,
-                                                    double tiltNoise, double biasShare) {
+                                                    double tiltNoise, double settleNoise, double biasShare) {
   Correction c;
   if (!(dt > 0.0)) return c;
   const double k = dt / (dt + settings_.innovationTau);
@@ -96,7 +97,7 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
   // What the low-passed disagreement may be when both agree: the field's
   // noise over the low-pass, the heading's own uncertainty, a floor.
   const double density =
-      maxOf(settings_.fieldNoise * settings_.fieldNoise, jitterSq_ * settings_.innovationTau) + tiltNoise;
+      maxOf(settings_.fieldNoise * settings_.fieldNoise, jitterSq_ * settings_.innovationTau) + tiltNoise + settleNoise;
   const double noise = density / settings_.innovationTau;
   const double floor = settings_.gateFloorDeg * kDeg;
   const double allowed = settings_.gate * std::sqrt(noise + hh_) + floor;

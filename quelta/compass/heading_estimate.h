@@ -39,8 +39,9 @@ class HeadingEstimate {
   // vertical bias's variance, (rad/s)^2.
   void reset(double biasVar);
 
-  // The first field set the heading: its error is that of one reading.
-  void start(double dt);
+  // The first field set the heading: its error is that of one reading,
+  // and tiltVar (rad^2) from the tilt it was read with.
+  void start(double dt, double tiltVar = 0.0);
 
   // The heading was carried dt seconds by a gyroscope that turned by angle
   // radians in that time; the bias's variance grew by biasGrowth, (rad/s)^2.
@@ -62,9 +63,11 @@ class HeadingEstimate {
   // tiltNoise (rad^2 s) is the noise density the tilt's uncertainty adds to
   // the field's heading; biasShare (0..1) how much of what the disagreement
   // says of the bias is taken (during fast turns it is the gyroscope's scale
-  // and alignment errors, which are no bias).
+  // and alignment errors, which are no bias). settleNoise (rad^2 s) is the
+  // noise density of a tilt still settling after a start: unlike tiltNoise
+  // it makes the heading itself less certain, so it is reported as well.
   Correction correct(double psi, double dt, bool follow, bool clean, double weight, double tiltNoise,
-                     double biasShare = 1.0);
+                     double settleNoise = 0.0, double biasShare = 1.0);
 
   double headingVar() const { return hh_; }  // rad^2, the filter's own
   // rad^2, what is reported: the same without the tilt's share of the

@@ -110,6 +110,33 @@ TEST(HeadingEstimate, AGapInTheFieldTeachesTheBiasAndAClearDisagreementBecomesTh
   EXPECT_LT(std::fabs(error), 2.0 * kDeg);
 }
 
+TEST(HeadingEstimate, ASteadyDisagreementOnAFieldCleanOnlyNowAndThenIsTakenButAWanderingOneIsNot) {
+  // A heading 120 degrees off (an attitude lost and found wrongly) on a
+  // field that passes every test only half of each second (a walking
+  // device's dip swings with its tilt): the disagreement holds, so its
+  // clean time counts though interrupted, and the heading comes back.
+  const double dt = 0.02;
+  auto run = [&](bool wandering) {
+    HeadingEstimate h;
+    h.reset(0.002 * 0.002);
+    h.start(dt);
+    for (int i = 0; i < 500; ++i) h.correct(0.0, dt, true, true, 1.0, 0.0);  // settled on the right heading
+    double error = 120.0 * kDeg;
+    for (int i = 0; i < 2500; ++i) {  // 50 s
+      h.predict(dt, 0.0, 0.0);
+      const bool clean = (i / 25) % 2 == 0;
+      // A disturbance the device walks through: the field's error swings
+      // by 80 degrees over 4 s, whatever the heading's.
+      const double psi = wandering ? 120.0 * kDeg * std::sin(2.0 * kPi * i * dt / 8.0) : error;
+      const HeadingEstimate::Correction c = h.correct(psi, dt, true, clean, 1.0, 0.0);
+      error -= c.heading;
+    }
+    return error / kDeg;
+  };
+  EXPECT_LT(std::fabs(run(false)), 3.0);
+  EXPECT_GT(std::fabs(run(true)), 100.0);  // never taken: the heading stays where the gyroscope carries it
+}
+
 // A device carried along: sensor readings of attitude q with linear
 // acceleration lin (g, earth frame) and the gyroscope's rate w plus bias.
 void feed(CompassFilter& filter, double t, const Quat& q, const Vec3& lin, const Vec3& w, const Vec3& bias) {

@@ -172,14 +172,29 @@ void printTrace(const quelta::faults::Trace& clean, const quelta::faults::Trace&
     if (!std::isfinite(align) || !std::isfinite((*stream)[i].truth[0])) return static_cast<double>(NAN);
     return quelta::faults::angleDiffDeg(quelta::faults::headingDiffDeg(&tr.quaternion[4 * i], (*stream)[i].truth), align);
   };
-  std::printf("     t   clean   fault    diff  acc.clean  acc.fault  level  flags  offset.clean  offset.fault  err.clean  err.fault\n");
+  // The tilt error: the angle between the estimate's and the truth's up, seen from the device.
+  const auto tiltOf = [&](const quelta::faults::Trace& tr, size_t i) {
+    if (stream == nullptr || !std::isfinite((*stream)[i].truth[0])) return static_cast<double>(NAN);
+    const auto upInDevice = [](const double* q, double* u) {  // third row of the device-to-world matrix
+      u[0] = 2.0 * (q[1] * q[3] - q[0] * q[2]);
+      u[1] = 2.0 * (q[2] * q[3] + q[0] * q[1]);
+      u[2] = 1.0 - 2.0 * (q[1] * q[1] + q[2] * q[2]);
+    };
+    double a[3], b[3];
+    upInDevice(&tr.quaternion[4 * i], a);
+    upInDevice((*stream)[i].truth, b);
+    const double c = std::fmax(-1.0, std::fmin(1.0, a[0] * b[0] + a[1] * b[1] + a[2] * b[2]));
+    return std::acos(c) * 57.29577951308232;
+  };
+  std::printf("     t   clean   fault    diff  acc.clean  acc.fault  level  flags  offset.clean  offset.fault  err.clean  err.fault  tilt.clean  tilt.fault\n");
   const size_t step = std::getenv("FAULTS_EVERY") ? static_cast<size_t>(std::atoi(std::getenv("FAULTS_EVERY"))) : 10;
   for (size_t i = 0; i < clean.t.size(); i += step) {
     if (clean.t[i] < f.start - 1.0) continue;
-    std::printf("%6.1f %7.2f %7.2f %7.2f %9.2f %10.2f %6d  0x%03x %13.4f %13.4f %10.2f %10.2f\n", clean.t[i], clean.azimuthDeg[i],
+    std::printf("%6.1f %7.2f %7.2f %7.2f %9.2f %10.2f %6d  0x%03x %13.4f %13.4f %10.2f %10.2f %11.2f %11.2f\n", clean.t[i], clean.azimuthDeg[i],
                 faulty.azimuthDeg[i], quelta::faults::headingDiffDeg(&faulty.quaternion[4 * i], &clean.quaternion[4 * i]),
                 clean.headingAccuracyDeg[i], faulty.headingAccuracyDeg[i], faulty.accuracy[i], faulty.flags[i],
-                clean.offsetGauss[i], faulty.offsetGauss[i], errorOf(clean, i), errorOf(faulty, i));
+                clean.offsetGauss[i], faulty.offsetGauss[i], errorOf(clean, i), errorOf(faulty, i),
+                tiltOf(clean, i), tiltOf(faulty, i));
   }
 }
 
