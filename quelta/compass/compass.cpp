@@ -31,6 +31,7 @@ void Compass::reset() {
   health_.reset();
   out_ = CompassOutput{};
   withoutFieldDeg_ = 0.0;
+  gyroLeftOut_ = false;
 }
 
 int32_t Compass::update(double t, const Vec3& acc, const Vec3* rawField, const Vec3* gyro) {
@@ -67,6 +68,8 @@ TimeStep Compass::admit(double t, const Vec3& acc, const Vec3* rawField, const V
                         const Vec3* gyro) {
   const TimeStep step = guard_.admit(t);
   if (step.gap && !health_.unmoved(acc, calibratedField, kUnmovedDeg)) filter_.restartAttitude();
+  health_.setFieldTrusted(calibrator_.quality().accuracy >= 2 &&
+                          calibrator_.calibration().model != magnetic::Model::None);
   health_.observe(step.dt, acc, rawField, calibratedField, gyro);
   if (health_.takeGyroscopeBack()) filter_.reset();
   return step;
@@ -80,6 +83,11 @@ void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* 
   // beyond what the filter can hold) tells the calibration nothing: its
   // turns would teach a wrong offset.
   const Vec3* turns = health_.headingDoubtDeg() > 0.0 || !filter_.gyroUsable() ? nullptr : gyro;
+  // A gyroscope found wrong: the turns it gave the calibration before the
+  // verdict are no evidence either.
+  const bool leftOut = !health_.gyroUsable() || !filter_.gyroUsable();
+  if (leftOut && !gyroLeftOut_) calibrator_.forgetRotations();
+  gyroLeftOut_ = leftOut;
   if (rawField == nullptr) {
     // The turn still belongs to the calibration's evidence.
     if (turns != nullptr) {

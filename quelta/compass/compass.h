@@ -57,6 +57,7 @@ class Compass {
   CompassOutput out_;
   double withoutFieldDeg_ = 0.0;  // deg the heading may have drifted while no field was used
   bool fieldUsed_ = false;        // the filter got a field with the last sample set
+  bool gyroLeftOut_ = false;      // the gyroscope was left out with the last sample set
 };
 
 }  // namespace quelta::compass

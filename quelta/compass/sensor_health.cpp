@@ -87,7 +87,7 @@ void SensorHealth::observe(double dt, const Vec3& acc, const Vec3* rawField, con
   }
   if (gyro != nullptr) {
     watchGyroscope(dt, *gyro);
-    if (!gyroStuck_) compareBlocks(dt, *gyro);
+    if (!gyroStuck_) compareBlocks(dt, *gyro, acc, fieldTrusted_ ? calibratedField : nullptr);
   }
 }
 
@@ -153,37 +153,82 @@ void SensorHealth::watchField(double dt, const Vec3& raw) {
   fieldHealthyTime_ = pinned != 0 ? 0.0 : fieldHealthyTime_ + dt;
 }
 
-void SensorHealth::compareBlocks(double dt, const Vec3& gyro) {
-  const double k = dt / (dt + settings_.gravityTauS);
-  gyroLp_ = gyroLp_ + k * (gyro - gyroLp_);
-  const double ng = norm(gravity_);
-  if (!(ng > 0.0)) {
-    blockStarted_ = false;
-    return;
-  }
-  const Vec3 up = (1.0 / ng) * gravity_;
-  if (!blockStarted_) {
+void SensorHealth::compareBlocks(double dt, const Vec3& gyro, const Vec3& acc, const Vec3* calibratedField) {
+  gyroLp_ = gyroLp_ + dt / (dt + settings_.gravityTauS) * (gyro - gyroLp_);
+  if (!blockStarted_ || !(dt > 0.0)) {
     blockStarted_ = true;
     blockTime_ = 0.0;
-    blockQuiet_ = true;
-    upCarried_ = up;
+    blockFrame_ = Quat{};
+    accFirst_ = accLast_ = fieldFirst_ = fieldLast_ = Vec3{};
+    accFirstS_ = accLastS_ = fieldFirstS_ = fieldLastS_ = 0.0;
+    blockFieldValid_ = true;
+    haveFieldMid_ = false;
+    doubtDeg_ = badBlocksDeg_;
     return;
   }
-  // A direction fixed on earth turns the other way in device coordinates.
-  const Vec3 turn = (-dt) * gyroLp_;
-  upCarried_ = upCarried_ + cross(turn, upCarried_);
-  upCarried_ = (1.0 / norm(upCarried_)) * upCarried_;
+  blockFrame_ = normalised(blockFrame_ * fromRotationVector(dt * gyro));
   blockTime_ += dt;
-  blockQuiet_ = blockQuiet_ && norm(gyroLp_) < settings_.quietRate &&
-                std::fabs(norm(gravity_) - 1.0) < settings_.quietAccG;
-  const double mismatch = angleDeg(upCarried_, up);
+  const Vec3 a = rotate(blockFrame_, acc);
+  const Vec3* f = calibratedField;
+  // Between the windows the two are followed low-passed over half a window,
+  // so that single readings do not count as a disagreement.
+  const double kMid = dt / (dt + 0.5 * settings_.windowS);
+  accMid_ = blockTime_ <= dt ? a : accMid_ + kMid * (a - accMid_);
+  if (f != nullptr) {
+    const Vec3 fb = rotate(blockFrame_, *f);
+    fieldMid_ = haveFieldMid_ ? fieldMid_ + kMid * (fb - fieldMid_) : fb;
+    haveFieldMid_ = true;
+  }
+  const bool first = blockTime_ <= settings_.windowS;
+  const bool last = blockTime_ > settings_.blockS - settings_.windowS;
+  if (first) {
+    accFirst_ = accFirst_ + dt * a;
+    accFirstS_ += dt;
+    if (f != nullptr) {
+      fieldFirst_ = fieldFirst_ + dt * rotate(blockFrame_, *f);
+      fieldFirstS_ += dt;
+    }
+  }
+  if (last) {
+    accLast_ = accLast_ + dt * a;
+    accLastS_ += dt;
+    if (f != nullptr) {
+      fieldLast_ = fieldLast_ + dt * rotate(blockFrame_, *f);
+      fieldLastS_ += dt;
+    }
+  }
+  // How far the two ends disagree: gravity's direction, and the field's
+  // where it was there at both ends, calibrated alike and of one strength
+  // (a disturbance the device passes changes the strength as well).
+  const auto mismatchDeg = [&]() {
+    double m = angleDeg(accFirst_, last ? accLast_ : accMid_);
+    const double covered = 0.5;  // share of a window with a field that makes its mean count
+    if (blockFieldValid_ && fieldFirstS_ > covered * settings_.windowS &&
+        (last ? fieldLastS_ > covered * settings_.windowS : haveFieldMid_)) {
+      const Vec3 fa = (1.0 / fieldFirstS_) * fieldFirst_;
+      const Vec3 fb = last ? (1.0 / fieldLastS_) * fieldLast_ : fieldMid_;
+      const double strength = norm(fa) > 0.0 ? norm(fb) / norm(fa) : 0.0;
+      if (std::fabs(strength - 1.0) < settings_.fieldSteady) m = std::fmax(m, angleDeg(fa, fb));
+    }
+    return m;
+  };
   // Until the gyroscope is left out, what it may have turned the heading
-  // wrong by: the disagreement beyond noise, this block's and the bad ones' before.
-  doubtDeg_ = blockQuiet_ ? badBlocksDeg_ + std::fmax(0.0, mismatch - settings_.attitudeNoiseDeg) : badBlocksDeg_;
+  // wrong by: the disagreement beyond what noise and a bias within reach
+  // (which the filter learns) explain, this block's and the bad ones' before.
+  if (!first) {
+    const double reach = settings_.maxBias * (blockTime_ - 0.5 * settings_.windowS) / kDeg + settings_.attitudeNoiseDeg;
+    doubtDeg_ = badBlocksDeg_ + std::fmax(0.0, mismatchDeg() - reach);
+  }
   if (blockTime_ < settings_.blockS) return;
   blockStarted_ = false;
-  if (!blockQuiet_) return;  // neither verdict
-  const double explained = settings_.maxBias * blockTime_ / kDeg + settings_.attitudeNoiseDeg;
+  if (!(accFirstS_ > 0.0) || !(accLastS_ > 0.0)) return;
+  const double g0 = norm(accFirst_) / accFirstS_, g1 = norm(accLast_) / accLastS_;
+  if (std::fabs(g0 - 1.0) > settings_.quietAccG || std::fabs(g1 - 1.0) > settings_.quietAccG) return;  // no verdict
+  const double mismatch = mismatchDeg();
+  // Between the windows' middles a bias within reach turns them apart by
+  // at most this much.
+  const double apart = blockTime_ - settings_.windowS;
+  const double explained = settings_.maxBias * apart / kDeg + settings_.attitudeNoiseDeg;
   if (mismatch > explained) {
     ++badBlocks_;
     goodBlocks_ = 0;

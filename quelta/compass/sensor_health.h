@@ -13,10 +13,12 @@
 //   gyroscope or gravity turns. The field comes back once no axis has been
 //   pinned for a while, so a clipping sensor that dips in and out of its
 //   range stays out.
-// - A gyroscope whose bias no filter could learn: over blocks of a few
-//   seconds of slow motion gravity's direction turns otherwise than the
-//   gyroscope says, by more than the largest plausible bias and the
-//   accelerations explain. It is left out (the compass
+// - A gyroscope whose bias no filter could learn: gravity and the earth's
+//   field, fixed on earth, stay put in the frame the gyroscope carries if it
+//   is right; over blocks of a few seconds their means at the two ends of the
+//   block turn apart by more than the largest plausible bias and the
+//   accelerations (or a calibration's residue) explain, whatever the device
+//   does meanwhile. It is left out (the compass
 //   tracks without it) until the blocks agree again; it is then taken back
 //   and the filter, whose bias estimate is stale, starts over.
 //
@@ -42,12 +44,17 @@ struct HealthSettings {
   double fieldRecoveryS = 2.0;       // s without a pinned axis before the field is taken back
   double gravityTauS = 0.25;         // s, low-pass of the accelerometer for gravity's direction
   double blockS = 3.0;               // s, block over which the gyroscope and the other sensors' attitude are compared
+  double windowS = 1.0;              // s at each end of a block over which gravity and the field are averaged in
+                                     // the frame the gyroscope carries (a stride's or a swing's accelerations
+                                     // average out)
   double maxBias = 0.2;              // rad/s, the largest bias the filter learns
-  double attitudeNoiseDeg = 25.0;    // deg, how far the low-passed gravity strays from up under sustained
-                                     // accelerations (0.4 g sideways: 22 degrees)
-  double quietRate = 2.0;            // rad/s, blocks with a faster turn (bias included) are not judged
-                                     // (the low-passed attitude lags) ...
-  double quietAccG = 0.1;            // g ... nor those whose low-passed accelerometer is this far from 1 g
+  double attitudeNoiseDeg = 25.0;    // deg, how far a window's mean gravity strays from up under sustained
+                                     // accelerations (0.4 g sideways: 22 degrees), or a calibrated field's
+                                     // direction under a calibration's residue and soft iron
+  double fieldSteady = 0.1;          // relative: the field's strength at both ends of a block within this
+                                     // for its direction to count (a disturbance changes the strength too)
+  double quietAccG = 0.2;            // g: blocks whose mean specific force at either end is this far from 1 g
+                                     // (a sustained acceleration: a vehicle turning) are not judged
   int badBlocksToDrop = 2;           // blocks in a row that disagree before the gyroscope is left out
   int goodBlocksToTakeBack = 3;      // blocks in a row that agree before it is taken back
 };
@@ -71,7 +78,12 @@ class SensorHealth {
   void calibrationChanged() {
     haveCalibratedField_ = false;
     repeatFieldKnown_ = false;
+    blockFieldValid_ = false;
   }
+  // Whether the calibrated field is calibrated well enough that its
+  // direction is the earth's (a field still carrying the device's hard iron
+  // turns with the device, not against it).
+  void setFieldTrusted(bool trusted) { fieldTrusted_ = trusted; }
   // True once, when the gyroscope has just been taken back after a bias no
   // filter could learn: the filter's bias estimate is stale.
   bool takeGyroscopeBack() {
@@ -92,7 +104,7 @@ class SensorHealth {
  private:
   void watchGyroscope(double dt, const Vec3& gyro);
   void watchField(double dt, const Vec3& raw);
-  void compareBlocks(double dt, const Vec3& gyro);
+  void compareBlocks(double dt, const Vec3& gyro, const Vec3& acc, const Vec3* calibratedField);
   double turnSeenDeg() const;
 
   HealthSettings settings_;
@@ -121,13 +133,22 @@ class SensorHealth {
   Vec3 pinTurn_[3];                       // rad, gyroscope rotation since then
   int pinnedAxes_ = 0;                    // bit per pinned axis
   double fieldHealthyTime_ = 1e300;       // s since the last pinned axis (healthy from the start)
-  // Blocks: gravity's direction in device coordinates as the gyroscope
-  // carries it from the block's start, against where it is.
-  bool blockQuiet_ = true;
+  // Blocks: gravity and the field seen in the frame the gyroscope carries
+  // from the block's start (fixed on earth, they stay put there if the
+  // gyroscope is right), their means over the block's first and last
+  // windows.
   bool blockStarted_ = false;
   double blockTime_ = 0.0;    // s
   Vec3 gyroLp_;               // rad/s, low-passed as gravity is
-  Vec3 upCarried_;
+  Quat blockFrame_;           // device now to device at the block's start, as the gyroscope says
+  Vec3 accFirst_, accLast_;   // g s, sums of the accelerometer in that frame
+  double accFirstS_ = 0.0, accLastS_ = 0.0;
+  Vec3 fieldFirst_, fieldLast_;  // gauss s, the same for the calibrated field
+  double fieldFirstS_ = 0.0, fieldLastS_ = 0.0;
+  bool blockFieldValid_ = true;  // no calibration change within the block
+  Vec3 accMid_, fieldMid_;       // the two low-passed in that frame, between the windows
+  bool haveFieldMid_ = false;
+  bool fieldTrusted_ = false;
   int badBlocks_ = 0, goodBlocks_ = 0;
   double badBlocksDeg_ = 0.0;  // deg of disagreement in the bad blocks so far
   double doubtDeg_ = 0.0;

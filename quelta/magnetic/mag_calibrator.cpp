@@ -238,6 +238,12 @@ double Calibrator::advanceClock(double t, double& interval) {
   return dt;
 }
 
+void Calibrator::forgetRotations() {
+  rotation_.forget();
+  sinceChange_.forget();
+  updateQuality(nullptr);
+}
+
 void Calibrator::rotate(double t, const double gyro[3]) {
   double interval = 0.0;
   const double dt = advanceClock(t, interval);

@@ -146,6 +146,11 @@ class Calibrator {
   // gyroscope (rad/s, its bias already removed) or nullptr.
   SampleOutput update(double t, const double mag[3], const double acc[3], const double gyro[3] = nullptr);
 
+  // The gyroscope that gave the rates so far was wrong (stuck, or a bias
+  // beyond reach): what its turns said of the offset is forgotten; the
+  // calibration itself stays.
+  void forgetRotations();
+
   // A gyroscope sample (rad/s, bias removed) at t without a field sample:
   // the turn counts towards the next field sample's evidence.
   void rotate(double t, const double gyro[3]);
