@@ -245,10 +245,13 @@ QUELTA_LAYER_API int32_t quelta_compass_set_expected_field(quelta_compass* state
  *
  * Sensors: a gyroscope that repeats one reading exactly (zeros included)
  * while gravity and the field turn otherwise, or whose bias no filter could
- * learn (gravity's direction turns away from what it says by more than a
- * 0.2 rad/s bias explains), is left out
+ * learn (in the frame it carries, gravity and, once calibrated, the field
+ * turn by more than a 0.2 rad/s bias explains: typically within 5 to 10 s,
+ * 20 s for a bias about gravity only the field sees), is left out
  * (QUELTA_COMPASS_FLAG_GYROSCOPE_LEFT_OUT) and the compass tracks without
- * it until it reads again / agrees again. A field with an axis stuck or
+ * it until it reads again / is seen, over some blocks, to have a bias
+ * within reach again; the turns it gave the calibration are then forgotten
+ * (the calibration itself stays). A field with an axis stuck or
  * clipped while the device turns is left out
  * (QUELTA_COMPASS_FLAG_FIELD_LEFT_OUT) until no axis has been for 2 s.
  * While no field steers the heading, heading_accuracy_deg grows with the

@@ -42,6 +42,34 @@ double rotationDeg(const Vec3 a[3], const Vec3 b[3]) {
   return std::acos(std::fmax(-1.0, std::fmin(1.0, 0.5 * (trace - 1.0)))) / kDeg;
 }
 
+// r's rotation matrix (device now to the block's start).
+void matrixOf(const Quat& q, double m[3][3]) {
+  const Vec3 cols[3] = {rotate(q, Vec3{1.0, 0.0, 0.0}), rotate(q, Vec3{0.0, 1.0, 0.0}), rotate(q, Vec3{0.0, 0.0, 1.0})};
+  for (int j = 0; j < 3; ++j) {
+    m[0][j] = cols[j].x;
+    m[1][j] = cols[j].y;
+    m[2][j] = cols[j].z;
+  }
+}
+
+// Solves the 3x3 system a x = b; false when a is singular.
+bool solve3(const double a[3][3], const Vec3& b, Vec3& x) {
+  const double c00 = a[1][1] * a[2][2] - a[1][2] * a[2][1];
+  const double c01 = a[1][2] * a[2][0] - a[1][0] * a[2][2];
+  const double c02 = a[1][0] * a[2][1] - a[1][1] * a[2][0];
+  const double det = a[0][0] * c00 + a[0][1] * c01 + a[0][2] * c02;
+  if (!(std::fabs(det) > 1e-300)) return false;
+  const double i01 = (a[0][2] * a[2][1] - a[0][1] * a[2][2]) / det;
+  const double i11 = (a[0][0] * a[2][2] - a[0][2] * a[2][0]) / det;
+  const double i21 = (a[0][1] * a[2][0] - a[0][0] * a[2][1]) / det;
+  const double i02 = (a[0][1] * a[1][2] - a[0][2] * a[1][1]) / det;
+  const double i12 = (a[0][2] * a[1][0] - a[0][0] * a[1][2]) / det;
+  const double i22 = (a[0][0] * a[1][1] - a[0][1] * a[1][0]) / det;
+  x = Vec3{c00 / det * b.x + i01 * b.y + i02 * b.z, c01 / det * b.x + i11 * b.y + i12 * b.z,
+           c02 / det * b.x + i21 * b.y + i22 * b.z};
+  return true;
+}
+
 }  // namespace
 
 // The turn the other sensors show since the repeat began: the rotation
@@ -163,11 +191,25 @@ void SensorHealth::compareBlocks(double dt, const Vec3& gyro, const Vec3& acc, c
     accFirstS_ = accLastS_ = fieldFirstS_ = fieldLastS_ = 0.0;
     blockFieldValid_ = true;
     haveFieldMid_ = false;
+    for (auto& row : kernel_)
+      for (double& v : row) v = 0.0;
+    blockTurn_ = 0.0;
     doubtDeg_ = badBlocksDeg_;
     return;
   }
+  // The weight of this instant's turn in the difference of the windows'
+  // means: rising over the first window, one between, falling over the last.
+  const double mid = blockTime_ + 0.5 * dt;
+  const double w = std::fmin(1.0, std::fmin(mid, settings_.blockS - mid) / settings_.windowS);
+  if (w > 0.0) {
+    double r[3][3];
+    matrixOf(blockFrame_, r);
+    for (int i = 0; i < 3; ++i)
+      for (int j = 0; j < 3; ++j) kernel_[i][j] += w * dt * r[i][j];
+  }
   blockFrame_ = normalised(blockFrame_ * fromRotationVector(dt * gyro));
   blockTime_ += dt;
+  blockTurn_ += dt * norm(gyro);
   const Vec3 a = rotate(blockFrame_, acc);
   const Vec3* f = calibratedField;
   // Between the windows the two are followed low-passed over half a window,
@@ -224,24 +266,75 @@ void SensorHealth::compareBlocks(double dt, const Vec3& gyro, const Vec3& acc, c
   if (!(accFirstS_ > 0.0) || !(accLastS_ > 0.0)) return;
   const double g0 = norm(accFirst_) / accFirstS_, g1 = norm(accLast_) / accLastS_;
   if (std::fabs(g0 - 1.0) > settings_.quietAccG || std::fabs(g1 - 1.0) > settings_.quietAccG) return;  // no verdict
+  // What this block says of the bias: in the frame a gyroscope reading the
+  // rate plus b carries, an earth-fixed direction turns by kernel_ * b
+  // between the windows (u first, v last), of which the part across u
+  // shows: u x v = (I - u u') kernel_ b.
+  // Its noise: a window's mean under accelerations, and the gyroscope's own
+  // scale and integration errors on whatever the block turned through.
+  const double turnError = settings_.turnScaleError * blockTurn_;
+  const double sigma = std::hypot(settings_.blockNoiseDeg * kDeg, turnError);
+  const auto learn = [&](const Vec3& atFirst, const Vec3& atLast) {
+    const Vec3 u = (1.0 / norm(atFirst)) * atFirst, v = (1.0 / norm(atLast)) * atLast;
+    const Vec3 axis = cross(u, v);
+    const double sinAngle = norm(axis), angle = std::atan2(sinAngle, dot(u, v));
+    const Vec3 y = sinAngle > 1e-12 ? (angle / sinAngle) * axis : Vec3{};
+    const double uu[3] = {u.x, u.y, u.z}, yy[3] = {y.x, y.y, y.z};
+    double h[3][3];  // (I - u u') kernel_
+    for (int i = 0; i < 3; ++i)
+      for (int j = 0; j < 3; ++j)
+        h[i][j] = kernel_[i][j] - uu[i] * (uu[0] * kernel_[0][j] + uu[1] * kernel_[1][j] + uu[2] * kernel_[2][j]);
+    double z[3];
+    for (int i = 0; i < 3; ++i) {
+      z[i] = 0.0;
+      for (int k = 0; k < 3; ++k) z[i] += h[k][i] * yy[k] / (sigma * sigma);
+      for (int j = 0; j < 3; ++j) {
+        double hh = 0.0;
+        for (int k = 0; k < 3; ++k) hh += h[k][i] * h[k][j];
+        info_[i][j] += hh / (sigma * sigma);
+      }
+    }
+    infoBias_ = infoBias_ + Vec3{z[0], z[1], z[2]};
+  };
+  // Older blocks count less: the bias (or the fault) may have changed.
+  const double fade = std::exp(-blockTime_ / settings_.biasMemoryS);
+  for (auto& row : info_)
+    for (double& v : row) v *= fade;
+  infoBias_ = fade * infoBias_;
+  learn(accFirst_, accLast_);
+  if (blockFieldValid_ && fieldFirstS_ > 0.5 * settings_.windowS && fieldLastS_ > 0.5 * settings_.windowS) {
+    const double before = norm(fieldFirst_) / fieldFirstS_, after = norm(fieldLast_) / fieldLastS_;
+    if (before > 0.0 && std::fabs(after / before - 1.0) < settings_.fieldSteady) learn(fieldFirst_, fieldLast_);
+  }
+  // The estimate, with a prior as wide as any gyroscope's bias (1 rad/s).
+  double total[3][3];
+  for (int i = 0; i < 3; ++i)
+    for (int j = 0; j < 3; ++j) total[i][j] = info_[i][j] + (i == j ? 1.0 : 0.0);
+  Vec3 b, aInvU;
+  if (!solve3(total, infoBias_, b)) return;
+  const double nb = norm(b);
+  const Vec3 unit = nb > 0.0 ? (1.0 / nb) * b : Vec3{1.0, 0.0, 0.0};
+  if (!solve3(total, unit, aInvU)) return;
+  biasSeen_ = b;
+  biasSeenSigma_ = std::sqrt(std::fmax(0.0, dot(unit, aInvU)));
+  // Left out after blocks in a row that disagree by more than a bias
+  // within reach and noise explain, or once the estimate is surely beyond
+  // reach; taken back only once the estimate is surely within it (blocks
+  // that happen to agree prove little: gravity cannot see a bias about
+  // itself).
   const double mismatch = mismatchDeg();
-  // Between the windows' middles a bias within reach turns them apart by
-  // at most this much.
   const double apart = blockTime_ - settings_.windowS;
   const double explained = settings_.maxBias * apart / kDeg + settings_.attitudeNoiseDeg;
-  if (mismatch > explained) {
-    ++badBlocks_;
-    goodBlocks_ = 0;
-    badBlocksDeg_ += mismatch;
-  } else {
-    ++goodBlocks_;
-    badBlocks_ = 0;
+  badBlocks_ = mismatch > explained ? badBlocks_ + 1 : 0;
+  const double margin = settings_.verdictSigmas * biasSeenSigma_;
+  if (badBlocks_ > 0 || nb - margin > settings_.maxBias) badBlocksDeg_ += mismatch;
+  if (badBlocks_ >= settings_.badBlocksToDrop || nb - margin > settings_.maxBias) biasUnlearnable_ = true;
+  if (badBlocks_ == 0 && nb + margin < settings_.maxBias) {
     badBlocksDeg_ = 0.0;
-  }
-  if (!biasUnlearnable_ && badBlocks_ >= settings_.badBlocksToDrop) biasUnlearnable_ = true;
-  if (biasUnlearnable_ && goodBlocks_ >= settings_.goodBlocksToTakeBack) {
-    biasUnlearnable_ = false;
-    takenBack_ = true;
+    if (biasUnlearnable_) {
+      biasUnlearnable_ = false;
+      takenBack_ = true;
+    }
   }
 }
 

@@ -55,8 +55,15 @@ struct HealthSettings {
                                      // for its direction to count (a disturbance changes the strength too)
   double quietAccG = 0.2;            // g: blocks whose mean specific force at either end is this far from 1 g
                                      // (a sustained acceleration: a vehicle turning) are not judged
+  double blockNoiseDeg = 10.0;       // deg, 1 sigma of a block's turn between its ends as gravity or the field
+                                     // show it (a window's mean under a walk's accelerations)
+  double turnScaleError = 0.05;      // fraction of what a block turned through that the gyroscope's scale and
+                                     // alignment errors and its integration at the sample rate may leave
+  double biasMemoryS = 30.0;         // s over which what the blocks said of the bias is remembered (a gyroscope
+                                     // that recovers is taken back within a few times this)
   int badBlocksToDrop = 2;           // blocks in a row that disagree before the gyroscope is left out
-  int goodBlocksToTakeBack = 3;      // blocks in a row that agree before it is taken back
+  double verdictSigmas = 2.0;        // how sure the estimate must be that the bias is beyond maxBias (or within
+                                     // it) before the gyroscope is left out (or taken back)
 };
 
 class SensorHealth {
@@ -96,6 +103,10 @@ class SensorHealth {
   bool fieldUsable() const { return fieldHealthyTime_ >= settings_.fieldRecoveryS; }
   bool gyroStuck() const { return gyroStuck_; }
   bool biasUnlearnable() const { return biasUnlearnable_; }
+  // What gravity and the field say of the gyroscope's bias, rad/s (device
+  // frame), and its 1-sigma along itself.
+  const Vec3& biasSeen() const { return biasSeen_; }
+  double biasSeenSigma() const { return biasSeenSigma_; }
   bool fieldPinned() const { return pinnedAxes_ != 0; }
   // Degrees the heading may be off because the gyroscope disagrees with
   // the other sensors and has not been left out yet (0 when they agree).
@@ -149,8 +160,17 @@ class SensorHealth {
   Vec3 accMid_, fieldMid_;       // the two low-passed in that frame, between the windows
   bool haveFieldMid_ = false;
   bool fieldTrusted_ = false;
-  int badBlocks_ = 0, goodBlocks_ = 0;
-  double badBlocksDeg_ = 0.0;  // deg of disagreement in the bad blocks so far
+  double blockTurn_ = 0.0;    // rad the gyroscope turned through in the block
+  double kernel_[3][3] = {};  // s, the block's frame turns integrated with the weight the windows' means give
+                              // them: a bias b (device frame) turns gravity's mean by kernel_ * b between them
+  // What the blocks said of the bias (device frame): information (s/rad)^2
+  // and its product with the estimate, both fading over biasMemoryS.
+  double info_[3][3] = {};
+  Vec3 infoBias_;
+  Vec3 biasSeen_;              // rad/s, the estimate
+  double biasSeenSigma_ = 0.0; // rad/s, its 1 sigma along itself
+  int badBlocks_ = 0;          // blocks in a row that disagreed beyond a bias within reach
+  double badBlocksDeg_ = 0.0;  // deg of disagreement in the blocks since the bias went beyond reach
   double doubtDeg_ = 0.0;
   bool biasUnlearnable_ = false;
   bool takenBack_ = false;
