@@ -135,6 +135,7 @@ Trace run(const std::vector<SampleSet>& stream, const Fault& fault, const RunOpt
   trace.headingAccuracyDeg.reserve(n);
   trace.accuracy.reserve(n);
   trace.flags.reserve(n);
+  trace.refusedAt.reserve(n);
   trace.offsetGauss.reserve(n);
   quelta_compass_output out;
   quelta_mag_calibration cal;
@@ -146,6 +147,7 @@ Trace run(const std::vector<SampleSet>& stream, const Fault& fault, const RunOpt
       if (trace.refused == 0) trace.firstRefusalCode = rc;
       ++trace.refused;
     }
+    trace.refusedAt.push_back(rc != 0 ? 1 : 0);
     quelta_compass_get_output(&compass, &out);
     trace.t.push_back(original.t);
     trace.azimuthDeg.push_back(out.azimuth_deg);
@@ -190,6 +192,7 @@ Verdict judge(const Trace& clean, const Trace& faulty, const Fault& fault, doubl
     const double t = clean.t[i];
     if (t < fault.start || t > to) continue;
     if (loop > 0.0 && t > loop && std::fmod(t, loop) < 30.0) continue;
+    if (i < faulty.refusedAt.size() && faulty.refusedAt[i] != 0) continue;
     const double diff = std::fabs(headingDiffDeg(&faulty.quaternion[4 * i], &clean.quaternion[4 * i]));
     v.worstUncovered = std::fmax(v.worstUncovered, diff / (2.0 * faulty.headingAccuracyDeg[i] + 2.0));
     if (t < from) continue;

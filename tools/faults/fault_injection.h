@@ -81,6 +81,7 @@ struct Trace {
   std::vector<int> accuracy;
   std::vector<uint32_t> flags;
   std::vector<double> offsetGauss;   // |calibration offset - reference|, NaN without a reference
+  std::vector<uint8_t> refusedAt;    // 1 where the call returned an error code (the output is the previous one)
   int64_t refused = 0;               // calls that returned an error code
   int64_t firstRefusalCode = 0;
 };
@@ -110,7 +111,8 @@ struct Verdict {
 };
 
 // window: s of the comparison from 60 s after the fault ends (after the
-// start for a lasting fault). loop: s, the length of a recording played
+// start for a lasting fault). Sample sets the compass refused are not
+// judged: their output is the previous one, and the host was told. loop: s, the length of a recording played
 // over and over (0: none); the 30 s after each seam, where the attitude
 // jumps in both runs, are not compared.
 Verdict judge(const Trace& clean, const Trace& faulty, const Fault& fault, double window, double loop = 0.0,
