@@ -144,6 +144,10 @@ void SensorHealth::watchGyroscope(double dt, const Vec3& gyro) {
   const double explainedDeg = norm(gyro) * repeatTime_ / kDeg;
   if (explainedDeg > 180.0 - settings_.turnEvidenceDeg) return;
   repeatDoubtDeg_ = std::fmax(0.0, std::fabs(turnSeenDeg() - explainedDeg) - settledDeg);
+  // A reading repeated bit for bit may be a stuck one: until it changes, the
+  // turn it has integrated since is in doubt (the other sensors, low-passed,
+  // confirm a turn only with some lag).
+  if (explainedDeg > settings_.turnEvidenceDeg) repeatDoubtDeg_ = std::fmax(repeatDoubtDeg_, explainedDeg);
   if (repeatTime_ >= settings_.repeatTimeS && repeatDoubtDeg_ > settings_.turnEvidenceDeg) gyroStuck_ = true;
 }
 

@@ -82,5 +82,22 @@ TEST(SensorHealth, ABiasWithinReachIsNeverCondemnedAndIsSeen) {
   EXPECT_DOUBLE_EQ(health.headingDoubtDeg(), 0.0);
 }
 
+TEST(SensorHealth, AReadingRepeatedBitForBitPutsTheTurnItIntegratesInDoubtAtOnce) {
+  // A gyroscope stuck on 2 rad/s about x while the device lies still: the
+  // attitude integrates 2 rad/s, and before gravity (low-passed) shows that
+  // nothing turned, the doubt already covers what the reading turned.
+  SensorHealth health;
+  const Vec3 acc{0.0, 0.0, 1.0}, field{0.0, 0.25, -0.433};
+  const Vec3 still{0.0, 0.0, 0.0}, stuck{2.0, 0.0, 0.0};
+  for (int i = 0; i < 100; ++i) health.observe(kDt, acc, &field, &field, &still);
+  double integrated = 0.0;
+  for (int i = 0; i < 5; ++i) {
+    health.observe(kDt, acc, &field, &field, &stuck);
+    if (i > 0) integrated += 2.0 * kDt / kDeg;  // the first reading is new, its repeats integrate
+    if (integrated > 3.0) EXPECT_GE(health.headingDoubtDeg() + 1e-9, integrated) << i;
+  }
+  EXPECT_GT(integrated, 3.0);
+}
+
 }  // namespace
 }  // namespace quelta::compass
