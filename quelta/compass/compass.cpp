@@ -72,6 +72,7 @@ TimeStep Compass::admit(double t, const Vec3& acc, const Vec3* rawField, const V
                           calibrator_.calibration().model != magnetic::Model::None);
   health_.observe(step.dt, acc, rawField, calibratedField, gyro);
   if (health_.takeGyroscopeBack()) filter_.reset();
+  if (health_.takeAttitudeJump()) filter_.restartAttitude();
   return step;
 }
 

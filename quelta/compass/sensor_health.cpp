@@ -93,6 +93,7 @@ bool SensorHealth::unmoved(const Vec3& acc, const Vec3* calibratedField, double 
 void SensorHealth::observe(double dt, const Vec3& acc, const Vec3* rawField, const Vec3* calibratedField,
                            const Vec3* gyro) {
   const double k = dt / (dt + settings_.gravityTauS);
+  watchJump(dt, acc, calibratedField, gyro);
   if (!haveGravity_) {
     gravity_ = acc;
     haveGravity_ = true;
@@ -100,6 +101,7 @@ void SensorHealth::observe(double dt, const Vec3& acc, const Vec3* rawField, con
     gravity_ = gravity_ + k * (acc - gravity_);
   }
   lastAcc_ = acc;
+  sinceField_ = calibratedField != nullptr ? 0.0 : sinceField_ + dt;
   if (calibratedField != nullptr) {
     field_ = haveCalibratedField_ ? field_ + k * (*calibratedField - field_) : *calibratedField;
     lastCalibrated_ = *calibratedField;
@@ -117,6 +119,29 @@ void SensorHealth::observe(double dt, const Vec3& acc, const Vec3* rawField, con
     watchGyroscope(dt, *gyro);
     if (!gyroStuck_) compareBlocks(dt, *gyro, acc, fieldTrusted_ ? calibratedField : nullptr);
   }
+}
+
+// The field turned, from one sample set to the next, by far more than the
+// gyroscope says, keeping its strength and its angle to gravity (the field
+// did not change: the device turned, and no hand turns it that fast):
+// samples were lost without a gap in the times, or the stream was spliced.
+// The attitude is not where the gyroscope carried it.
+void SensorHealth::watchJump(double dt, const Vec3& acc, const Vec3* calibratedField, const Vec3* gyro) {
+  if (!haveGravity_ || calibratedField == nullptr || !fieldTrusted_ || !haveCalibratedField_ || gyro == nullptr ||
+      !(dt > 0.0) || dt > settings_.jumpWithinS || sinceField_ > settings_.jumpWithinS)
+    return;
+  const auto calm = [&](const Vec3& a) { return std::fabs(norm(a) - 1.0) < settings_.jumpCalmG; };
+  if (!calm(acc) || !calm(lastAcc_)) return;  // a shock moves the accelerometer on its own
+  const double fieldBefore = norm(lastCalibrated_), fieldNow = norm(*calibratedField);
+  if (!(fieldBefore > 0.0) || std::fabs(fieldNow / fieldBefore - 1.0) > settings_.fieldSteady) return;
+  // Directions fixed on earth turn the other way in device coordinates;
+  // the gyroscope's scale errors and the readings' timing leave a share of
+  // the turn unexplained.
+  const Quat back = conj(fromRotationVector(dt * (*gyro)));
+  const double allowed = settings_.jumpDeg + settings_.jumpTurnShare * dt * norm(*gyro) / kDeg;
+  const double fieldJump = angleDeg(rotate(back, lastCalibrated_), *calibratedField);
+  const double dipChange = std::fabs(angleDeg(acc, *calibratedField) - angleDeg(lastAcc_, lastCalibrated_));
+  if (fieldJump > allowed && dipChange < settings_.jumpDipDeg) jumped_ = true;
 }
 
 void SensorHealth::watchGyroscope(double dt, const Vec3& gyro) {

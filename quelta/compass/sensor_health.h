@@ -51,6 +51,14 @@ struct HealthSettings {
   double attitudeNoiseDeg = 25.0;    // deg, how far a window's mean gravity strays from up under sustained
                                      // accelerations (0.4 g sideways: 22 degrees), or a calibrated field's
                                      // direction under a calibration's residue and soft iron
+  double jumpDeg = 30.0;             // deg the field must turn in one sample set beyond what the gyroscope says
+                                     // to be a jump of the attitude (a hand turns a phone by at most about
+                                     // 20 rad/s: 12 degrees at 100 Hz, and the gyroscope sees that)
+  double jumpDipDeg = 5.0;           // deg its angle to gravity may change meanwhile (a disturbance changes it)
+  double jumpTurnShare = 0.5;        // ... plus this share of what it turned by (scale errors, and a swinging
+                                     // device's rate changing within the interval at low sample rates)
+  double jumpWithinS = 0.05;         // s: only consecutive sample sets this close are compared (20 Hz and up)
+  double jumpCalmG = 0.5;            // g: both accelerometer readings this close to 1 g (no shock)
   double fieldSteady = 0.1;          // relative: the field's strength at both ends of a block within this
                                      // for its direction to count (a disturbance changes the strength too)
   double quietAccG = 0.2;            // g: blocks whose mean specific force at either end is this far from 1 g
@@ -91,6 +99,13 @@ class SensorHealth {
   // direction is the earth's (a field still carrying the device's hard iron
   // turns with the device, not against it).
   void setFieldTrusted(bool trusted) { fieldTrusted_ = trusted; }
+  // True once, when gravity and the field have just jumped together beyond
+  // what the gyroscope turned: the attitude must be found again.
+  bool takeAttitudeJump() {
+    const bool j = jumped_;
+    jumped_ = false;
+    return j;
+  }
   // True once, when the gyroscope has just been taken back after a bias no
   // filter could learn: the filter's bias estimate is stale.
   bool takeGyroscopeBack() {
@@ -114,6 +129,7 @@ class SensorHealth {
 
  private:
   void watchGyroscope(double dt, const Vec3& gyro);
+  void watchJump(double dt, const Vec3& acc, const Vec3* calibratedField, const Vec3* gyro);
   void watchField(double dt, const Vec3& raw);
   void compareBlocks(double dt, const Vec3& gyro, const Vec3& acc, const Vec3* calibratedField);
   double turnSeenDeg() const;
@@ -174,6 +190,8 @@ class SensorHealth {
   double doubtDeg_ = 0.0;
   bool biasUnlearnable_ = false;
   bool takenBack_ = false;
+  bool jumped_ = false;
+  double sinceField_ = 0.0;  // s since the last sample set with a field
 };
 
 }  // namespace quelta::compass

@@ -186,6 +186,42 @@ TEST(FaultSuite, AGapOverATurnFindsTheHeadingAgain) {
   EXPECT_LT(std::fabs(quelta::faults::angleDiffDeg(out.azimuth_deg, w.stream[from + 299].truthAzimuthDeg)), 8.0);
 }
 
+// Samples lost without a gap in the times (a spliced stream): between two
+// sample sets the device jumps by the turn of the walk's lost stretch while
+// the gyroscope turned by next to nothing. The attitude is found again from
+// the samples after the splice, and until it is the estimate says so.
+TEST(FaultSuite, ASplicedStreamFindsTheAttitudeAgain) {
+  const Walk& w = walk();
+  // Splice at 90 s onto the walk 30 s later, where its heading differs most.
+  const size_t at = 4500;
+  size_t to = at + 1500;
+  double most = 0.0;
+  for (size_t j = at + 1000; j < at + 2500 && j < w.stream.size(); j += 10) {
+    const double* g = w.stream[j].gyro;
+    if (std::sqrt(g[0] * g[0] + g[1] * g[1] + g[2] * g[2]) > 1.0) continue;  // a turn that explains the jump
+    const double d = std::fabs(quelta::faults::angleDiffDeg(w.stream[j].truthAzimuthDeg, w.stream[at].truthAzimuthDeg));
+    if (d > most) {
+      most = d;
+      to = j;
+    }
+  }
+  ASSERT_GT(most, 60.0);
+  static quelta_compass c;
+  ASSERT_EQ(quelta_compass_init(&c), 0);
+  quelta_compass_output out;
+  for (size_t i = 0; i < at + 250; ++i) {
+    const SampleSet& s = w.stream[i < at ? i : to + (i - at)];
+    const double t = 0.02 * static_cast<double>(i);  // the times run on regardless
+    ASSERT_EQ(quelta_compass_update(&c, t, s.acc, s.field, s.gyro), 0);
+    ASSERT_EQ(quelta_compass_get_output(&c, &out), 0);
+    if (i < at) continue;
+    const double error = std::fabs(quelta::faults::angleDiffDeg(out.azimuth_deg, s.truthAzimuthDeg));
+    EXPECT_LE(error, 2.0 * out.heading_accuracy_deg + 2.0) << "at " << t << " s";
+  }
+  // Five seconds after the splice.
+  EXPECT_LT(std::fabs(quelta::faults::angleDiffDeg(out.azimuth_deg, w.stream[to + 249].truthAzimuthDeg)), 5.0);
+}
+
 // A dead gyroscope and a stuck field axis are left out while they last
 // (flagged) and taken back after; the no-fault walk never leaves either out.
 TEST(FaultSuite, StuckSensorsAreLeftOutWhileTheFaultLasts) {
