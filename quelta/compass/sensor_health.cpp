@@ -131,7 +131,6 @@ void SensorHealth::watchJump(double dt, const Vec3& acc, const Vec3* calibratedF
       !(dt > 0.0) || dt > settings_.jumpWithinS || sinceField_ > settings_.jumpWithinS)
     return;
   const auto calm = [&](const Vec3& a) { return std::fabs(norm(a) - 1.0) < settings_.jumpCalmG; };
-  if (!calm(acc) || !calm(lastAcc_)) return;  // a shock moves the accelerometer on its own
   const double fieldBefore = norm(lastCalibrated_), fieldNow = norm(*calibratedField);
   if (!(fieldBefore > 0.0) || std::fabs(fieldNow / fieldBefore - 1.0) > settings_.fieldSteady) return;
   // Directions fixed on earth turn the other way in device coordinates;
@@ -140,8 +139,15 @@ void SensorHealth::watchJump(double dt, const Vec3& acc, const Vec3* calibratedF
   const Quat back = conj(fromRotationVector(dt * (*gyro)));
   const double allowed = settings_.jumpDeg + settings_.jumpTurnShare * dt * norm(*gyro) / kDeg;
   const double fieldJump = angleDeg(rotate(back, lastCalibrated_), *calibratedField);
-  const double dipChange = std::fabs(angleDeg(acc, *calibratedField) - angleDeg(lastAcc_, lastCalibrated_));
-  if (fieldJump > allowed && dipChange < settings_.jumpDipDeg) jumped_ = true;
+  if (!(fieldJump > allowed)) return;
+  // Its angle to gravity kept: as the two readings show it (unless a shock
+  // moves the accelerometer on its own), or, for a jump about up alone, as
+  // the low-passed gravity shows it (steadier while walking).
+  const bool rawKept = calm(acc) && calm(lastAcc_) &&
+                       std::fabs(angleDeg(acc, *calibratedField) - angleDeg(lastAcc_, lastCalibrated_)) < settings_.jumpDipDeg;
+  const bool meanKept =
+      std::fabs(angleDeg(gravity_, *calibratedField) - angleDeg(gravity_, lastCalibrated_)) < settings_.jumpDipDeg;
+  if (rawKept || meanKept) jumped_ = true;
 }
 
 void SensorHealth::watchGyroscope(double dt, const Vec3& gyro) {

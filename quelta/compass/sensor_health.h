@@ -51,13 +51,15 @@ struct HealthSettings {
   double attitudeNoiseDeg = 25.0;    // deg, how far a window's mean gravity strays from up under sustained
                                      // accelerations (0.4 g sideways: 22 degrees), or a calibrated field's
                                      // direction under a calibration's residue and soft iron
-  double jumpDeg = 30.0;             // deg the field must turn in one sample set beyond what the gyroscope says
+  double jumpDeg = 20.0;             // deg the field must turn in one sample set beyond what the gyroscope says
                                      // to be a jump of the attitude (a hand turns a phone by at most about
                                      // 20 rad/s: 12 degrees at 100 Hz, and the gyroscope sees that)
   double jumpDipDeg = 5.0;           // deg its angle to gravity may change meanwhile (a disturbance changes it)
-  double jumpTurnShare = 0.5;        // ... plus this share of what it turned by (scale errors, and a swinging
-                                     // device's rate changing within the interval at low sample rates)
-  double jumpWithinS = 0.05;         // s: only consecutive sample sets this close are compared (20 Hz and up)
+  double jumpTurnShare = 1.0;        // ... plus this share of what it turned by in the interval (the field's
+                                     // and the gyroscope's readings may be an interval apart in time)
+  double jumpWithinS = 0.025;        // s: only consecutive sample sets this close are compared (40 Hz and up:
+                                     // at lower rates a swinging device's rate changes too much within one
+                                     // interval for the gyroscope's reading to say where it went)
   double jumpCalmG = 0.5;            // g: both accelerometer readings this close to 1 g (no shock)
   double fieldSteady = 0.1;          // relative: the field's strength at both ends of a block within this
                                      // for its direction to count (a disturbance changes the strength too)
