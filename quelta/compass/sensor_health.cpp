@@ -42,14 +42,20 @@ double rotationDeg(const Vec3 a[3], const Vec3 b[3]) {
   return std::acos(std::fmax(-1.0, std::fmin(1.0, 0.5 * (trace - 1.0)))) / kDeg;
 }
 
-// r's rotation matrix (device now to the block's start).
+// q's rotation matrix (device now to the block's start).
 void matrixOf(const Quat& q, double m[3][3]) {
-  const Vec3 cols[3] = {rotate(q, Vec3{1.0, 0.0, 0.0}), rotate(q, Vec3{0.0, 1.0, 0.0}), rotate(q, Vec3{0.0, 0.0, 1.0})};
-  for (int j = 0; j < 3; ++j) {
-    m[0][j] = cols[j].x;
-    m[1][j] = cols[j].y;
-    m[2][j] = cols[j].z;
-  }
+  const double xx = q.x * q.x, yy = q.y * q.y, zz = q.z * q.z;
+  const double xy = q.x * q.y, xz = q.x * q.z, yz = q.y * q.z;
+  const double wx = q.w * q.x, wy = q.w * q.y, wz = q.w * q.z;
+  m[0][0] = 1.0 - 2.0 * (yy + zz);
+  m[0][1] = 2.0 * (xy - wz);
+  m[0][2] = 2.0 * (xz + wy);
+  m[1][0] = 2.0 * (xy + wz);
+  m[1][1] = 1.0 - 2.0 * (xx + zz);
+  m[1][2] = 2.0 * (yz - wx);
+  m[2][0] = 2.0 * (xz - wy);
+  m[2][1] = 2.0 * (yz + wx);
+  m[2][2] = 1.0 - 2.0 * (xx + yy);
 }
 
 // Solves the 3x3 system a x = b; false when a is singular.
@@ -133,6 +139,8 @@ void SensorHealth::watchJump(double dt, const Vec3& acc, const Vec3* calibratedF
   const auto calm = [&](const Vec3& a) { return std::fabs(norm(a) - 1.0) < settings_.jumpCalmG; };
   const double fieldBefore = norm(lastCalibrated_), fieldNow = norm(*calibratedField);
   if (!(fieldBefore > 0.0) || std::fabs(fieldNow / fieldBefore - 1.0) > settings_.fieldSteady) return;
+  // Turned less than jumpDeg as read: less than allowed once carried, too.
+  if (dot(lastCalibrated_, *calibratedField) > std::cos(settings_.jumpDeg * kDeg) * fieldBefore * fieldNow) return;
   // Directions fixed on earth turn the other way in device coordinates;
   // the gyroscope's scale errors and the readings' timing leave a share of
   // the turn unexplained.
