@@ -166,6 +166,7 @@ void SensorHealth::watchGyroscope(double dt, const Vec3& gyro) {
     repeatTime_ = 0.0;
     repeatDoubtDeg_ = 0.0;
     repeatLagRad_ = norm(gyroLp_) * settings_.gravityTauS;
+    repeatRateBefore_ = gyroLp_;
     repeatGravity_ = gravity_;
     repeatField_ = field_;
     repeatFieldKnown_ = haveCalibratedField_;
@@ -187,6 +188,13 @@ void SensorHealth::watchGyroscope(double dt, const Vec3& gyro) {
   // turn it has integrated since is in doubt (the other sensors, low-passed,
   // confirm a turn only with some lag).
   if (explainedDeg > settings_.turnEvidenceDeg) repeatDoubtDeg_ = std::fmax(repeatDoubtDeg_, explainedDeg);
+  // Nor does a device stop (or start) turning at once: until gravity and
+  // the field, low-passed, can tell, a repeated reading that departs from
+  // the recent rate leaves in doubt the turn that rate would have made.
+  if (repeatTime_ < 2.0 * settings_.gravityTauS) {
+    const double departedDeg = norm(repeatRateBefore_ - gyro) * repeatTime_ / kDeg;
+    if (departedDeg > settings_.turnEvidenceDeg) repeatDoubtDeg_ = std::fmax(repeatDoubtDeg_, departedDeg);
+  }
   if (repeatTime_ >= settings_.repeatTimeS && repeatDoubtDeg_ > settings_.turnEvidenceDeg) gyroStuck_ = true;
 }
 

@@ -153,6 +153,7 @@ class SensorHealth {
   Vec3 repeatField_;          // ... the calibrated field when the repeat began
   bool repeatFieldKnown_ = false;
   double repeatDoubtDeg_ = 0.0;
+  Vec3 repeatRateBefore_;        // rad/s, the low-passed rate when the repeat began
   double repeatLagRad_ = 0.0;    // rad the low-passed directions lagged when the repeat began  // deg the other sensors' turn differs from the repeated reading's
   bool gyroStuck_ = false;
   // Field axes.
