@@ -83,7 +83,7 @@ void Compass::feed(double t, const Vec3& acc, const Vec3* rawField, const Vec3* 
   // A gyroscope under suspicion (it disagrees with gravity, or its bias is
   // beyond what the filter can hold) tells the calibration nothing: its
   // turns would teach a wrong offset.
-  const Vec3* turns = health_.headingDoubtDeg() > 0.0 || !filter_.gyroUsable() ? nullptr : gyro;
+  const Vec3* turns = health_.gyroSuspect() || !filter_.gyroUsable() ? nullptr : gyro;
   // A gyroscope found wrong: the turns it gave the calibration before the
   // verdict are no evidence either.
   const bool leftOut = !health_.gyroUsable() || !filter_.gyroUsable();

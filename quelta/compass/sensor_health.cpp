@@ -165,6 +165,7 @@ void SensorHealth::watchGyroscope(double dt, const Vec3& gyro) {
     lastGyro_ = gyro;
     repeatTime_ = 0.0;
     repeatDoubtDeg_ = 0.0;
+    departedDoubtDeg_ = 0.0;
     repeatLagRad_ = norm(gyroLp_) * settings_.gravityTauS;
     repeatRateBefore_ = gyroLp_;
     repeatGravity_ = gravity_;
@@ -191,9 +192,10 @@ void SensorHealth::watchGyroscope(double dt, const Vec3& gyro) {
   // Nor does a device stop (or start) turning at once: until gravity and
   // the field, low-passed, can tell, a repeated reading that departs from
   // the recent rate leaves in doubt the turn that rate would have made.
+  departedDoubtDeg_ = 0.0;
   if (repeatTime_ < 2.0 * settings_.gravityTauS) {
     const double departedDeg = norm(repeatRateBefore_ - gyro) * repeatTime_ / kDeg;
-    if (departedDeg > settings_.turnEvidenceDeg) repeatDoubtDeg_ = std::fmax(repeatDoubtDeg_, departedDeg);
+    if (departedDeg > settings_.turnEvidenceDeg) departedDoubtDeg_ = departedDeg;
   }
   if (repeatTime_ >= settings_.repeatTimeS && repeatDoubtDeg_ > settings_.turnEvidenceDeg) gyroStuck_ = true;
 }

@@ -127,7 +127,14 @@ class SensorHealth {
   bool fieldPinned() const { return pinnedAxes_ != 0; }
   // Degrees the heading may be off because the gyroscope disagrees with
   // the other sensors and has not been left out yet (0 when they agree).
-  double headingDoubtDeg() const { return biasUnlearnable_ || gyroStuck_ ? 0.0 : std::fmax(doubtDeg_, repeatDoubtDeg_); }
+  double headingDoubtDeg() const {
+    return biasUnlearnable_ || gyroStuck_ ? 0.0 : std::fmax(std::fmax(doubtDeg_, repeatDoubtDeg_), departedDoubtDeg_);
+  }
+  // Whether the gyroscope is under suspicion (it disagrees with the other
+  // sensors, or a repeated reading turned the attitude): its turns then
+  // teach nothing. A reading that merely departed from the recent rate for
+  // a moment (a device stopped short) is doubted, not suspected.
+  bool gyroSuspect() const { return !biasUnlearnable_ && !gyroStuck_ && std::fmax(doubtDeg_, repeatDoubtDeg_) > 0.0; }
 
  private:
   void watchGyroscope(double dt, const Vec3& gyro);
@@ -154,6 +161,7 @@ class SensorHealth {
   bool repeatFieldKnown_ = false;
   double repeatDoubtDeg_ = 0.0;
   Vec3 repeatRateBefore_;        // rad/s, the low-passed rate when the repeat began
+  double departedDoubtDeg_ = 0.0;  // deg that rate would have turned since, while the others cannot tell yet
   double repeatLagRad_ = 0.0;    // rad the low-passed directions lagged when the repeat began  // deg the other sensors' turn differs from the repeated reading's
   bool gyroStuck_ = false;
   // Field axes.
