@@ -195,3 +195,39 @@ TEST(MagneticCalibration, WithTheGyroscopeAPassingDisturbanceLeavesTheOffsetAndA
 }
 
 }  // namespace
+
+namespace {
+
+TEST(MagneticCalibration, TheTurnsOfAGyroscopeFoundWrongAreForgottenAndTheCalibrationStays) {
+  // Calibrated with a good gyroscope; then the gyroscope's bias jumps to
+  // 0.5 rad/s on each axis: its turns say the offset is elsewhere and the
+  // heading error the quality reports grows. Once the compass finds the
+  // gyroscope wrong, what it said is forgotten: the calibration is the
+  // same, the heading error what the fit alone says.
+  const quelta::sim::Vec3 hardIron{0.2, -0.3, 0.4};
+  SoftIronDevice dev = plainDevice(hardIron);
+  static Calibrator cal;
+  cal.reset();
+  run(cal, dev, quelta::sim::unevenHandMotion, 0.0, 40.0, true);
+  ASSERT_NE(cal.calibration().model, Model::None);
+  const Vec3d offset = cal.calibration().offset;
+  const double before = cal.quality().headingErrorDeg;
+  double mag[3], acc[3];
+  Quat last = quelta::sim::unevenHandMotion(40.0 - 1.0 / kRate);
+  for (double t = 40.0; t < 48.0; t += 1.0 / kRate) {
+    const Quat q = quelta::sim::unevenHandMotion(t);
+    dev.read(q, mag, acc, {0.0, 0.0, 0.0});
+    const Vec3d w = bodyRate(last, q, 1.0 / kRate);
+    const double rate[3] = {w.x + 0.5, w.y + 0.5, w.z + 0.5};
+    cal.update(t, mag, acc, rate);
+    last = q;
+  }
+  const double misled = cal.quality().headingErrorDeg;
+  EXPECT_GT(misled, before + 5.0);
+  cal.forgetRotations();
+  EXPECT_EQ(cal.rotationEvidence().rows(), 0);
+  EXPECT_LT(norm(cal.calibration().offset - offset), 0.01);
+  EXPECT_LT(cal.quality().headingErrorDeg, misled - 5.0);
+}
+
+}  // namespace
