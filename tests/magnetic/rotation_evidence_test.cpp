@@ -99,10 +99,11 @@ TEST(RotationEvidence, TurnsDetermineTheComponentsAcrossTheirAxisAndStillnessNot
 }
 
 // Runs a simulated device (no soft iron, the given hard iron) through motion
-// for the given time; with gyro, the exact mean body rate of each interval.
+// for the given time; with gyro, the exact mean body rate of each interval
+// (plus gyroBias, rad/s).
 template <typename Motion>
 void run(Calibrator& cal, SoftIronDevice& dev, Motion motion, double from, double to, bool gyro,
-         quelta::sim::Vec3 gradientEnu = {}, double gradientRate = 0.2) {
+         quelta::sim::Vec3 gradientEnu = {}, double gradientRate = 0.2, Vec3d gyroBias = {}) {
   double mag[3], acc[3];
   Quat last = motion(from - 1.0 / kRate);
   for (double t = from; t < to; t += 1.0 / kRate) {
@@ -110,7 +111,7 @@ void run(Calibrator& cal, SoftIronDevice& dev, Motion motion, double from, doubl
     // The gradient: the field changes along the path, as sliding past iron.
     const double s = std::sin(gradientRate * (t - from));
     dev.read(q, mag, acc, {gradientEnu.x * s, gradientEnu.y * s, gradientEnu.z * s});
-    const Vec3d w = bodyRate(last, q, 1.0 / kRate);
+    const Vec3d w = bodyRate(last, q, 1.0 / kRate) + gyroBias;
     const double rate[3] = {w.x, w.y, w.z};
     cal.update(t, mag, acc, gyro ? rate : nullptr);
     last = q;
@@ -212,16 +213,7 @@ TEST(MagneticCalibration, TheTurnsOfAGyroscopeFoundWrongAreForgottenAndTheCalibr
   ASSERT_NE(cal.calibration().model, Model::None);
   const Vec3d offset = cal.calibration().offset;
   const double before = cal.quality().headingErrorDeg;
-  double mag[3], acc[3];
-  Quat last = quelta::sim::unevenHandMotion(40.0 - 1.0 / kRate);
-  for (double t = 40.0; t < 48.0; t += 1.0 / kRate) {
-    const Quat q = quelta::sim::unevenHandMotion(t);
-    dev.read(q, mag, acc, {0.0, 0.0, 0.0});
-    const Vec3d w = bodyRate(last, q, 1.0 / kRate);
-    const double rate[3] = {w.x + 0.5, w.y + 0.5, w.z + 0.5};
-    cal.update(t, mag, acc, rate);
-    last = q;
-  }
+  run(cal, dev, quelta::sim::unevenHandMotion, 40.0, 48.0, true, {}, 0.2, Vec3d{0.5, 0.5, 0.5});
   const double misled = cal.quality().headingErrorDeg;
   EXPECT_GT(misled, before + 5.0);
   cal.forgetRotations();
