@@ -29,7 +29,7 @@ void HeadingEstimate::reset(double biasVar) {
 // wander by what the field's noise over the low-pass and the bias still
 // unknown about up explain (a gyroscope's drift over the time since), not
 // more. Returns false (and anchors anew) when it wandered further.
-bool HeadingEstimate::trackSteadiness(double dt) {
+bool HeadingEstimate::trackSteadiness(double dt, double fieldDensity) {
   if (!anchored_) {
     anchored_ = true;
     anchor_ = psiLp_;
@@ -37,8 +37,7 @@ bool HeadingEstimate::trackSteadiness(double dt) {
     return true;
   }
   anchorAge_ += dt;
-  const double density = maxOf(settings_.fieldNoise * settings_.fieldNoise, jitterSq_ * settings_.innovationTau);
-  const double wander = settings_.gate * std::sqrt(density / settings_.innovationTau) + settings_.gateFloorDeg * kDeg +
+  const double wander = settings_.gate * std::sqrt(fieldDensity / settings_.innovationTau) + settings_.gateFloorDeg * kDeg +
                         std::sqrt(bb_) * anchorAge_;
   if (std::fabs(wrapPi(psiLp_ - anchor_)) <= wander) return true;
   anchor_ = psiLp_;
@@ -86,18 +85,19 @@ HeadingEstimate::Correction HeadingEstimate::correct(double psi, double dt, bool
   // far more than a still one's).
   const double kNoise = dt / (dt + settings_.noiseTau);
   jitterSq_ += kNoise * (jitter * jitter - jitterSq_);
+  // The field heading's noise density (rad^2 s): its floor or its measured jitter.
+  const double fieldDensity = maxOf(settings_.fieldNoise * settings_.fieldNoise, jitterSq_ * settings_.innovationTau);
   // Whether the disagreement still says what it said when it began: a
   // wrong heading shows the same disagreement whatever the device does,
   // a disturbance the device moves through does not.
-  const bool consistent = trackSteadiness(dt);
+  const bool consistent = trackSteadiness(dt, fieldDensity);
   if (!follow || !(weight > 0.0)) {
     if (!consistent) steadyTime_ = 0.0;
     return c;
   }
   // What the low-passed disagreement may be when both agree: the field's
   // noise over the low-pass, the heading's own uncertainty, a floor.
-  const double density =
-      maxOf(settings_.fieldNoise * settings_.fieldNoise, jitterSq_ * settings_.innovationTau) + tiltNoise + settleNoise;
+  const double density = fieldDensity + tiltNoise + settleNoise;
   const double noise = density / settings_.innovationTau;
   const double floor = settings_.gateFloorDeg * kDeg;
   const double allowed = settings_.gate * std::sqrt(noise + hh_) + floor;

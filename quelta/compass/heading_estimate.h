@@ -84,7 +84,7 @@ class HeadingEstimate {
   double psiLp_ = 0.0;                     // rad, low-passed disagreement
   double jitterSq_ = 0.0;                  // rad^2, mean square of the readings about it
   bool psiPrimed_ = false;
-  bool trackSteadiness(double dt);
+  bool trackSteadiness(double dt, double fieldDensity);
 
   double steadyTime_ = 0.0;                // s the field has disagreed steadily while clean by every other test
   bool anchored_ = false;                  // a steady disagreement is being watched
