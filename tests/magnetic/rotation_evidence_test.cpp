@@ -126,6 +126,15 @@ SoftIronDevice plainDevice(quelta::sim::Vec3 hardIron) {
   return dev;
 }
 
+// A calibrator started afresh and calibrated with an exact gyroscope over
+// 40 s of uneven hand motion.
+Calibrator& calibratedByHand(SoftIronDevice& dev) {
+  static Calibrator cal;
+  cal.reset();
+  run(cal, dev, quelta::sim::unevenHandMotion, 0.0, 40.0, true);
+  return cal;
+}
+
 TEST(MagneticCalibration, CalibratedSensorSlidWithoutTurningKeepsItsOffsetAndHeading) {
   // A sensor that arrives calibrated, slid back and forth without turning
   // through a field that changes by up to 0.1 gauss along the path.
@@ -180,9 +189,7 @@ TEST(MagneticCalibration, GyroscopeCalibratesARawPhoneTurningAboutTheVerticalAnd
 TEST(MagneticCalibration, WithTheGyroscopeAPassingDisturbanceLeavesTheOffsetAndANewMagnetIsAdopted) {
   const quelta::sim::Vec3 hardIron{0.31, -0.42, 1.95};
   SoftIronDevice dev = plainDevice(hardIron);
-  static Calibrator cal;
-  cal.reset();
-  run(cal, dev, quelta::sim::unevenHandMotion, 0.0, 40.0, true);
+  Calibrator& cal = calibratedByHand(dev);
   const Vec3d before = cal.calibration().offset;
   ASSERT_LT(norm(before - Vec3d{hardIron.x, hardIron.y, hardIron.z}), 0.02);
   // Walking past iron for 8 s while texting: 0.15 gauss on and off.
@@ -195,10 +202,6 @@ TEST(MagneticCalibration, WithTheGyroscopeAPassingDisturbanceLeavesTheOffsetAndA
   EXPECT_LT(norm(cal.calibration().offset - Vec3d{dev.hardIron.x, dev.hardIron.y, dev.hardIron.z}), 0.02);
 }
 
-}  // namespace
-
-namespace {
-
 TEST(MagneticCalibration, TheTurnsOfAGyroscopeFoundWrongAreForgottenAndTheCalibrationStays) {
   // Calibrated with a good gyroscope; then the gyroscope's bias jumps to
   // 0.5 rad/s on each axis: its turns say the offset is elsewhere and the
@@ -207,9 +210,7 @@ TEST(MagneticCalibration, TheTurnsOfAGyroscopeFoundWrongAreForgottenAndTheCalibr
   // same, the heading error what the fit alone says.
   const quelta::sim::Vec3 hardIron{0.2, -0.3, 0.4};
   SoftIronDevice dev = plainDevice(hardIron);
-  static Calibrator cal;
-  cal.reset();
-  run(cal, dev, quelta::sim::unevenHandMotion, 0.0, 40.0, true);
+  Calibrator& cal = calibratedByHand(dev);
   ASSERT_NE(cal.calibration().model, Model::None);
   const Vec3d offset = cal.calibration().offset;
   const double before = cal.quality().headingErrorDeg;
